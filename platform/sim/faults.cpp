@@ -1,0 +1,88 @@
+/*
+ * Fault injection and the reset and failure plumbing of the simulated host.
+ */
+#include <cstdio>
+#include <map>
+#include <vector>
+
+#include "sim_internal.h"
+
+namespace sim {
+namespace {
+
+struct CallFault {
+   zek_Status status;
+   uint32_t remaining; /* failing calls still to come */
+   uint32_t skip;      /* successful calls before the first failure */
+};
+
+std::mutex gFaultMutex;
+std::map<std::string, CallFault> gCallFaults;
+FailureHook gFailureHook;
+
+std::vector<ResetHook> &ResetHooks() {
+   static std::vector<ResetHook> hooks;
+   return hooks;
+}
+
+} // namespace
+
+void RegisterResetHook(ResetHook hook) { ResetHooks().push_back(hook); }
+
+void SetFailureHook(FailureHook hook) { gFailureHook = hook; }
+
+void ReportFailure(const std::string &what) {
+   if (gFailureHook) {
+      gFailureHook(what);
+   } else {
+      std::fprintf(stderr, "simulated host: %s\n", what.c_str());
+   }
+}
+
+void FaultCall(const std::string &name, zek_Status status, uint32_t count,
+               uint32_t after) {
+   std::lock_guard<std::mutex> guard(gFaultMutex);
+   if (count == 0) {
+      gCallFaults.erase(name);
+      return;
+   }
+   gCallFaults[name] = CallFault{status, count, after};
+}
+
+void FaultClear() {
+   {
+      std::lock_guard<std::mutex> guard(gFaultMutex);
+      gCallFaults.clear();
+   }
+   FaultAlloc(0, 0);
+}
+
+bool FaultCheck(const char *name, zek_Status *status) {
+   std::lock_guard<std::mutex> guard(gFaultMutex);
+   auto it = gCallFaults.find(name);
+   if (it == gCallFaults.end()) {
+      return false;
+   }
+   CallFault &fault = it->second;
+   if (fault.skip > 0) {
+      fault.skip--;
+      return false;
+   }
+   *status = fault.status;
+   if (--fault.remaining == 0) {
+      gCallFaults.erase(it);
+   }
+   return true;
+}
+
+void Reset() {
+   {
+      std::lock_guard<std::mutex> guard(gFaultMutex);
+      gCallFaults.clear();
+   }
+   for (ResetHook hook : ResetHooks()) {
+      hook();
+   }
+}
+
+} // namespace sim

@@ -1,0 +1,50 @@
+/*
+ * Test API of the simulated host: frames, frame lists, tracing.
+ */
+#ifndef SIM_FRAMES_H
+#define SIM_FRAMES_H
+
+#include <cstdint>
+#include <vector>
+
+#include "zek.h"
+
+namespace sim {
+
+struct FrameOptions {
+   uint16_t vlan = 0;      /* the frame's VLAN as metadata */
+   int32_t mapped = -1;    /* mapped bytes; -1: the whole frame */
+   std::vector<uint32_t> sg; /* element lengths; the rest goes in a last one.
+                                Empty: one element holds the whole frame. */
+   bool traceAttr = false; /* carries the packet-trace attribute */
+   uint64_t traceValue = 0;
+};
+
+/* Builds a frame from the bytes of an Ethernet frame.  An 802.1Q tag in the
+ * bytes is stripped into the VLAN metadata, as the host does on receive.
+ * The headers are parsed at once (see zek_PktHeaderFind). */
+zek_Pkt *MakeFrame(const std::vector<uint8_t> &bytes,
+                   const FrameOptions &opts = FrameOptions());
+std::vector<uint8_t> FrameBytes(zek_Pkt *pkt);
+uint64_t FramesLive(); /* created or copied and not released */
+/* The parsed header table of a frame, in order (for tests of the parser). */
+struct HeaderInfo {
+   uint32_t layer;
+   zek_PktHeaderEntry entry;
+};
+std::vector<HeaderInfo> FrameHeaders(zek_Pkt *pkt);
+
+/* Frame lists.  A list owns its frames; DestroyList releases what is left. */
+zek_PktList *MakeList();
+void ListAppend(zek_PktList *list, zek_Pkt *pkt);
+std::vector<zek_Pkt *> ListFrames(zek_PktList *list);
+void DestroyList(zek_PktList *list);
+
+/* Packet tracing: the attribute id that marks traced frames, and switching
+ * tracing on (pathprobe_global_time far in the future) or off (0). */
+void SetTraceAttrId(uint64_t id);
+void SetTracing(bool on);
+
+} // namespace sim
+
+#endif /* SIM_FRAMES_H */
