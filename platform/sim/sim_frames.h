@@ -33,6 +33,9 @@ struct HeaderInfo {
    zek_PktHeaderEntry entry;
 };
 std::vector<HeaderInfo> FrameHeaders(zek_Pkt *pkt);
+/* The header table the host computes for frame bytes as stored (an 802.1Q
+ * tag still in the bytes is skipped, not stripped). */
+std::vector<HeaderInfo> ParseHeaders(const std::vector<uint8_t> &bytes);
 
 /* Frame lists.  A list owns its frames; DestroyList releases what is left. */
 zek_PktList *MakeList();
