@@ -1,0 +1,105 @@
+/*
+ * The per-frame parse record and the entry points of the data path.
+ */
+#ifndef VIGIL_PACKET_H
+#define VIGIL_PACKET_H
+
+#include "vigil_filter.h"
+
+/* Parse bits of VigilPacketContext.flags. */
+#define VIGIL_PKT_ETH 0x01u
+#define VIGIL_PKT_IPV4 0x02u
+#define VIGIL_PKT_IPV6 0x04u
+#define VIGIL_PKT_UDP 0x10u
+#define VIGIL_PKT_ICMPV6 0x20u
+
+#define VIGIL_ETH_HDR_COPY 14
+#define VIGIL_IP_HDR_COPY 40
+#define VIGIL_L4_HDR_COPY 20
+
+/* Built once per batch on the stack; only the fields the loop names are
+ * reset per frame, the parsers reset their own. */
+struct VigilPacketContext {
+   u32 flags;
+   u8 *frameMapped;
+   u32 frameLen;
+   u32 mappedLen; /* the smaller of frame length and mapped length */
+   u8 *flatCopy;  /* heap copy of the whole frame, made on demand */
+   zek_PktHeaderEntry *ethEntry;
+   u8 *ethHdr;
+   u16 vlanId;
+   zek_PktHeaderEntry *ipEntry;
+   u8 *ipHdr;
+   zek_PktHeaderEntry *l4Entry;
+   u8 *l4Hdr;
+   u8 *dhcpHdr;
+   u8 *dhcpMsgType;
+   u32 dhcpClientIdLen;
+   u8 *dhcpClientId;
+   u8 *dhcpLeaseTime;
+   u8 *ndHdr;
+   u8 *ndLinkAddrOpt;
+   u8 *dhcpV6Hdr;
+   u8 *dhcpV6ClientIdOpt;
+   u8 *dhcpV6ServerIdOpt;
+   u8 *dhcpV6RapidCommitOpt;
+   u8 *dhcpV6StatusOpt;
+   VigilListLinks dhcpV6IaList;
+   u8 holdsReadLock;
+   u8 ethCopy[VIGIL_ETH_HDR_COPY];
+   u8 ipCopy[VIGIL_IP_HDR_COPY];
+   u8 l4Copy[VIGIL_L4_HDR_COPY];
+   u8 *ppMetadata; /* the frame's 16 Pathprobe bytes; null when not traced */
+};
+
+/* Packet loop. */
+extern "C" zek_Status Vigil_ProcessPacketsToSwitch(zek_PortID portID, void *priv,
+                                                   zek_PktList *list);
+extern "C" zek_Status Vigil_ProcessPacketsFromSwitch(zek_PortID portID,
+                                                     void *priv,
+                                                     zek_PktList *list);
+zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch);
+u8 *VigilGetMappedPtr(zek_Pkt *pkt, u32 *offset, u32 length,
+                      VigilPacketContext *ctx);
+u8 *OXA_PktFindSGEntry(zek_Pkt *pkt, u32 start, u32 end);
+
+/* Transmit and receive pipelines. */
+zek_Status VigilProcessPktTx(VigilFilter *filter, zek_Pkt *pkt,
+                             VigilPacketContext *ctx, u32 *action);
+zek_Status VigilProcessPktRx(VigilFilter *filter, zek_Pkt *pkt,
+                             VigilPacketContext *ctx, u32 *action);
+bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
+                                 VigilPacketContext *ctx);
+u32 VigilProcessRateLimiting(zek_SpinlockHandle *lock,
+                             VigilRateLimiter *limiter, u64 *dropCounter);
+bool Eth_IsBroadcastAddr(const u8 *addr);
+
+#define VIGIL_NUM_SUPPORTED_BPDUS 31
+extern const u8 supportedBpduFilterMacs[VIGIL_NUM_SUPPORTED_BPDUS][6];
+extern const u32 numSupportedBpdus;
+
+/* Address enforcement kinds and the warden. */
+#define VIGIL_WDN_IPV4 1u
+#define VIGIL_WDN_IPV6 2u
+#define VIGIL_WDN_ARP 3u
+#define VIGIL_WDN_L2 4u
+#define VIGIL_WDN_ND 5u
+u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
+                u32 obsvFlags);
+
+/* Snooping and IPv6 handling reached from the pipelines. */
+zek_Status VigilDhcpParse(VigilFilter *filter, zek_Pkt *pkt,
+                          VigilPacketContext *ctx);
+zek_Status VigilDhcpSnoopTx(VigilFilter *filter, zek_Pkt *pkt,
+                            VigilPacketContext *ctx, u32 *action);
+zek_Status VigilDhcpSnoopRx(VigilFilter *filter, zek_Pkt *pkt,
+                            VigilPacketContext *ctx, u32 *action);
+zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
+                         const u8 *arpHdr, u32 *action);
+zek_Status VigilProcessTxIpv6(VigilFilter *filter, zek_Pkt *pkt,
+                              VigilPacketContext *ctx, u32 *action);
+zek_Status VigilProcessRxIpv6(VigilFilter *filter, zek_Pkt *pkt,
+                              VigilPacketContext *ctx, u32 *action);
+
+#endif /* VIGIL_PACKET_H */

@@ -1,0 +1,29 @@
+/*
+ * Module-wide globals and the module heap.
+ */
+#include <cstring>
+
+#include "vigil_module.h"
+
+zek_ModuleID moduleID = ~0u;
+zek_HeapID heapID = nullptr;
+zek_LogHandle logHandle = nullptr;
+zek_LogHandle vigilThrottledLogHandle = nullptr;
+zek_LockDomainID lockDomain = VIGIL_INVALID_LOCK_DOMAIN;
+u64 ppPktAttrHandle = 0;
+u64 ppPktAttrRegHandle = 0;
+u8 isLiveUpgradeFromMod = 0;
+
+void *Vigil_HeapAlloc(u32 size) {
+   void *ptr = zek_HeapAllocWithRA(heapID, size, __builtin_return_address(0));
+   if (ptr != nullptr) {
+      memset(ptr, 0, size);
+   }
+   return ptr;
+}
+
+void Vigil_HeapFree(void *ptr) {
+   if (ptr != nullptr) {
+      zek_HeapFree(heapID, ptr);
+   }
+}

@@ -1,0 +1,294 @@
+/*
+ * The transmit and receive pipelines: per-frame decisions.
+ *
+ * Transmit judges what the VM sends: rate limits, DHCP blocks and client
+ * validation, address enforcement, ARP, BPDU and non-IP checks.  Receive only
+ * rate limits and hands server replies to snooping.  What a pipeline can't
+ * read, it lets pass.
+ */
+#include <cstring>
+
+#include "vigil_log.h"
+#include "vigil_packet.h"
+
+#define VIGIL_UDP_PORT_DHCP_SERVER 67
+#define VIGIL_UDP_PORT_DHCP_CLIENT 68
+#define VIGIL_ARP_HDR_LEN 28
+
+const u32 numSupportedBpdus = VIGIL_NUM_SUPPORTED_BPDUS;
+
+/* The index of an address is its bit in bpduBitmap. */
+const u8 supportedBpduFilterMacs[VIGIL_NUM_SUPPORTED_BPDUS][6] = {
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x00}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x01},
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x02}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x03},
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x04}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x05},
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x06}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x07},
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x08}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x09},
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0a}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0b},
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0c}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0d},
+   {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0e}, {0x01, 0x80, 0xc2, 0x00, 0x00, 0x0f},
+   {0x00, 0xe0, 0x2b, 0x00, 0x00, 0x00}, {0x00, 0xe0, 0x2b, 0x00, 0x00, 0x04},
+   {0x00, 0xe0, 0x2b, 0x00, 0x00, 0x06}, {0x01, 0x00, 0x0c, 0x00, 0x00, 0x00},
+   {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xcc}, {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xcd},
+   {0x01, 0x00, 0x0c, 0xcd, 0xcd, 0xcd}, {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc0},
+   {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc1}, {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc2},
+   {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc3}, {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc4},
+   {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc5}, {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc6},
+   {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc7},
+};
+
+bool Eth_IsBroadcastAddr(const u8 *addr) {
+   for (u32 i = 0; i < VIGIL_ETH_ALEN; i++) {
+      if (addr[i] != 0xff) {
+         return false;
+      }
+   }
+   return true;
+}
+
+/* Counts a frame in the limiter's fixed window: a window passes exactly
+ * `limit` frames, with no carry-over and no burst allowance. */
+u32 VigilProcessRateLimiting(zek_SpinlockHandle *lock,
+                             VigilRateLimiter *limiter, u64 *dropCounter) {
+   u32 action;
+   zek_SpinlockLock(*lock);
+   u64 now = zek_GetTimerCycles();
+   if (limiter->windowEnd < now) {
+      limiter->count = 0;
+      limiter->windowEnd =
+         now + zek_TimerCyclesPerSecond() * (u64)limiter->periodSecs;
+   }
+   limiter->count++;
+   if (limiter->count > limiter->limit) {
+      (*dropCounter)++;
+      action = VIGIL_ACTION_DROP;
+   } else {
+      action = VIGIL_ACTION_FORWARD;
+   }
+   zek_SpinlockUnlock(*lock);
+   return action;
+}
+
+/* Runs the broadcast or multicast limiter of a group-addressed frame.
+ * Returns true when a limiter ran, with its verdict in *action. */
+static bool VigilLimitGroupFrame(VigilFilter *filter, const u8 *dst,
+                                 u32 bcastFeature, VigilRateLimiter *bcast,
+                                 u64 *bcastDrops, u32 mcastFeature,
+                                 VigilRateLimiter *mcast, u64 *mcastDrops,
+                                 u32 *action) {
+   if ((dst[0] & 1) == 0) {
+      return false;
+   }
+   if ((filter->featuresEnabled & bcastFeature) && Eth_IsBroadcastAddr(dst)) {
+      *action = VigilProcessRateLimiting(&filter->rateLimitLock, bcast,
+                                         bcastDrops);
+      return true;
+   }
+   if (filter->featuresEnabled & mcastFeature) {
+      *action = VigilProcessRateLimiting(&filter->rateLimitLock, mcast,
+                                         mcastDrops);
+      return true;
+   }
+   return false;
+}
+
+static bool VigilIsIpv4Fragment(const u8 *ipHdr) {
+   return (ipHdr[6] & 0x20) != 0 || (((ipHdr[6] & 0x1f) << 8) | ipHdr[7]) != 0;
+}
+
+bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
+                                 VigilPacketContext *ctx) {
+   if ((filter->featuresEnabled & VIGIL_FEAT_DHCP_SERVER_BLOCK) == 0) {
+      return true;
+   }
+   if (VigilDhcpParse(filter, pkt, ctx) != ZEK_OK) {
+      return true;
+   }
+   if (VigilGetBe32(ctx->dhcpHdr + 24) != 0) { /* giaddr: relayed */
+      return true;
+   }
+   const u8 *srcMac = ctx->ethHdr + 6;
+   if (memcmp(ctx->dhcpHdr + 28, srcMac, VIGIL_ETH_ALEN) != 0) {
+      filter->stats.statDhcpChaddrDrops++;
+      return false;
+   }
+   const u8 *ipSrc = ctx->ipHdr + 12;
+   if (VigilGetBe32(ipSrc) == 0) {
+      return true;
+   }
+   if ((filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) == 0) {
+      return true;
+   }
+   if (VigilWarden(filter, ctx->vlanId, srcMac, ipSrc, nullptr, VIGIL_WDN_IPV4,
+                   ctx->ppMetadata, 3) == VIGIL_ACTION_FORWARD) {
+      return true;
+   }
+   VIGIL_LOG_THROTTLED(
+      "Filter %#x DHCP Warden failed, vlanId: %u, ethSA: "
+      "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx, ipV4Sa :%u.%u.%u.%u, "
+      "DHCP Message Type: %d",
+      filter->portID, ctx->vlanId, srcMac[0], srcMac[1], srcMac[2], srcMac[3],
+      srcMac[4], srcMac[5], ipSrc[0], ipSrc[1], ipSrc[2], ipSrc[3],
+      ctx->dhcpMsgType != nullptr ? *ctx->dhcpMsgType : 0);
+   filter->stats.statWardenV4Drops++;
+   return false;
+}
+
+static zek_Status VigilTxIpv4(VigilFilter *filter, zek_Pkt *pkt,
+                              VigilPacketContext *ctx, u32 *action) {
+   *action = VIGIL_ACTION_FORWARD;
+   if (ctx->flags & VIGIL_PKT_UDP) {
+      u16 dstPort = VigilGetBe16(ctx->l4Hdr + 2);
+      if (dstPort == VIGIL_UDP_PORT_DHCP_SERVER) {
+         if (filter->featuresEnabled & VIGIL_FEAT_DHCP_CLIENT_BLOCK) {
+            *action = VIGIL_ACTION_DROP;
+            filter->stats.statDhcpClientBlockDrops++;
+            return ZEK_OK;
+         }
+         if (!VigilDhcpIpv4ClientValidate(filter, pkt, ctx)) {
+            *action = VIGIL_ACTION_DROP;
+            return ZEK_OK;
+         }
+         if ((filter->discoveryFlags & VIGIL_DISC_DHCP) == 0 ||
+             VigilIsIpv4Fragment(ctx->ipHdr)) {
+            return ZEK_OK;
+         }
+         return VigilDhcpSnoopTx(filter, pkt, ctx, action);
+      }
+      if (dstPort == VIGIL_UDP_PORT_DHCP_CLIENT) {
+         if (filter->featuresEnabled & VIGIL_FEAT_DHCP_SERVER_BLOCK) {
+            *action = VIGIL_ACTION_DROP;
+            filter->stats.statDhcpServerBlockDrops++;
+         }
+         return ZEK_OK;
+      }
+   }
+   if ((filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) == 0) {
+      return ZEK_OK;
+   }
+   *action = VigilWarden(filter, ctx->vlanId, ctx->ethHdr + 6, ctx->ipHdr + 12,
+                         nullptr, VIGIL_WDN_IPV4, ctx->ppMetadata, 3);
+   if (*action == VIGIL_ACTION_DROP) {
+      filter->stats.statWardenV4Drops++;
+   }
+   return ZEK_OK;
+}
+
+static zek_Status VigilTxArp(VigilFilter *filter, VigilPacketContext *ctx,
+                             u32 *action) {
+   u32 arpOffset = ctx->ethEntry->nextOffset;
+   if (ctx->mappedLen < arpOffset + VIGIL_ARP_HDR_LEN) {
+      return ZEK_OK;
+   }
+   const u8 *arp = ctx->frameMapped + arpOffset;
+   if (VigilGetBe16(arp) != 1 || VigilGetBe16(arp + 2) != VIGIL_ETHERTYPE_IPV4 ||
+       arp[4] != 6 || arp[5] != 4) {
+      return ZEK_OK;
+   }
+   /* ARP probes and link-local senders are never snooped or enforced. */
+   const u8 *senderIp = arp + 14;
+   if (VigilGetBe32(senderIp) == 0 || (senderIp[0] == 169 && senderIp[1] == 254)) {
+      return ZEK_OK;
+   }
+   if (filter->discoveryFlags & VIGIL_DISC_ARP) {
+      return VigilArpSnoop(filter, ctx, arp, action);
+   }
+   if ((filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) == 0) {
+      return ZEK_OK;
+   }
+   *action = VigilWarden(filter, ctx->vlanId, ctx->ethHdr + 6, senderIp, arp + 8,
+                         VIGIL_WDN_ARP, ctx->ppMetadata, 3);
+   if (*action == VIGIL_ACTION_DROP) {
+      filter->stats.statWardenArpDrops++;
+   }
+   return ZEK_OK;
+}
+
+static zek_Status VigilTxNonIp(VigilFilter *filter, VigilPacketContext *ctx,
+                               u32 *action) {
+   if (filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) {
+      *action = VigilWarden(filter, ctx->vlanId, ctx->ethHdr + 6, nullptr,
+                            nullptr, VIGIL_WDN_L2, ctx->ppMetadata, 3);
+      if (*action == VIGIL_ACTION_DROP) {
+         filter->stats.statNonIpDrops++;
+         return ZEK_OK;
+      }
+      if (*action != VIGIL_ACTION_FORWARD) {
+         return ZEK_OK;
+      }
+   }
+   if ((filter->featuresEnabled & VIGIL_FEAT_BPDU_OR_NON_IP) == 0) {
+      return ZEK_OK;
+   }
+   const u8 *dst = ctx->ethHdr;
+   for (u32 n = 0; n < numSupportedBpdus; n++) {
+      if (memcmp(dst, supportedBpduFilterMacs[n], VIGIL_ETH_ALEN) == 0) {
+         /* A listed address is never caught by the non-IP block. */
+         if ((filter->featuresEnabled & VIGIL_FEAT_BPDU_FILTER) &&
+             (filter->bpduBitmap & (1ull << n))) {
+            *action = VIGIL_ACTION_DROP;
+            filter->stats.statBpduDrops++;
+         } else {
+            *action = VIGIL_ACTION_FORWARD;
+         }
+         return ZEK_OK;
+      }
+   }
+   *action = VIGIL_ACTION_FORWARD;
+   if (filter->featuresEnabled & VIGIL_FEAT_NON_IP_BLOCK) {
+      *action = VIGIL_ACTION_DROP;
+      filter->stats.statNonIpDrops++;
+   }
+   return ZEK_OK;
+}
+
+zek_Status VigilProcessPktTx(VigilFilter *filter, zek_Pkt *pkt,
+                             VigilPacketContext *ctx, u32 *action) {
+   *action = VIGIL_ACTION_FORWARD;
+   if (VigilLimitGroupFrame(filter, ctx->ethHdr, VIGIL_FEAT_TX_BCAST_LIMIT,
+                            &filter->txBcastLimiter,
+                            &filter->stats.statTxBcastRateDrops,
+                            VIGIL_FEAT_TX_MCAST_LIMIT, &filter->txMcastLimiter,
+                            &filter->stats.statTxMcastRateDrops, action) &&
+       *action != VIGIL_ACTION_FORWARD) {
+      return ZEK_OK;
+   }
+   if (ctx->flags & VIGIL_PKT_IPV4) {
+      return VigilTxIpv4(filter, pkt, ctx, action);
+   }
+   if (ctx->flags & VIGIL_PKT_IPV6) {
+      return VigilProcessTxIpv6(filter, pkt, ctx, action);
+   }
+   *action = VIGIL_ACTION_FORWARD;
+   if (VigilGetBe16(ctx->ethHdr + 12) == VIGIL_ETHERTYPE_ARP) {
+      return VigilTxArp(filter, ctx, action);
+   }
+   return VigilTxNonIp(filter, ctx, action);
+}
+
+zek_Status VigilProcessPktRx(VigilFilter *filter, zek_Pkt *pkt,
+                             VigilPacketContext *ctx, u32 *action) {
+   *action = VIGIL_ACTION_FORWARD;
+   if (VigilLimitGroupFrame(filter, ctx->ethHdr, VIGIL_FEAT_RX_BCAST_LIMIT,
+                            &filter->rxBcastLimiter,
+                            &filter->stats.statRxBcastRateDrops,
+                            VIGIL_FEAT_RX_MCAST_LIMIT, &filter->rxMcastLimiter,
+                            &filter->stats.statRxMcastRateDrops, action) &&
+       *action != VIGIL_ACTION_FORWARD) {
+      return ZEK_OK;
+   }
+   if (ctx->flags & VIGIL_PKT_IPV4) {
+      *action = VIGIL_ACTION_FORWARD;
+      if ((filter->discoveryFlags & VIGIL_DISC_DHCP) &&
+          (ctx->flags & VIGIL_PKT_UDP) &&
+          VigilGetBe16(ctx->l4Hdr + 2) == VIGIL_UDP_PORT_DHCP_CLIENT &&
+          !VigilIsIpv4Fragment(ctx->ipHdr)) {
+         return VigilDhcpSnoopRx(filter, pkt, ctx, action);
+      }
+      return ZEK_OK;
+   }
+   if (ctx->flags & VIGIL_PKT_IPV6) {
+      return VigilProcessRxIpv6(filter, pkt, ctx, action);
+   }
+   return ZEK_OK;
+}

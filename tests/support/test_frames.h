@@ -1,0 +1,53 @@
+/*
+ * Well-formed frames for module tests, crafted with libtins and handed to
+ * the simulated host.  Malformed frames are written as raw bytes in tests.
+ */
+#ifndef TEST_FRAMES_H
+#define TEST_FRAMES_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "sim_frames.h"
+
+namespace frames {
+
+using Bytes = std::vector<uint8_t>;
+
+extern const char *const kVmMac;     /* the VM's MAC */
+extern const char *const kServerMac; /* a DHCP server's MAC */
+extern const char *const kBroadcast;
+
+Bytes UdpV4(const std::string &srcMac, const std::string &dstMac,
+            const std::string &srcIp, const std::string &dstIp, uint16_t sport,
+            uint16_t dport, size_t payloadLen = 16);
+Bytes TcpV4(const std::string &srcMac, const std::string &dstMac,
+            const std::string &srcIp, const std::string &dstIp);
+/* A DHCP client message (BOOTREQUEST) from `chaddr` over UDP 68 -> 67. */
+Bytes DhcpClient(const std::string &srcMac, const std::string &chaddr,
+                 const std::string &srcIp, uint8_t msgType,
+                 const std::string &giaddr = "0.0.0.0");
+/* A DHCP server reply (BOOTREPLY) over UDP 67 -> 68. */
+Bytes DhcpServer(const std::string &srcMac, const std::string &dstMac,
+                 uint8_t msgType);
+Bytes Arp(const std::string &srcMac, const std::string &senderMac,
+          const std::string &senderIp, const std::string &targetIp,
+          bool reply = false);
+Bytes UdpV6(const std::string &srcMac, const std::string &dstMac,
+            const std::string &srcIp, const std::string &dstIp,
+            uint16_t sport, uint16_t dport);
+/* A spanning tree BPDU (802.3 + LLC) to `dstMac`. */
+Bytes Bpdu(const std::string &srcMac, const std::string &dstMac);
+/* An Ethernet II frame of another EtherType. */
+Bytes Ether(const std::string &srcMac, const std::string &dstMac,
+            uint16_t etherType, size_t payloadLen = 46);
+
+/* Sets the IPv4 flags and fragment offset field of an IPv4 frame's bytes. */
+void SetIpv4Fragment(Bytes &frame, bool moreFragments, uint16_t offset8);
+
+zek_Pkt *Make(const Bytes &bytes, const sim::FrameOptions &opts = {});
+
+} // namespace frames
+
+#endif /* TEST_FRAMES_H */

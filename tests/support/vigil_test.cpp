@@ -1,0 +1,160 @@
+#include "vigil_test.h"
+
+#include <algorithm>
+
+void VigilTestFailureHook(const std::string &what) {
+   ADD_FAILURE() << "simulated host: " << what;
+}
+
+static zek_Status DestroyTestFilter(zek_PortID portID);
+
+void VigilTest::SetUp() {
+   sim::Reset();
+   sim::SetFailureHook(VigilTestFailureHook);
+   moduleID = 0x51;
+   sim::SetModuleID(moduleID);
+
+   zek_HeapProps heapProps = {};
+   zek_NameInitialize(&heapProps.name, "vigil");
+   heapProps.module = moduleID;
+   heapProps.minSize = 4096;
+   heapProps.maxSize = 64 << 20;
+   ASSERT_EQ(zek_HeapCreate(&heapProps, &heapID), ZEK_OK);
+
+   zek_LogProps logProps = {};
+   zek_NameInitialize(&logProps.name, "vigil");
+   logProps.module = moduleID;
+   logProps.heap = heapID;
+   ASSERT_EQ(zek_LogRegister(&logProps, &logHandle), ZEK_OK);
+   zek_NameInitialize(&logProps.name, "vigil.throttle");
+   ASSERT_EQ(zek_LogRegister(&logProps, &vigilThrottledLogHandle), ZEK_OK);
+
+   zek_Name domainName;
+   zek_NameInitialize(&domainName, "vigil");
+   ASSERT_EQ(zek_LockDomainCreate(moduleID, heapID, &domainName, &lockDomain),
+             ZEK_OK);
+   ppPktAttrHandle = VIGIL_PP_PKT_ATTR_ID;
+   sim::AddPortset("vs0");
+}
+
+void VigilTest::TearDown() {
+   for (u32 portID : std::vector<u32>(filterPorts_)) {
+      RemoveFilter(portID);
+   }
+   EXPECT_EQ(sim::LocksHeldByThread(), 0u) << "a lock is still held";
+   EXPECT_EQ(sim::FramesLive(), 0u) << "a frame was not released";
+   EXPECT_EQ(sim::PortsetsAcquired(), 0u) << "a portset is still acquired";
+   EXPECT_TRUE(sim::LockViolations().empty());
+   zek_LockDomainDestroy(lockDomain);
+   lockDomain = VIGIL_INVALID_LOCK_DOMAIN;
+   zek_LogUnregister(vigilThrottledLogHandle);
+   zek_LogUnregister(logHandle);
+   vigilThrottledLogHandle = nullptr;
+   logHandle = nullptr;
+   zek_HeapDestroy(heapID);
+   heapID = nullptr;
+   EXPECT_EQ(sim::LeaksSinceReset(), 0u) << "the module heap was not empty";
+   sim::SetFailureHook(nullptr);
+}
+
+static zek_SpinlockHandle CreateLock(const char *name, u32 kind, u32 rank) {
+   zek_SpinlockProps props = {};
+   props.module = moduleID;
+   props.heap = heapID;
+   zek_NameInitialize(&props.name, name);
+   props.kind = kind;
+   props.domain = lockDomain;
+   props.rank = rank;
+   zek_SpinlockHandle lock = nullptr;
+   EXPECT_EQ(zek_SpinlockCreate(&props, &lock), ZEK_OK);
+   return lock;
+}
+
+VigilFilter *VigilTest::AddFilter(u32 portID) {
+   if (!sim::PortExists(portID)) {
+      EXPECT_TRUE(sim::AddPort("vs0", portID));
+   }
+   VigilFilter *filter = (VigilFilter *)Vigil_HeapAlloc(sizeof(VigilFilter));
+   filter->portID = portID;
+   memcpy(filter->portsetName, "vs0", 4);
+   VigilListInit(&filter->vmiList);
+   VigilListInit(&filter->expiredVmiList);
+   VigilListInit(&filter->dhcpReqList);
+   VigilListInit(&filter->v6VmiList);
+   VigilListInit(&filter->v6ExpiredNdList);
+   VigilListInit(&filter->dhcpV6ReqList);
+   filter->arpExpiry = VIGIL_DEFAULT_ARP_EXPIRY;
+   filter->portDbArpEntriesSize = VIGIL_DEFAULT_ARP_ENTRIES;
+   filter->ndExpiry = VIGIL_DEFAULT_ND_EXPIRY;
+   filter->portDbNdEntriesSize = VIGIL_DEFAULT_ND_ENTRIES;
+   filter->portDbDhcpV6EntriesSize = VIGIL_DEFAULT_DHCPV6_ENTRIES;
+   filter->maxDhcpV6Reqs = VIGIL_DEFAULT_DHCPV6_REQS;
+   filter->agingKey = VIGIL_AGING_KEY_NONE;
+   filter->configLock = CreateLock("vigil.config", ZEK_SPINLOCK_RW, 1);
+   filter->rateLimitLock = CreateLock("vigil.ratelimit", ZEK_SPINLOCK_ORDINARY, 3);
+   EXPECT_EQ(oxa_PortVoltaliteDataSet(portID, VIGIL_FILTER_SLOT, filter,
+                                      DestroyTestFilter),
+             ZEK_OK);
+   filterPorts_.push_back(portID);
+   return filter;
+}
+
+static zek_Status DestroyTestFilter(zek_PortID portID) {
+   VigilFilter *filter = Vigil_GetPortFilter(portID);
+   if (filter == nullptr) {
+      return VIGIL_STATUS_NOT_FOUND;
+   }
+   oxa_PortVoltaliteDataUnset(portID, VIGIL_FILTER_SLOT);
+   zek_SpinlockDestroy(filter->configLock);
+   zek_SpinlockDestroy(filter->rateLimitLock);
+   Vigil_HeapFree(filter);
+   return ZEK_OK;
+}
+
+void VigilTest::RemoveFilter(u32 portID) {
+   DestroyTestFilter(portID);
+   filterPorts_.erase(std::remove(filterPorts_.begin(), filterPorts_.end(), portID),
+                      filterPorts_.end());
+}
+
+std::vector<std::string> VigilTest::RunBatch(u32 portID,
+                                             const std::vector<zek_Pkt *> &frames,
+                                             bool toSwitch) {
+   zek_PktList *list = sim::MakeList();
+   for (zek_Pkt *pkt : frames) {
+      sim::ListAppend(list, pkt);
+   }
+   zek_Status status = toSwitch ? Vigil_ProcessPacketsToSwitch(portID, nullptr, list)
+                                : Vigil_ProcessPacketsFromSwitch(portID, nullptr, list);
+   EXPECT_EQ(status, ZEK_OK);
+   lastSurvivors = sim::ListFrames(list);
+   std::vector<std::string> verdicts;
+   /* A traced frame may have been replaced by its copy: count survivors in
+    * order, matching originals by position of what is left. */
+   size_t next = 0;
+   for (zek_Pkt *pkt : frames) {
+      bool kept = next < lastSurvivors.size() && lastSurvivors[next] == pkt;
+      verdicts.push_back(kept ? "forward" : "drop");
+      if (kept) {
+         next++;
+      }
+   }
+   sim::DestroyList(list);
+   return verdicts;
+}
+
+std::vector<std::string> VigilTest::Tx(u32 portID, const std::vector<zek_Pkt *> &frames) {
+   return RunBatch(portID, frames, true);
+}
+
+std::vector<std::string> VigilTest::Rx(u32 portID, const std::vector<zek_Pkt *> &frames) {
+   return RunBatch(portID, frames, false);
+}
+
+std::vector<std::string> VigilTest::LogTexts() {
+   std::vector<std::string> texts;
+   for (const sim::LogLine &line : sim::TakeLogs()) {
+      texts.push_back(line.text);
+   }
+   return texts;
+}

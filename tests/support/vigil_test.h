@@ -1,0 +1,53 @@
+/*
+ * Test support for module tests on the simulated host.
+ *
+ * VigilTest brings up what the module needs at start (heap, logs, lock
+ * domain), gives tests filters on ports, and at the end checks that no lock
+ * is held, no frame is live, no allocation is left and no lock-rank
+ * violation happened.
+ */
+#ifndef VIGIL_TEST_H
+#define VIGIL_TEST_H
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "sim_core.h"
+#include "sim_frames.h"
+#include "vigil_log.h"
+#include "vigil_packet.h"
+
+class VigilTest : public ::testing::Test {
+protected:
+   void SetUp() override;
+   void TearDown() override;
+
+   /* Creates a port in portset "vs0" with a filter in its data slot: the
+    * defaults of a new filter, both locks, nothing enabled. */
+   VigilFilter *AddFilter(u32 portID);
+   /* Removes the filter from its port and frees it. */
+   void RemoveFilter(u32 portID);
+
+   /* Runs frames as one batch through a chain callback; returns the verdict
+    * of each frame ("forward" or "drop"), matched by identity. */
+   std::vector<std::string> Tx(u32 portID, const std::vector<zek_Pkt *> &frames);
+   std::vector<std::string> Rx(u32 portID, const std::vector<zek_Pkt *> &frames);
+   /* The frames left in the list of the last batch. */
+   std::vector<zek_Pkt *> lastSurvivors;
+
+   /* Log lines written since the last call, as their text behind the tag. */
+   std::vector<std::string> LogTexts();
+
+private:
+   std::vector<std::string> RunBatch(u32 portID,
+                                     const std::vector<zek_Pkt *> &frames,
+                                     bool toSwitch);
+   std::vector<u32> filterPorts_;
+};
+
+/* The failure hook that fails the running test on a host-detected defect. */
+void VigilTestFailureHook(const std::string &what);
+
+#endif /* VIGIL_TEST_H */
