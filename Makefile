@@ -1,0 +1,43 @@
+# Port Vigil: build, test and benchmark entry points.
+#
+#   make test    install what is missing, build, run every test in the
+#                default build and again under AddressSanitizer + UBSan
+#   make bench   build and run the data path benchmarks
+
+BUILD_DIR ?= build
+JOBS ?= $(shell nproc 2>/dev/null || echo 2)
+CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
+
+.PHONY: all deps build build-asan test test-default test-asan bench clean
+
+all: build
+
+deps:
+	@sh scripts/install-deps.sh
+
+build: deps
+	@cmake -S . -B $(BUILD_DIR)/default -G Ninja -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake --build $(BUILD_DIR)/default -j $(JOBS)
+
+build-asan: deps
+	@cmake -S . -B $(BUILD_DIR)/asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIGIL_SANITIZE=ON >/dev/null
+	@cmake --build $(BUILD_DIR)/asan -j $(JOBS)
+
+test-default: build
+	@echo "== tests: default build"
+	@cd $(BUILD_DIR)/default && ctest $(CTEST_FLAGS)
+
+test-asan: build-asan
+	@echo "== tests: AddressSanitizer + UndefinedBehaviorSanitizer build"
+	@cd $(BUILD_DIR)/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
+	   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
+
+test: test-default test-asan
+
+bench: deps
+	@cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DVIGIL_DEBUG_CHECKS=OFF >/dev/null
+	@cmake --build $(BUILD_DIR)/release -j $(JOBS) --target vigil_bench
+	@$(BUILD_DIR)/release/bench/vigil_bench
+
+clean:
+	rm -rf $(BUILD_DIR)
