@@ -102,6 +102,11 @@ bool LogHandleExists(const std::string &name);
 
 /* ----------------------------------------------------------- module */
 void SetBuildNumber(uint32_t build); /* OXA_BUILD_NUMBER */
+/* The id zek_ModuleCurrentID answers (outside pushes); 0x1d after Reset.
+ * zek_ModuleGetName names only this id. */
+void SetModuleID(zek_ModuleID id);
+/* The heap the module registered with zek_ModuleSetHeapID (nullptr if none). */
+zek_HeapID ModuleHeap();
 /* Panics of zek_PanicWithModuleID: recorded, and the test fails. */
 std::vector<std::string> Panics();
 

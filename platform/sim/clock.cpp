@@ -1,0 +1,89 @@
+/*
+ * Clock of the simulated host.  One time in integer nanoseconds feeds the
+ * uptime, the timer cycles (1e9/s) and the monotonic counter (1e6/s).  It is
+ * virtual (moved only by SetTime/Advance) unless the real clock is chosen;
+ * either way it reads 1000.0 s right after Reset or a switch of mode.
+ */
+#include <chrono>
+#include <cmath>
+
+#include "sim_internal.h"
+
+namespace sim {
+namespace {
+
+constexpr int64_t kNsPerSec = 1000000000;
+constexpr int64_t kStartNs = 1000 * kNsPerSec;
+
+std::mutex gClockMutex;
+bool gVirtual = true;
+int64_t gBaseNs = kStartNs; /* virtual time, or the time at gRealStart */
+int64_t gRealStart;         /* steady clock reading when real mode began */
+
+int64_t SteadyNs() {
+   return std::chrono::duration_cast<std::chrono::nanoseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
+      .count();
+}
+
+int64_t NowNs() {
+   std::lock_guard<std::mutex> guard(gClockMutex);
+   return gVirtual ? gBaseNs : gBaseNs + (SteadyNs() - gRealStart);
+}
+
+int64_t ToNs(double seconds) { return std::llround(seconds * 1e9); }
+
+void ResetClock() {
+   std::lock_guard<std::mutex> guard(gClockMutex);
+   gVirtual = true;
+   gBaseNs = kStartNs;
+}
+
+struct Registrar {
+   Registrar() { RegisterResetHook(ResetClock); }
+} gRegistrar;
+
+} // namespace
+
+void UseVirtualClock(bool on) {
+   std::lock_guard<std::mutex> guard(gClockMutex);
+   if (gVirtual == on) return;
+   gVirtual = on;
+   gBaseNs = kStartNs;
+   gRealStart = SteadyNs();
+}
+
+void SetTime(double seconds) {
+   std::lock_guard<std::mutex> guard(gClockMutex);
+   gBaseNs = ToNs(seconds);
+   gRealStart = SteadyNs();
+}
+
+void Advance(double seconds) {
+   std::lock_guard<std::mutex> guard(gClockMutex);
+   gBaseNs += ToNs(seconds);
+}
+
+double Now() { return static_cast<double>(NowNs()) / 1e9; }
+
+} // namespace sim
+
+extern "C" {
+
+void zek_GetUptime(zek_Uptime *out) {
+   int64_t ns = sim::NowNs();
+   out->sec = ns / sim::kNsPerSec;
+   out->usec = (ns % sim::kNsPerSec) / 1000;
+}
+
+uint64_t zek_GetTimerCycles(void) { return static_cast<uint64_t>(sim::NowNs()); }
+
+uint64_t zek_TimerCyclesPerSecond(void) { return 1000000000u; }
+
+uint64_t zek_TimerMonotonicCounter(void) {
+   return static_cast<uint64_t>(sim::NowNs() / 1000);
+}
+
+uint64_t zek_GetMonotonicCounterFrequency(void) { return 1000000u; }
+
+} /* extern "C" */

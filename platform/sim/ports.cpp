@@ -1,0 +1,365 @@
+/*
+ * Portsets and ports of the simulated host: per-port data slots, flags, VNIC
+ * handles, portset holds and walks.  Walks and slot destructors run on a
+ * snapshot with no host lock held, since callbacks call back into the host.
+ */
+#include <cstring>
+#include <map>
+#include <memory>
+#include <set>
+
+#include "sim_internal.h"
+
+struct zek_Portset {
+   std::string name;
+   std::string cls;
+   uint32_t acquired = 0; /* holds taken and not released */
+};
+
+struct zek_VNIC {
+   zek_PortID portID;
+   uint32_t type;
+};
+
+namespace sim {
+namespace {
+
+constexpr uint32_t kSlots = 16;
+constexpr zek_Status kOverflow = 0xbad0026;
+
+struct Slot {
+   bool used = false;
+   void *value = nullptr;
+   oxa_PortDataDestructor destructor = nullptr;
+};
+
+struct Port {
+   zek_Portset *portset;
+   PortOptions opts;
+   std::set<uint32_t> flags;
+   Slot slots[kSlots];
+   zek_VNIC vnic;
+};
+
+std::mutex gPortMutex;
+std::vector<std::unique_ptr<zek_Portset>> gPortsets; /* in creation order */
+std::map<zek_PortID, Port> gPorts;
+
+void ResetPorts() {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   gPorts.clear();
+   gPortsets.clear();
+}
+
+struct Registrar {
+   Registrar() { RegisterResetHook(ResetPorts); }
+} gRegistrar;
+
+bool LivePortset(zek_PortsetHandle ps) {
+   for (auto &p : gPortsets) {
+      if (p.get() == ps) return true;
+   }
+   return false;
+}
+
+zek_Portset *PortsetNamed(const std::string &name) {
+   for (auto &p : gPortsets) {
+      if (p->name == name) return p.get();
+   }
+   return nullptr;
+}
+
+Port *FindPort(zek_PortID portID) {
+   auto it = gPorts.find(portID);
+   return it == gPorts.end() ? nullptr : &it->second;
+}
+
+zek_Status CopyOut(const std::string &text, char *buf, size_t size) {
+   if (buf == nullptr) return kBadParam;
+   if (text.size() + 1 > size) return kOverflow;
+   std::memcpy(buf, text.c_str(), text.size() + 1);
+   return ZEK_OK;
+}
+
+} // namespace
+
+zek_PortsetHandle AddPortset(const std::string &name, const std::string &cls) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   if (PortsetNamed(name) != nullptr) return nullptr;
+   gPortsets.push_back(std::make_unique<zek_Portset>(zek_Portset{name, cls}));
+   return gPortsets.back().get();
+}
+
+void RemovePortset(const std::string &name) {
+   std::vector<zek_PortID> ports;
+   {
+      std::lock_guard<std::mutex> guard(gPortMutex);
+      zek_Portset *ps = PortsetNamed(name);
+      if (ps == nullptr) return;
+      for (auto &entry : gPorts) {
+         if (entry.second.portset == ps) ports.push_back(entry.first);
+      }
+   }
+   for (zek_PortID id : ports) RemovePort(id);
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   for (auto it = gPortsets.begin(); it != gPortsets.end(); ++it) {
+      if ((*it)->name == name) {
+         gPortsets.erase(it);
+         break;
+      }
+   }
+}
+
+zek_PortsetHandle FindPortset(const std::string &name) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   return PortsetNamed(name);
+}
+
+bool AddPort(const std::string &portset, zek_PortID portID,
+             const PortOptions &opts) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   zek_Portset *ps = PortsetNamed(portset);
+   if (ps == nullptr || gPorts.count(portID)) return false;
+   Port &port = gPorts[portID];
+   port.portset = ps;
+   port.opts = opts;
+   if (port.opts.fabSwitch.empty()) port.opts.fabSwitch = portset;
+   if (port.opts.fabPort.empty()) port.opts.fabPort = std::to_string(portID);
+   if (opts.enabled) port.flags.insert(ZEK_PORT_FLAG_ENABLED);
+   port.vnic = zek_VNIC{portID, opts.vnicType};
+   return true;
+}
+
+bool RemovePort(zek_PortID portID) {
+   std::vector<oxa_PortDataDestructor> destructors;
+   {
+      std::lock_guard<std::mutex> guard(gPortMutex);
+      Port *port = FindPort(portID);
+      if (port == nullptr) return false;
+      for (Slot &slot : port->slots) {
+         if (slot.used && slot.destructor != nullptr) {
+            destructors.push_back(slot.destructor);
+         }
+      }
+   }
+   /* The port stays visible while its destructors run: they read their
+    * slot through oxa_PortVoltaliteDataGet. */
+   for (oxa_PortDataDestructor destructor : destructors) destructor(portID);
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   gPorts.erase(portID);
+   return true;
+}
+
+bool PortExists(zek_PortID portID) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   return FindPort(portID) != nullptr;
+}
+
+void SetPortFlag(zek_PortID portID, uint32_t flag, bool on) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr) return;
+   if (on) {
+      port->flags.insert(flag);
+   } else {
+      port->flags.erase(flag);
+   }
+}
+
+void *PortData(zek_PortID portID, uint32_t slot) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   return port != nullptr && slot < kSlots ? port->slots[slot].value : nullptr;
+}
+
+uint32_t PortsetsAcquired() {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   uint32_t total = 0;
+   for (auto &p : gPortsets) total += p->acquired;
+   return total;
+}
+
+} // namespace sim
+
+using namespace sim;
+
+extern "C" {
+
+zek_Status oxa_PortVoltaliteDataGet(zek_PortID portID, uint32_t slot,
+                                    void **value) {
+   SIM_FAULT_RETURN("PortVoltaliteDataGet");
+   if (slot >= kSlots || value == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr || !port->slots[slot].used) return kNotFound;
+   *value = port->slots[slot].value;
+   return ZEK_OK;
+}
+
+zek_Status oxa_PortVoltaliteDataSet(zek_PortID portID, uint32_t slot,
+                                    void *value,
+                                    oxa_PortDataDestructor destructor) {
+   SIM_FAULT_RETURN("PortVoltaliteDataSet");
+   if (slot >= kSlots) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr) return kNotFound;
+   port->slots[slot] = Slot{true, value, destructor};
+   return ZEK_OK;
+}
+
+zek_Status oxa_PortVoltaliteDataUnset(zek_PortID portID, uint32_t slot) {
+   SIM_FAULT_RETURN("PortVoltaliteDataUnset");
+   if (slot >= kSlots) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr || !port->slots[slot].used) return kNotFound;
+   port->slots[slot] = Slot{};
+   return ZEK_OK;
+}
+
+zek_Status zek_PortsetAcquireByName(const char *name, uint32_t,
+                                    zek_PortsetHandle *ps) {
+   SIM_FAULT_RETURN("PortsetAcquireByName");
+   if (name == nullptr || ps == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   zek_Portset *found = PortsetNamed(name);
+   if (found == nullptr) return kNotFound;
+   found->acquired++;
+   *ps = found;
+   return ZEK_OK;
+}
+
+zek_Status zek_PortsetAcquireByPortID(zek_PortID portID, uint32_t,
+                                      zek_PortsetHandle *ps) {
+   SIM_FAULT_RETURN("PortsetAcquireByPortID");
+   if (ps == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr) return kNotFound;
+   port->portset->acquired++;
+   *ps = port->portset;
+   return ZEK_OK;
+}
+
+zek_Status zek_PortsetRelease(zek_PortsetHandle ps) {
+   SIM_FAULT_RETURN("PortsetRelease");
+   {
+      std::lock_guard<std::mutex> guard(gPortMutex);
+      if (LivePortset(ps) && ps->acquired > 0) {
+         ps->acquired--;
+         return ZEK_OK;
+      }
+   }
+   ReportFailure("portset release of a handle that is not acquired");
+   return kBadParam;
+}
+
+zek_Status zek_PortsetFindByPortID(zek_PortID portID, zek_PortsetHandle *ps) {
+   SIM_FAULT_RETURN("PortsetFindByPortID");
+   if (ps == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr) return kNotFound;
+   *ps = port->portset;
+   return ZEK_OK;
+}
+
+const char *zek_PortsetName(zek_PortsetHandle ps) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   return LivePortset(ps) ? ps->name.c_str() : "";
+}
+
+zek_Status zek_PortsetForAllPorts(zek_PortsetHandle ps, zek_PortsetPortFn fn,
+                                  void *data) {
+   SIM_FAULT_RETURN("PortsetForAllPorts");
+   if (fn == nullptr) return kBadParam;
+   std::vector<zek_PortID> ports;
+   {
+      std::lock_guard<std::mutex> guard(gPortMutex);
+      if (!LivePortset(ps)) return kNotFound;
+      for (auto &entry : gPorts) {
+         if (entry.second.portset == ps) ports.push_back(entry.first);
+      }
+   }
+   for (zek_PortID id : ports) {
+      zek_Status status = fn(ps, id, data);
+      if (status != ZEK_OK) return status;
+   }
+   return ZEK_OK;
+}
+
+zek_Status zek_PortsetForAllPortsets(uint32_t, zek_PortsetFn fn, void *data) {
+   SIM_FAULT_RETURN("PortsetForAllPortsets");
+   if (fn == nullptr) return kBadParam;
+   std::vector<zek_PortsetHandle> portsets;
+   {
+      std::lock_guard<std::mutex> guard(gPortMutex);
+      for (auto &p : gPortsets) portsets.push_back(p.get());
+   }
+   for (zek_PortsetHandle ps : portsets) {
+      zek_Status status = fn(ps, data);
+      if (status != ZEK_OK) return status;
+   }
+   return ZEK_OK;
+}
+
+zek_Status zek_PortsetLookupFABClassName(zek_PortsetHandle ps, char *name,
+                                         size_t size) {
+   SIM_FAULT_RETURN("PortsetLookupFABClassName");
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   if (!LivePortset(ps)) return kNotFound;
+   return CopyOut(ps->cls, name, size);
+}
+
+zek_Status zek_PortFindByFABPortID(const char *port, const char *fabSwitch,
+                                   zek_PortID *portID) {
+   SIM_FAULT_RETURN("PortFindByFABPortID");
+   if (port == nullptr || fabSwitch == nullptr || portID == nullptr) {
+      return kBadParam;
+   }
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   for (auto &entry : gPorts) {
+      if (entry.second.opts.fabPort == port &&
+          entry.second.opts.fabSwitch == fabSwitch) {
+         *portID = entry.first;
+         return ZEK_OK;
+      }
+   }
+   return kNotFound;
+}
+
+zek_Status zek_PortFlagIsSet(zek_PortID portID, uint32_t flag, int *isSet) {
+   SIM_FAULT_RETURN("PortFlagIsSet");
+   if (isSet == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr) return kNotFound;
+   *isSet = port->flags.count(flag) ? 1 : 0;
+   return ZEK_OK;
+}
+
+zek_Status zek_VNICHandleGet(zek_PortID portID, zek_VNICHandle *handle) {
+   SIM_FAULT_RETURN("VNICHandleGet");
+   if (handle == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   if (port == nullptr || !port->opts.vnicReadable) return kNotFound;
+   *handle = &port->vnic;
+   return ZEK_OK;
+}
+
+zek_Status zek_VNICTypeGet(zek_VNICHandle handle, uint32_t *type) {
+   SIM_FAULT_RETURN("VNICTypeGet");
+   if (handle == nullptr || type == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   for (auto &entry : gPorts) {
+      if (&entry.second.vnic == handle) {
+         *type = entry.second.vnic.type;
+         return ZEK_OK;
+      }
+   }
+   return kNotFound;
+}
+
+} /* extern "C" */
