@@ -48,6 +48,16 @@ void DestroyList(zek_PktList *list);
 void SetTraceAttrId(uint64_t id);
 void SetTracing(bool on);
 
+/* Observations sent to the packet-trace sibling (PP_SendWdnIOObsv and
+ * PP_SendLogicalDropObsv), in order: a copy of each record and the metadata
+ * pointer it came with. */
+struct Observation {
+   bool isDrop;            /* PP_SendLogicalDropObsv */
+   std::vector<uint8_t> raw; /* 36 or 97 bytes */
+   const void *metadata;
+};
+std::vector<Observation> TakeObservations();
+
 } // namespace sim
 
 #endif /* SIM_FRAMES_H */
