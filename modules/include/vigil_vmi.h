@@ -1,0 +1,70 @@
+/*
+ * The IPv4 port database: one VigilVmi per (VLAN, MAC, IPv4) binding, found
+ * through the filter's hash and aged through two expiry-ordered lists.
+ */
+#ifndef VIGIL_VMI_H
+#define VIGIL_VMI_H
+
+#include "oxa_hash_common.h"
+#include "vigil_filter.h"
+
+#define VIGIL_VMI_HASH_BUCKETS (1u << 9)
+#define VIGIL_VMI_KEY_LEN 12
+#define VIGIL_PORTDB_DHCP_ENTRIES 128u
+#define VIGIL_PORTDB_V4_SIZE 384u
+
+/* Message kinds of VigilPostPortDbMsg. */
+#define VIGIL_PORTDB_MSG_ADDED 0u
+#define VIGIL_PORTDB_MSG_REMOVED 1u
+
+struct VigilVmi {
+   VigilListLinks hashLinks;
+   VigilListLinks expiryLinks;  /* in vmiList; null while expired */
+   VigilListLinks expiredLinks; /* in expiredVmiList; null otherwise */
+   u16 vlanId;                  /* key: VLAN, host order */
+   u8 mac[6];                   /* key: source MAC */
+   u32 ip;                      /* key: IPv4 address, network order */
+   u8 discMethod;
+   i64 expiryTs; /* uptime seconds at which the binding ends; 0 if static */
+   u8 clientMac[6];
+   u8 clientIdLen;
+   u8 *clientIdStr; /* heap copy owned by the record */
+   u32 serverIp;    /* network order */
+   u32 leaseTime;   /* seconds, host order */
+   u8 gratuitous;
+};
+static_assert(offsetof(VigilVmi, mac) == offsetof(VigilVmi, vlanId) + 2, "key");
+static_assert(offsetof(VigilVmi, ip) == offsetof(VigilVmi, vlanId) + 8, "key");
+
+struct VigilVmiHash {
+   OxaHashCommon common; /* followed by its 512 buckets */
+};
+
+extern i64 delOnExpiry;
+bool GetDeleteExpiry(void);
+void SetDeleteExpiry(i8 value);
+
+zek_Status VigilVmiHashAlloc(VigilVmiHash **hash);
+VigilVmi *VigilFindVmi(VigilFilter *filter, u16 vlanId, const u8 *mac, u32 ip);
+zek_Status VigilAddVmi(VigilFilter *filter, VigilVmi *vmi);
+void VigilDelVmi(VigilFilter *filter, VigilVmi *vmi);
+void VigilInsertIntoVmiList(VigilFilter *filter, VigilVmi *vmi);
+void VigilRefreshVmiExpiryTs(VigilFilter *filter, VigilVmi *vmi, i64 expiryTs);
+void VigilReduceArpEntries(VigilFilter *filter, u32 target);
+bool VigilMatchV4IgnoreList(VigilFilter *filter, u16 vlanId, const u8 *mac,
+                            u32 ip);
+
+/* Of the background workers. */
+void VigilUpdateFilterAging(VigilFilter *filter);
+void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi);
+
+/* Checks the table, lists and counters of a filter's IPv4 database; calls
+ * `report` with a text for every broken invariant and returns their count. */
+typedef void (*VigilViolationFn)(void *ctx, const char *text);
+u32 VigilCheckVmiTable(VigilFilter *filter, VigilViolationFn report, void *ctx);
+
+#define VIGIL_VMI_FROM_EXPIRY(links) VIGIL_LIST_ENTRY(links, VigilVmi, expiryLinks)
+#define VIGIL_VMI_FROM_EXPIRED(links) VIGIL_LIST_ENTRY(links, VigilVmi, expiredLinks)
+#define VIGIL_VMI_FROM_HASH(links) VIGIL_LIST_ENTRY(links, VigilVmi, hashLinks)
+
+#endif /* VIGIL_VMI_H */

@@ -1,0 +1,11 @@
+/*
+ * The aging world: expires bindings and pending requests on time.
+ *
+ * Until the aging world is built, a change of a filter's earliest expiry is
+ * not queued anywhere.
+ */
+#include "vigil_vmi.h"
+
+__attribute__((weak)) void VigilUpdateFilterAging(VigilFilter *filter) {
+   (void)filter;
+}

@@ -1,0 +1,158 @@
+/*
+ * The throttled log: five messages per three-second window, shared by all.
+ */
+#include "vigil_test.h"
+#include "vigil_throttle.h"
+
+class LogThrottleTest : public VigilTest {
+protected:
+   void SetUp() override {
+      VigilTest::SetUp();
+      /* The fixture's plain throttled handle gives way to the real one. */
+      zek_LogUnregister(vigilThrottledLogHandle);
+      vigilThrottledLogHandle = nullptr;
+      memset(&vigilThrottleArg, 0, sizeof vigilThrottleArg);
+      ASSERT_EQ(VigilLogThrottleInit(), ZEK_OK);
+   }
+   void TearDown() override {
+      VigilLogThrottleCleanup();
+      EXPECT_EQ(vigilThrottledLogHandle, nullptr);
+      EXPECT_EQ(vigilThrottleSpinLock, VIGIL_NO_LOCK);
+      /* The fixture unregisters a handle of its own. */
+      zek_LogProps props = {};
+      zek_NameInitialize(&props.name, "vigil.throttle");
+      zek_LogRegister(&props, &vigilThrottledLogHandle);
+      VigilTest::TearDown();
+   }
+   int Offer() { return VigilLogThrottleCustom(&vigilThrottleArg); }
+};
+
+TEST_F(LogThrottleTest, InitRegistersTheHandleAndARankSixLock) {
+   EXPECT_TRUE(sim::LogHandleExists("vigil.throttle"));
+   EXPECT_EQ(sim::LockName(vigilThrottleSpinLock), "vigil.logThrottle");
+}
+
+TEST_F(LogThrottleTest, SixMessagesInOneSecondPassFiveAndSetSuppressed) {
+   sim::SetTime(2000.0);
+   for (int i = 0; i < 5; i++) {
+      EXPECT_EQ(Offer(), 1) << "message " << i + 1;
+   }
+   EXPECT_EQ(vigilThrottleArg.suppressed, 0);
+   EXPECT_EQ(Offer(), 0);
+   EXPECT_EQ(vigilThrottleArg.suppressed, 1);
+   EXPECT_EQ(vigilThrottleArg.count, 5u);
+   EXPECT_EQ(vigilThrottleArg.windowStart, 2000u);
+}
+
+TEST_F(LogThrottleTest, SeventhMessageInTheWindowIsHeldWithoutLookingAtCount) {
+   sim::SetTime(2000.0);
+   for (int i = 0; i < 6; i++) {
+      Offer();
+   }
+   vigilThrottleArg.count = 0; /* would pass if count were consulted */
+   EXPECT_EQ(Offer(), 0);
+   EXPECT_EQ(vigilThrottleArg.count, 0u);
+}
+
+TEST_F(LogThrottleTest, MessageThreeSecondsLaterOpensANewWindowAsItsFirst) {
+   sim::SetTime(2000.0);
+   for (int i = 0; i < 6; i++) {
+      Offer();
+   }
+   sim::Advance(3.0);
+   EXPECT_EQ(Offer(), 1);
+   EXPECT_EQ(vigilThrottleArg.windowStart, 2003u);
+   EXPECT_EQ(vigilThrottleArg.count, 1u);
+   EXPECT_EQ(vigilThrottleArg.suppressed, 0);
+}
+
+TEST_F(LogThrottleTest, MessageAtWindowStartPlusTwoSecondsStillBelongsToTheWindow) {
+   sim::SetTime(2000.0);
+   for (int i = 0; i < 6; i++) {
+      Offer();
+   }
+   sim::Advance(2.999);
+   EXPECT_EQ(Offer(), 0);
+   EXPECT_EQ(vigilThrottleArg.windowStart, 2000u);
+}
+
+TEST_F(LogThrottleTest, FirstWindowIsTheZeroRecordUnderThreeSeconds) {
+   sim::SetTime(1.5);
+   for (int i = 0; i < 5; i++) {
+      EXPECT_EQ(Offer(), 1) << "message " << i + 1;
+   }
+   EXPECT_EQ(vigilThrottleArg.windowStart, 0u);
+   EXPECT_EQ(Offer(), 0);
+}
+
+TEST_F(LogThrottleTest, WrapOfTheSecondsValueIsHarmless) {
+   vigilThrottleArg.windowStart = 0xfffffffeu;
+   vigilThrottleArg.count = 5;
+   vigilThrottleArg.suppressed = 1;
+   sim::SetTime(1.0); /* 3 seconds after the window start, modulo 2^32 */
+   EXPECT_EQ(Offer(), 1);
+   EXPECT_EQ(vigilThrottleArg.windowStart, 1u);
+}
+
+TEST_F(LogThrottleTest, ThrottledLinesThroughTheHostFivePassTwoHeldThenANewWindow) {
+   sim::SetTime(2000.0);
+   sim::TakeLogs();
+   for (int i = 0; i < 7; i++) {
+      VIGIL_LOG_THROTTLED("Filter %#x message %d", 0x10, i);
+   }
+   std::vector<sim::LogLine> lines = sim::TakeLogs();
+   ASSERT_EQ(lines.size(), 5u);
+   EXPECT_EQ(lines[4].text, "Filter 0x10 message 4");
+   EXPECT_EQ(lines[4].log, "vigil.throttle");
+   EXPECT_EQ(lines[4].level, 2);
+   EXPECT_EQ(sim::ThrottledCount(), 2u);
+   sim::Advance(3.0);
+   VIGIL_LOG_THROTTLED("Filter %#x message %d", 0x10, 7);
+   lines = sim::TakeLogs();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].text, "Filter 0x10 message 7");
+}
+
+TEST_F(LogThrottleTest, CleanupIsSafeTwice) {
+   VigilLogThrottleCleanup();
+   VigilLogThrottleCleanup();
+   EXPECT_FALSE(sim::LogHandleExists("vigil.throttle"));
+}
+
+class LogThrottleInitTest : public VigilTest {
+protected:
+   void SetUp() override {
+      VigilTest::SetUp();
+      zek_LogUnregister(vigilThrottledLogHandle);
+      vigilThrottledLogHandle = nullptr;
+      sim::TakeLogs();
+   }
+   void TearDown() override {
+      zek_LogProps props = {};
+      zek_NameInitialize(&props.name, "vigil.throttle");
+      zek_LogRegister(&props, &vigilThrottledLogHandle);
+      VigilTest::TearDown();
+   }
+};
+
+TEST_F(LogThrottleInitTest, RegisterFailureIsLoggedAndReturned) {
+   sim::FaultCall("LogRegister", VIGIL_STATUS_NO_MEMORY);
+   EXPECT_EQ(VigilLogThrottleInit(), VIGIL_STATUS_NO_MEMORY);
+   EXPECT_EQ(LogTexts(), std::vector<std::string>{"zek_LogRegister failed: Out of memory"});
+   EXPECT_EQ(vigilThrottledLogHandle, nullptr);
+}
+
+TEST_F(LogThrottleInitTest, LockFailureUnregistersTheHandle) {
+   sim::FaultCall("SpinlockCreate", VIGIL_STATUS_NO_MEMORY);
+   EXPECT_EQ(VigilLogThrottleInit(), VIGIL_STATUS_NO_MEMORY);
+   EXPECT_EQ(LogTexts(), std::vector<std::string>{"zek_Spinlock create failed: Out of memory"});
+   EXPECT_EQ(vigilThrottledLogHandle, nullptr);
+   EXPECT_EQ(vigilThrottleSpinLock, VIGIL_NO_LOCK);
+   EXPECT_FALSE(sim::LogHandleExists("vigil.throttle"));
+}
+
+TEST_F(LogThrottleInitTest, NameFailureIsLoggedAndReturned) {
+   sim::FaultCall("NameFormat", VIGIL_STATUS_BAD_PARAM);
+   EXPECT_EQ(VigilLogThrottleInit(), VIGIL_STATUS_BAD_PARAM);
+   EXPECT_EQ(LogTexts(), std::vector<std::string>{"zek_NameFormat failed: Bad parameter"});
+}
