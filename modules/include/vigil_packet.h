@@ -97,6 +97,7 @@ zek_Status VigilDhcpSnoopRx(VigilFilter *filter, zek_Pkt *pkt,
                             VigilPacketContext *ctx, u32 *action);
 zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
                          const u8 *arpHdr, u32 *action);
+void VigilExtendAge(VigilFilter *filter, VigilPacketContext *ctx);
 zek_Status VigilProcessTxIpv6(VigilFilter *filter, zek_Pkt *pkt,
                               VigilPacketContext *ctx, u32 *action);
 zek_Status VigilProcessRxIpv6(VigilFilter *filter, zek_Pkt *pkt,

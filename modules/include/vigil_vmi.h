@@ -54,6 +54,14 @@ void VigilReduceArpEntries(VigilFilter *filter, u32 target);
 bool VigilMatchV4IgnoreList(VigilFilter *filter, u16 vlanId, const u8 *mac,
                             u32 ip);
 
+/* Aging, life time changes and flushes. */
+void VigilPortDbDoAging(VigilFilter *filter, i64 now);
+void VigilPortDbTimeoutChange(VigilFilter *filter, i32 delta);
+zek_Status VigilConfigArpExpiry(VigilFilter *filter, u32 minutes);
+void VigilDelVmiByDiscMethod(VigilFilter *filter, u32 mask);
+zek_Status VigilConfigL3(VigilFilter *filter, const u32 *newBits, bool flush);
+void VigilIgnoreListDelPortDb(VigilFilter *filter);
+
 /* Of the background workers. */
 void VigilUpdateFilterAging(VigilFilter *filter);
 void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi);

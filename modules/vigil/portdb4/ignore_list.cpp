@@ -32,3 +32,20 @@ bool VigilMatchV4IgnoreList(VigilFilter *filter, u16 vlanId, const u8 *mac,
    }
    return false;
 }
+
+/* Deletes every binding the present ignore list matches, whatever its
+ * method: the one operation that removes a static binding. */
+void VigilIgnoreListDelPortDb(VigilFilter *filter) {
+   VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->expiredVmiList) {
+      VigilVmi *vmi = VIGIL_VMI_FROM_EXPIRED(pos);
+      if (VigilMatchV4IgnoreList(filter, vmi->vlanId, vmi->mac, vmi->ip)) {
+         VigilDelVmi(filter, vmi);
+      }
+   }
+   VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->vmiList) {
+      VigilVmi *vmi = VIGIL_VMI_FROM_EXPIRY(pos);
+      if (VigilMatchV4IgnoreList(filter, vmi->vlanId, vmi->mac, vmi->ip)) {
+         VigilDelVmi(filter, vmi);
+      }
+   }
+}
