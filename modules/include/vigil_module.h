@@ -22,4 +22,9 @@ extern u8 isLiveUpgradeFromMod;
 void *Vigil_HeapAlloc(u32 size);
 void Vigil_HeapFree(void *ptr);
 
+/* Creates one of the module's locks, named, in its lock domain.  The status
+ * of whichever step failed is returned. */
+zek_Status VigilCreateLock(const char *name, u32 kind, u32 rank,
+                           zek_SpinlockHandle *lock);
+
 #endif /* VIGIL_MODULE_H */

@@ -344,7 +344,7 @@ zek_Status zek_GlxPortCommand(zek_PortID portID, uint32_t cmdClass,
 /* --------------------------------------------- priority queue and worlds */
 zek_Status zek_PriQCreate(zek_ModuleID module, zek_HeapID heap, uint32_t flags,
                           uint32_t capacity, zek_PriQHandle *queue);
-void zek_PriQDestroy(zek_PriQHandle queue);
+zek_Status zek_PriQDestroy(zek_PriQHandle queue);
 zek_Status zek_PriQInsert(zek_PriQHandle queue, int64_t key, void *elem);
 zek_Status zek_PriQRekey(zek_PriQHandle queue, void *elem, int64_t key);
 zek_Status zek_PriQExtract(zek_PriQHandle queue, void *elem, void **out);

@@ -27,3 +27,19 @@ void Vigil_HeapFree(void *ptr) {
       zek_HeapFree(heapID, ptr);
    }
 }
+
+zek_Status VigilCreateLock(const char *name, u32 kind, u32 rank,
+                           zek_SpinlockHandle *lock) {
+   zek_SpinlockProps props;
+   memset(&props, 0, sizeof props);
+   zek_Status status = zek_NameInitialize(&props.name, name);
+   if (status != ZEK_OK) {
+      return status;
+   }
+   props.module = moduleID;
+   props.heap = heapID;
+   props.kind = kind;
+   props.domain = lockDomain;
+   props.rank = rank;
+   return zek_SpinlockCreate(&props, lock);
+}

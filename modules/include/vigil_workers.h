@@ -1,0 +1,87 @@
+/*
+ * The two background worlds: the aging world, which expires bindings and
+ * requests on time, and the control-plane world, which posts portset
+ * messages about binding changes.
+ */
+#ifndef VIGIL_WORKERS_H
+#define VIGIL_WORKERS_H
+
+#include "vigil_filter.h"
+
+#define VIGIL_AGING_Q_CAPACITY 5120u
+#define VIGIL_TASK_Q_MAX 512u
+#define VIGIL_PORTSET_MSG_LEN 80u
+#define VIGIL_CP_TASK_PORTSET_MSG 0u
+
+extern zek_PriQHandle filterAgingQ;
+extern zek_SpinlockHandle filterAgingQLock;
+extern u32 agingWorldID;
+extern u8 exitAgingWorld;
+
+zek_Status VigilAgingWorldInit(void);
+zek_Status VigilAgingWorldDestroy(void);
+void VigilAgingWorld(void *data);
+
+/* One task of the control-plane world, sized for its payload. */
+struct VigilCpTask {
+   VigilCpTask *next;
+   u32 type; /* VIGIL_CP_TASK_PORTSET_MSG */
+   char portsetName[VIGIL_PORTSET_NAME_LEN];
+   u32 portID;
+   u8 msg[];
+};
+
+struct VigilTaskQueue {
+   VigilCpTask *head;
+   VigilCpTask *tail;
+   u32 count;
+};
+
+/* The portset message about one binding, the same for IPv4 and IPv6. */
+struct __attribute__((packed)) VigilPortsetMsg {
+   char name[32];
+   u64 payloadLen; /* 40: the bytes after this field */
+   u32 op;         /* 0 added, 1 removed */
+   u32 numEntries; /* 1 */
+   u16 vlanId;
+   u8 mac[6];
+   u8 isIpv4;
+   u8 pad1[3];
+   u8 ip[16]; /* network order; IPv4 in the first four bytes */
+   u8 bound;
+   u8 gratuitous;
+   u8 discMethod;
+   u8 pad2;
+};
+static_assert(sizeof(VigilPortsetMsg) == VIGIL_PORTSET_MSG_LEN, "80-byte message");
+static_assert(offsetof(VigilPortsetMsg, payloadLen) == 32, "payloadLen at 32");
+static_assert(offsetof(VigilPortsetMsg, op) == 40, "op at 40");
+static_assert(offsetof(VigilPortsetMsg, numEntries) == 44, "numEntries at 44");
+static_assert(offsetof(VigilPortsetMsg, vlanId) == 48, "vlanId at 48");
+static_assert(offsetof(VigilPortsetMsg, mac) == 50, "mac at 50");
+static_assert(offsetof(VigilPortsetMsg, isIpv4) == 56, "isIpv4 at 56");
+static_assert(offsetof(VigilPortsetMsg, ip) == 60, "ip at 60");
+static_assert(offsetof(VigilPortsetMsg, bound) == 76, "bound at 76");
+static_assert(offsetof(VigilPortsetMsg, gratuitous) == 77, "gratuitous at 77");
+static_assert(offsetof(VigilPortsetMsg, discMethod) == 78, "discMethod at 78");
+
+extern VigilTaskQueue taskQueue;
+extern zek_SpinlockHandle taskQLock;
+extern u32 cpWorldID;
+extern u8 exitCPWorld;
+
+zek_Status VigilPostPortsetMessage(const char *portsetName, u32 portID,
+                                   const void *payload, u32 length);
+zek_Status VigilCPWorldPostTask(VigilCpTask *task);
+void VigilCPWorldFlushTaskQ(void);
+zek_Status VigilCPWorldInit(void);
+zek_Status VigilCPWorldDestroy(void);
+void VigilCPWorld(void *data);
+
+/* Starts one of the module's worlds. */
+zek_Status VigilCreateWorld(const char *name, zek_WorldStartFn start,
+                            zek_WorldID *id);
+/* Asks a world to end and waits until it has. */
+zek_Status VigilStopWorld(zek_WorldID id);
+
+#endif /* VIGIL_WORKERS_H */
