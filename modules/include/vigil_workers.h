@@ -21,6 +21,8 @@ extern u8 exitAgingWorld;
 zek_Status VigilAgingWorldInit(void);
 zek_Status VigilAgingWorldDestroy(void);
 void VigilAgingWorld(void *data);
+/* Takes a filter that is going away out of the aging queue. */
+void VigilRemoveFilterAging(VigilFilter *filter);
 
 /* One task of the control-plane world, sized for its payload. */
 struct VigilCpTask {

@@ -5,7 +5,12 @@
  * not queued anywhere.
  */
 #include "vigil_vmi.h"
+#include "vigil_workers.h"
 
 __attribute__((weak)) void VigilUpdateFilterAging(VigilFilter *filter) {
+   (void)filter;
+}
+
+__attribute__((weak)) void VigilRemoveFilterAging(VigilFilter *filter) {
    (void)filter;
 }
