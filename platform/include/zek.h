@@ -316,7 +316,7 @@ zek_Status zek_FABTransitClientRuntimeUnregister(
 
 /* An event callback receives, as its fourth argument, the event data: the
  * portset for portset events, the record given at subscription otherwise. */
-typedef void (*zek_NetEventFn)(void *ctx, const char *eventName, void *cbData,
+typedef zek_Status (*zek_NetEventFn)(void *ctx, const char *eventName, void *cbData,
                                void *eventData);
 
 zek_Status zek_NetEventPortsetEventSubscribe(uint32_t flags, const char *name,
