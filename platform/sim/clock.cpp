@@ -3,17 +3,23 @@
  * uptime, the timer cycles (1e9/s) and the monotonic counter (1e6/s).  It is
  * virtual (moved only by SetTime/Advance) unless the real clock is chosen;
  * either way it reads 1000.0 s right after Reset or a switch of mode.
+ *
+ * With worlds alive, a virtual step stops at every world deadline inside it,
+ * in time order, and lets the worlds settle (sim::WaitIdle) at each stop and
+ * at the end; so a world that sleeps for T wakes seeing exactly its deadline.
  */
 #include <chrono>
 #include <cmath>
 
 #include "sim_internal.h"
+#include "worlds_internal.h"
 
 namespace sim {
 namespace {
 
 constexpr int64_t kNsPerSec = 1000000000;
 constexpr int64_t kStartNs = 1000 * kNsPerSec;
+constexpr double kSettleSeconds = 5.0; /* real time for worlds to settle */
 
 std::mutex gClockMutex;
 bool gVirtual = true;
@@ -43,25 +49,67 @@ struct Registrar {
    Registrar() { RegisterResetHook(ResetClock); }
 } gRegistrar;
 
+/* Moves the virtual time to `ns` and lets the worlds see it. */
+void StepTo(int64_t ns) {
+   {
+      std::lock_guard<std::mutex> guard(gClockMutex);
+      gBaseNs = ns;
+   }
+   WorldsClockMoved();
+   WaitIdle(kSettleSeconds);
+}
+
 } // namespace
 
-void UseVirtualClock(bool on) {
+int64_t ClockNowNs() { return NowNs(); }
+
+bool ClockIsVirtual() {
    std::lock_guard<std::mutex> guard(gClockMutex);
-   if (gVirtual == on) return;
-   gVirtual = on;
-   gBaseNs = kStartNs;
-   gRealStart = SteadyNs();
+   return gVirtual;
+}
+
+void UseVirtualClock(bool on) {
+   {
+      std::lock_guard<std::mutex> guard(gClockMutex);
+      if (gVirtual == on) return;
+      gVirtual = on;
+      gBaseNs = kStartNs;
+      gRealStart = SteadyNs();
+   }
+   WorldsClockMoved();
 }
 
 void SetTime(double seconds) {
-   std::lock_guard<std::mutex> guard(gClockMutex);
-   gBaseNs = ToNs(seconds);
-   gRealStart = SteadyNs();
+   {
+      std::lock_guard<std::mutex> guard(gClockMutex);
+      gBaseNs = ToNs(seconds);
+      gRealStart = SteadyNs();
+   }
+   if (AnyLiveWorlds()) {
+      WorldsClockMoved();
+      if (ClockIsVirtual()) WaitIdle(kSettleSeconds);
+   }
 }
 
 void Advance(double seconds) {
-   std::lock_guard<std::mutex> guard(gClockMutex);
-   gBaseNs += ToNs(seconds);
+   if (!AnyLiveWorlds() || !ClockIsVirtual()) {
+      {
+         std::lock_guard<std::mutex> guard(gClockMutex);
+         gBaseNs += ToNs(seconds);
+      }
+      WorldsClockMoved();
+      return;
+   }
+   /* Worlds busy from before the step take their deadlines from its start. */
+   WaitIdle(kSettleSeconds);
+   int64_t now = NowNs();
+   int64_t target = now + ToNs(seconds);
+   int64_t deadline;
+   while (NextWorldDeadline(now, target, &deadline)) {
+      StepTo(deadline);
+      now = deadline;
+   }
+   StepTo(target);
 }
 
 double Now() { return static_cast<double>(NowNs()) / 1e9; }

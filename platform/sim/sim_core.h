@@ -1,5 +1,6 @@
 /*
- * Test API of the simulated host: heap, locks, clock, log, faults, ports.
+ * Test API of the simulated host: heap, locks, clock, log, faults, ports,
+ * worlds, priority queues and portset messages.
  *
  * Only tests and tools include this; the module sees the host only through
  * platform/include.  Everything here is userspace C++ and may allocate.
@@ -9,6 +10,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "zek.h"
@@ -79,6 +81,11 @@ std::string LockName(zek_SpinlockHandle lock);
 /* Virtual: timer cycles at 1e9/s, monotonic counter at 1e6/s, uptime in
  * seconds, all from one virtual time that starts at 1000.0 s. */
 void UseVirtualClock(bool on);
+/* With worlds alive on the virtual clock, Advance stops at each world
+ * deadline inside the step, in time order, wakes that world and waits for the
+ * worlds to be idle before going on; it ends with the time moved by exactly
+ * `seconds` and the worlds idle again.  SetTime sets the time, wakes the
+ * worlds whose deadline has passed and waits for idle. */
 void SetTime(double seconds);
 void Advance(double seconds);
 double Now(); /* seconds of uptime */
@@ -132,6 +139,38 @@ void SetPortFlag(zek_PortID portID, uint32_t flag, bool on);
 void *PortData(zek_PortID portID, uint32_t slot);
 /* Portset holds taken by zek_PortsetAcquire* and not released. */
 uint32_t PortsetsAcquired();
+
+/* A message delivered with zek_PortsetPostMessage: `name` is the message's
+ * own name (its first 32 bytes, up to the NUL); `bytes` the 40-byte header
+ * and the payload, at most 4096 bytes in all. */
+struct PortsetMessage {
+   std::string portset;
+   zek_PortID portID;
+   uint64_t flags;
+   std::string name;
+   std::vector<uint8_t> bytes;
+};
+/* Messages posted since Reset or the last take, in posting order. */
+std::vector<PortsetMessage> TakePortsetMessages();
+
+/* ------------------------------------------------------------ worlds */
+/* Every live world is idle: finished, or asleep in zek_WorldWait with no
+ * wake pending for its event, its (virtual) deadline not reached, and not
+ * being destroyed. */
+bool WorldsIdle();
+/* Waits up to `realSeconds` of real time for WorldsIdle; returns it. */
+bool WaitIdle(double realSeconds);
+/* How many times the world's waits have returned (kept after its death,
+ * until Reset). */
+uint64_t WorldWakes(zek_WorldID id);
+/* Worlds created and not yet joined by zek_WorldWaitForDeath.  Worlds left at
+ * Reset are destroyed and joined there, and reported as a failure. */
+uint32_t LiveWorlds();
+
+/* --------------------------------------------------- priority queues */
+/* The queue's elements with their keys, first to be extracted first. */
+std::vector<std::pair<int64_t, void *>> PriQContents(zek_PriQHandle queue);
+uint32_t LivePriQs(); /* created and not destroyed */
 
 } // namespace sim
 
