@@ -187,6 +187,18 @@ uint64_t FramesLive() {
 
 std::vector<HeaderInfo> FrameHeaders(zek_Pkt *pkt) { return pkt->headers; }
 
+void EnsureMapped(zek_Pkt *pkt, uint32_t len) {
+   len = std::min(len, pkt->frameLen);
+   if (len <= pkt->mappedLen) {
+      return;
+   }
+   /* A new buffer of exactly the new size keeps overreads detectable. */
+   std::unique_ptr<uint8_t[]> mapped(new uint8_t[len]);
+   ReadBytes(pkt, 0, len, mapped.get());
+   pkt->mapped = std::move(mapped);
+   pkt->mappedLen = len;
+}
+
 void SetTraceAttrId(uint64_t id) { gTraceAttrId = id; }
 
 void SetTracing(bool on) {

@@ -10,12 +10,13 @@
 #include <unordered_map>
 #include <unordered_set>
 
-#include "sim_internal.h"
+#include "sim_switch_internal.h"
 
 struct zek_Heap {
    std::string name;
    uint32_t minSize;
    uint32_t maxSize; /* 0: no limit */
+   uint64_t created; /* point in the heap history (HeapMark) */
    struct Block {
       uint32_t size;
       const void *caller;
@@ -37,6 +38,15 @@ uint64_t gAllocSeq;
 /* FaultAlloc: allocations to let through, then allocations to fail. */
 uint32_t gAllocSkip;
 uint32_t gAllocFail;
+/* Heap history: creations and destructions are numbered in one sequence
+ * that Reset does not restart, so that a mark stays comparable. */
+uint64_t gHeapEvents;
+struct DestroyedHeap {
+   uint64_t event;
+   uint64_t leaks;
+   uint64_t bytes;
+};
+std::vector<DestroyedHeap> gDestroyed;
 
 std::string PtrText(const void *p) {
    char buf[32];
@@ -59,6 +69,7 @@ void ResetHeaps() {
    gHeaps.clear();
    gLastLeaks.clear();
    gLeaksSinceReset = 0;
+   gDestroyed.clear();
    gAllocSeq = 0;
    gAllocSkip = 0;
    gAllocFail = 0;
@@ -109,6 +120,26 @@ uint64_t LeaksSinceReset() {
    return gLeaksSinceReset;
 }
 
+uint64_t HeapMark() {
+   std::lock_guard<std::mutex> guard(gHeapMutex);
+   return gHeapEvents;
+}
+
+HeapLeakTotals HeapLeaksSince(uint64_t mark) {
+   std::lock_guard<std::mutex> guard(gHeapMutex);
+   HeapLeakTotals totals{};
+   for (const DestroyedHeap &d : gDestroyed) {
+      if (d.event > mark) {
+         totals.leaks += d.leaks;
+         totals.bytes += d.bytes;
+      }
+   }
+   for (zek_Heap *heap : gHeaps) {
+      if (heap->created > mark) totals.heapsLive++;
+   }
+   return totals;
+}
+
 } // namespace sim
 
 using namespace sim;
@@ -129,6 +160,7 @@ zek_Status zek_HeapCreate(const zek_HeapProps *props, zek_HeapID *heap) {
    h->minSize = props->minSize;
    h->maxSize = props->maxSize;
    std::lock_guard<std::mutex> guard(gHeapMutex);
+   h->created = ++gHeapEvents;
    gHeaps.insert(h);
    *heap = h;
    return ZEK_OK;
@@ -154,6 +186,8 @@ void zek_HeapDestroy(zek_HeapID heap) {
       gLastLeaks.push_back(leak.second);
    }
    gLeaksSinceReset += leaks.size();
+   gDestroyed.push_back(
+      DestroyedHeap{++gHeapEvents, leaks.size(), heap->stats.inUse});
    FreeHeap(heap);
 }
 

@@ -2,13 +2,17 @@
  * Portsets and ports of the simulated host: per-port data slots, flags, VNIC
  * handles, portset holds and walks.  Walks and slot destructors run on a
  * snapshot with no host lock held, since callbacks call back into the host.
+ *
+ * A portset that comes raises the vswitch "activate" event once it exists;
+ * one that goes raises "deactivate" first, then loses its ports (each port
+ * its I/O chains, then its data slots) and its flow cache data.
  */
 #include <cstring>
 #include <map>
 #include <memory>
 #include <set>
 
-#include "sim_internal.h"
+#include "sim_switch_internal.h"
 
 struct zek_Portset {
    std::string name;
@@ -84,23 +88,30 @@ zek_Status CopyOut(const std::string &text, char *buf, size_t size) {
 } // namespace
 
 zek_PortsetHandle AddPortset(const std::string &name, const std::string &cls) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
-   if (PortsetNamed(name) != nullptr) return nullptr;
-   gPortsets.push_back(std::make_unique<zek_Portset>(zek_Portset{name, cls}));
-   return gPortsets.back().get();
+   zek_PortsetHandle ps;
+   {
+      std::lock_guard<std::mutex> guard(gPortMutex);
+      if (PortsetNamed(name) != nullptr) return nullptr;
+      gPortsets.push_back(std::make_unique<zek_Portset>(zek_Portset{name, cls}));
+      ps = gPortsets.back().get();
+   }
+   RaisePortsetEvent("activate", ps);
+   return ps;
 }
 
 void RemovePortset(const std::string &name) {
+   zek_PortsetHandle ps = FindPortset(name);
+   if (ps == nullptr) return;
+   RaisePortsetEvent("deactivate", ps);
    std::vector<zek_PortID> ports;
    {
       std::lock_guard<std::mutex> guard(gPortMutex);
-      zek_Portset *ps = PortsetNamed(name);
-      if (ps == nullptr) return;
       for (auto &entry : gPorts) {
          if (entry.second.portset == ps) ports.push_back(entry.first);
       }
    }
    for (zek_PortID id : ports) RemovePort(id);
+   ForgetPortsetFlowData(ps);
    std::lock_guard<std::mutex> guard(gPortMutex);
    for (auto it = gPortsets.begin(); it != gPortsets.end(); ++it) {
       if ((*it)->name == name) {
@@ -131,6 +142,9 @@ bool AddPort(const std::string &portset, zek_PortID portID,
 }
 
 bool RemovePort(zek_PortID portID) {
+   if (!PortExists(portID)) return false;
+   /* The chains go first, with their removal callbacks. */
+   RemovePortChains(portID);
    std::vector<oxa_PortDataDestructor> destructors;
    {
       std::lock_guard<std::mutex> guard(gPortMutex);
@@ -148,6 +162,26 @@ bool RemovePort(zek_PortID portID) {
    std::lock_guard<std::mutex> guard(gPortMutex);
    gPorts.erase(portID);
    return true;
+}
+
+zek_PortsetHandle PortsetOfPort(zek_PortID portID) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   return port != nullptr ? port->portset : nullptr;
+}
+
+void DropPortDestructorsInto(const void *base, std::vector<std::string> *what) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   for (auto &entry : gPorts) {
+      for (uint32_t i = 0; i < kSlots; i++) {
+         Slot &slot = entry.second.slots[i];
+         if (slot.used && CodeIn(reinterpret_cast<const void *>(slot.destructor), base)) {
+            what->push_back("data slot " + std::to_string(i) + " destructor on port " +
+                            std::to_string(entry.first));
+            slot.destructor = nullptr;
+         }
+      }
+   }
 }
 
 bool PortExists(zek_PortID portID) {

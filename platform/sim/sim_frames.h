@@ -27,6 +27,10 @@ zek_Pkt *MakeFrame(const std::vector<uint8_t> &bytes,
                    const FrameOptions &opts = FrameOptions());
 std::vector<uint8_t> FrameBytes(zek_Pkt *pkt);
 uint64_t FramesLive(); /* created or copied and not released */
+/* Grows the frame's mapped part to `len` bytes (never beyond the frame; a
+ * mapped part already that long stays as it is).  The mapped pointer changes
+ * when it grows. */
+void EnsureMapped(zek_Pkt *pkt, uint32_t len);
 /* The parsed header table of a frame, in order (for tests of the parser). */
 struct HeaderInfo {
    uint32_t layer;

@@ -1,0 +1,121 @@
+/*
+ * Portset events of the simulated host: subscriptions by exact event name,
+ * and the activate/deactivate events the host raises as portsets come and
+ * go.  Subscribers run with no host lock held.
+ */
+#include <list>
+#include <memory>
+
+#include "oxa.h"
+#include "sim_switch.h"
+#include "sim_switch_internal.h"
+
+struct zek_NetEvent {
+   uint32_t flags;
+   std::string name;
+   zek_NetEventFn fn;
+   void *cbData;
+};
+
+namespace sim {
+namespace {
+
+std::mutex gEventMutex;
+std::list<std::unique_ptr<zek_NetEvent>> gSubscriptions; /* in order */
+
+void ResetEvents() {
+   std::lock_guard<std::mutex> guard(gEventMutex);
+   gSubscriptions.clear();
+}
+
+struct Registrar {
+   Registrar() { RegisterResetHook(ResetEvents); }
+} gRegistrar;
+
+} // namespace
+
+void RaiseEvent(const std::string &name, void *eventData) {
+   std::vector<zek_NetEventHandle> matching;
+   {
+      std::lock_guard<std::mutex> guard(gEventMutex);
+      for (auto &sub : gSubscriptions) {
+         if (sub->name == name) matching.push_back(sub.get());
+      }
+   }
+   for (zek_NetEventHandle handle : matching) {
+      zek_NetEventFn fn = nullptr;
+      void *cbData = nullptr;
+      {
+         /* A subscriber that an earlier one unsubscribed is not called. */
+         std::lock_guard<std::mutex> guard(gEventMutex);
+         for (auto &sub : gSubscriptions) {
+            if (sub.get() == handle) {
+               fn = sub->fn;
+               cbData = sub->cbData;
+               break;
+            }
+         }
+      }
+      if (fn != nullptr) (void)fn(nullptr, name.c_str(), cbData, eventData);
+   }
+}
+
+std::vector<std::string> Subscriptions() {
+   std::lock_guard<std::mutex> guard(gEventMutex);
+   std::vector<std::string> out;
+   for (auto &sub : gSubscriptions) out.push_back(sub->name);
+   return out;
+}
+
+std::string VswitchEventName(const std::string &what) {
+   return "com.norvex.oxa.vswitch." + what + "." +
+          std::to_string(OXA_BUILD_NUMBER);
+}
+
+void RaisePortsetEvent(const std::string &what, zek_PortsetHandle ps) {
+   RaiseEvent(VswitchEventName(what), ps);
+}
+
+void DropSubscriptionsInto(const void *base, std::vector<std::string> *what) {
+   std::lock_guard<std::mutex> guard(gEventMutex);
+   for (auto it = gSubscriptions.begin(); it != gSubscriptions.end();) {
+      if (CodeIn(reinterpret_cast<const void *>((*it)->fn), base)) {
+         what->push_back("subscription to event " + (*it)->name);
+         it = gSubscriptions.erase(it);
+      } else {
+         ++it;
+      }
+   }
+}
+
+} // namespace sim
+
+using namespace sim;
+
+extern "C" {
+
+zek_Status zek_NetEventPortsetEventSubscribe(uint32_t flags, const char *name,
+                                             zek_NetEventFn fn, void *cbData,
+                                             zek_NetEventHandle *handle) {
+   SIM_FAULT_RETURN("NetEventPortsetEventSubscribe");
+   if (name == nullptr || fn == nullptr || handle == nullptr) return kBadParam;
+   std::lock_guard<std::mutex> guard(gEventMutex);
+   gSubscriptions.push_back(
+      std::make_unique<zek_NetEvent>(zek_NetEvent{flags, name, fn, cbData}));
+   *handle = gSubscriptions.back().get();
+   return ZEK_OK;
+}
+
+zek_Status zek_NetEventPortsetEventUnsubscribe(zek_NetEventHandle handle) {
+   SIM_FAULT_RETURN("NetEventPortsetEventUnsubscribe");
+   std::lock_guard<std::mutex> guard(gEventMutex);
+   for (auto it = gSubscriptions.begin(); it != gSubscriptions.end(); ++it) {
+      if (it->get() == handle) {
+         gSubscriptions.erase(it);
+         return ZEK_OK;
+      }
+   }
+   return kNotFound;
+}
+
+} /* extern "C" */

@@ -1,0 +1,210 @@
+/*
+ * I/O chains of the simulated switch: filters inserted on a port's input or
+ * output path.  The host keeps a copy of each description; the tests push
+ * frame lists through a port's chains with SendFromVM and DeliverToVM.
+ * Chain functions and removal callbacks run with no host lock held.
+ */
+#include <algorithm>
+#include <cstring>
+#include <list>
+#include <memory>
+
+#include "sim_frames.h"
+#include "sim_switch.h"
+#include "sim_switch_internal.h"
+
+struct zek_IOChain {
+   zek_IOChainDesc desc; /* desc.label points at `label` */
+   std::string label;
+   uint32_t minMappedLen = 0;
+};
+
+namespace sim {
+namespace {
+
+std::mutex gChainMutex;
+std::list<std::unique_ptr<zek_IOChain>> gChains; /* in insertion order */
+
+void ResetChains() {
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   gChains.clear();
+}
+
+struct Registrar {
+   Registrar() { RegisterResetHook(ResetChains); }
+} gRegistrar;
+
+std::string NameText(const zek_Name &name) {
+   return std::string(name.string, strnlen(name.string, ZEK_NAME_MAX));
+}
+
+/* Takes the chain off the list; the caller owns it from then on. */
+std::unique_ptr<zek_IOChain> Unlink(zek_IOChainHandle handle) {
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   for (auto it = gChains.begin(); it != gChains.end(); ++it) {
+      if (it->get() == handle) {
+         std::unique_ptr<zek_IOChain> chain = std::move(*it);
+         gChains.erase(it);
+         return chain;
+      }
+   }
+   return nullptr;
+}
+
+void CallRemove(std::unique_ptr<zek_IOChain> chain) {
+   if (chain->desc.removeFn != nullptr) {
+      chain->desc.removeFn(nullptr, chain->desc.priv, chain.get());
+   }
+}
+
+uint32_t RunChains(zek_PortID portID, uint32_t direction, zek_PktList *list) {
+   if (!PortExists(portID)) return kNotFound;
+   std::vector<zek_IOChainHandle> run;
+   uint32_t minMapped = 0;
+   {
+      std::lock_guard<std::mutex> guard(gChainMutex);
+      for (auto &chain : gChains) {
+         if (chain->desc.portID == portID && chain->desc.direction == direction) {
+            run.push_back(chain.get());
+            minMapped = std::max(minMapped, chain->minMappedLen);
+         }
+      }
+   }
+   if (minMapped > 0 && list != nullptr) {
+      for (zek_Pkt *pkt : ListFrames(list)) EnsureMapped(pkt, minMapped);
+   }
+   for (zek_IOChainHandle handle : run) {
+      zek_IOChainFn fn = nullptr;
+      void *priv = nullptr;
+      {
+         /* A chain removed by an earlier one in this run is skipped. */
+         std::lock_guard<std::mutex> guard(gChainMutex);
+         for (auto &chain : gChains) {
+            if (chain.get() == handle) {
+               fn = chain->desc.fn;
+               priv = chain->desc.priv;
+               break;
+            }
+         }
+      }
+      if (fn == nullptr) continue;
+      zek_Status status = fn(portID, priv, list);
+      if (status != ZEK_OK) return status;
+   }
+   return ZEK_OK;
+}
+
+} // namespace
+
+void RemovePortChains(zek_PortID portID) {
+   for (;;) {
+      std::unique_ptr<zek_IOChain> chain;
+      {
+         std::lock_guard<std::mutex> guard(gChainMutex);
+         auto it = std::find_if(gChains.begin(), gChains.end(), [&](auto &c) {
+            return c->desc.portID == portID;
+         });
+         if (it == gChains.end()) return;
+         chain = std::move(*it);
+         gChains.erase(it);
+      }
+      CallRemove(std::move(chain));
+   }
+}
+
+void DropChainsInto(const void *base, std::vector<std::string> *what) {
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   for (auto it = gChains.begin(); it != gChains.end();) {
+      const zek_IOChainDesc &d = (*it)->desc;
+      if (CodeIn(reinterpret_cast<const void *>(d.fn), base) ||
+          CodeIn(reinterpret_cast<const void *>(d.removeFn), base)) {
+         what->push_back("I/O chain '" + NameText(d.name) + "' on port " +
+                         std::to_string(d.portID));
+         it = gChains.erase(it);
+      } else {
+         ++it;
+      }
+   }
+}
+
+uint32_t SendFromVM(zek_PortID portID, zek_PktList *list) {
+   return RunChains(portID, ZEK_IOCHAIN_INPUT, list);
+}
+
+uint32_t DeliverToVM(zek_PortID portID, zek_PktList *list) {
+   return RunChains(portID, ZEK_IOCHAIN_OUTPUT, list);
+}
+
+uint32_t MinMappedLen(zek_PortID portID) {
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   uint32_t len = 0;
+   for (auto &chain : gChains) {
+      if (chain->desc.portID == portID) len = std::max(len, chain->minMappedLen);
+   }
+   return len;
+}
+
+std::vector<ChainInfo> PortChains(zek_PortID portID) {
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   std::vector<ChainInfo> out;
+   for (auto &chain : gChains) {
+      const zek_IOChainDesc &d = chain->desc;
+      if (d.portID != portID) continue;
+      out.push_back(ChainInfo{chain.get(), d.direction, chain->label,
+                              NameText(d.name), d.chainClass,
+                              chain->minMappedLen});
+   }
+   return out;
+}
+
+uint32_t LiveChains() {
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   return static_cast<uint32_t>(gChains.size());
+}
+
+} // namespace sim
+
+using namespace sim;
+
+extern "C" {
+
+zek_Status zek_IOChainInsert(const zek_IOChainDesc *desc,
+                             zek_IOChainHandle *handle) {
+   SIM_FAULT_RETURN("IOChainInsert");
+   if (desc == nullptr || handle == nullptr || desc->fn == nullptr ||
+       desc->direction > ZEK_IOCHAIN_OUTPUT) {
+      return kBadParam;
+   }
+   if (!PortExists(desc->portID)) return kNotFound;
+   auto chain = std::make_unique<zek_IOChain>();
+   chain->desc = *desc;
+   chain->label = desc->label != nullptr ? desc->label : "";
+   chain->desc.label = chain->label.c_str();
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   *handle = chain.get();
+   gChains.push_back(std::move(chain));
+   return ZEK_OK;
+}
+
+zek_Status zek_IOChainSetMinPktMappedLen(zek_IOChainHandle handle,
+                                         uint32_t len) {
+   SIM_FAULT_RETURN("IOChainSetMinPktMappedLen");
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   for (auto &chain : gChains) {
+      if (chain.get() == handle) {
+         chain->minMappedLen = len;
+         return ZEK_OK;
+      }
+   }
+   return kNotFound;
+}
+
+zek_Status zek_IOChainRemove(zek_IOChainHandle handle) {
+   SIM_FAULT_RETURN("IOChainRemove");
+   std::unique_ptr<zek_IOChain> chain = Unlink(handle);
+   if (chain == nullptr) return kNotFound;
+   CallRemove(std::move(chain));
+   return ZEK_OK;
+}
+
+} /* extern "C" */

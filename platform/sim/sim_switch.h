@@ -1,0 +1,141 @@
+/*
+ * Test API of the simulated host: the virtual switch around the module (I/O
+ * chains, port properties, portset events), the flow cache and accelerated
+ * datapath siblings, and the loader that runs the module as a shared object.
+ *
+ * Only tests and tools include this.
+ */
+#ifndef SIM_SWITCH_H
+#define SIM_SWITCH_H
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "zek.h"
+#include "fc.h"
+
+namespace sim {
+
+/* ------------------------------------------------------------ I/O chains */
+/* Runs the port's input chains (SendFromVM: frames coming from the VM) or
+ * output chains (DeliverToVM: frames going to the VM) on `list`, in the
+ * order they were inserted, each as fn(portID, priv, list).  Before the
+ * first one runs, every frame of the list is mapped at least as far as the
+ * largest minimum mapped length of those chains (never beyond the frame).
+ * A chain that answers a status other than ZEK_OK stops the run; that status
+ * is returned.  An unknown port answers 0xbad0003 and runs nothing. */
+uint32_t SendFromVM(zek_PortID portID, zek_PktList *list);
+uint32_t DeliverToVM(zek_PortID portID, zek_PktList *list);
+/* Largest minimum mapped length of the port's chains, both directions. */
+uint32_t MinMappedLen(zek_PortID portID);
+struct ChainInfo {
+   zek_IOChainHandle handle;
+   uint32_t direction; /* ZEK_IOCHAIN_INPUT or ZEK_IOCHAIN_OUTPUT */
+   std::string label;
+   std::string name;
+   uint32_t chainClass;
+   uint32_t minMappedLen;
+};
+/* The port's chains in insertion order. */
+std::vector<ChainInfo> PortChains(zek_PortID portID);
+uint32_t LiveChains(); /* inserted and not removed, on every port */
+/* sim::RemovePort takes the port's chains off first, each with its removal
+ * callback as zek_IOChainRemove does, and only then runs the destructors of
+ * the port's data slots. */
+
+/* ------------------------------------------------------ port properties */
+/* Writes a property of a port as the switch does: the registration for that
+ * property on the port's portset gets ops->write(portset, portID, name,
+ * bytes, size), with nullptr for an empty value, and its status is returned.
+ * Without a registration (or for an unknown port) *handled is false and the
+ * answer is 0xbad0003.  `handled` may be nullptr. */
+zek_Status WriteProperty(zek_PortID portID, const std::string &prop,
+                         const std::vector<uint8_t> &data, bool *handled);
+/* The same for ops->cleanup(portset, portID); 0 when that slot is empty. */
+zek_Status CleanupProperty(zek_PortID portID, const std::string &prop,
+                           bool *handled);
+/* Property names registered on the portset, in registration order. */
+std::vector<std::string> RegisteredProperties(const std::string &portset);
+uint32_t LiveClientRegistrations();
+
+/* ------------------------------------------------------ portset events */
+/* Calls fn(nullptr, name, cbData, eventData) for every subscriber of exactly
+ * that name, in subscription order; a subscriber's status does not stop the
+ * others and is not kept. */
+void RaiseEvent(const std::string &name, void *eventData);
+/* The names of the live subscriptions, in subscription order. */
+std::vector<std::string> Subscriptions();
+/* "com.norvex.oxa.vswitch.<what>.<OXA_BUILD_NUMBER>": the names under which
+ * AddPortset raises "activate" and RemovePortset "deactivate", with the
+ * portset handle as the event data. */
+std::string VswitchEventName(const std::string &what);
+
+/* ------------------------------------------------------------ flow cache */
+/* The warden hash records of the portset's flow cache data, in insertion
+ * order. */
+struct WardenHashEntry {
+   zek_PortID portID;
+   uint32_t isIpv6;
+   std::vector<uint8_t> entry; /* the 32 bytes */
+};
+std::vector<WardenHashEntry> FlowCacheEntries(const std::string &portset);
+/* FC_InvalidateFlows calls since Reset or the last take, in order. */
+struct Invalidation {
+   uint32_t reason;
+   zek_PortID portID;
+};
+std::vector<Invalidation> TakeInvalidations();
+
+/* ------------------------------------------------- accelerated datapath */
+/* What zek_GlxIsEnabled answers for the portset of that name (off until set;
+ * kept until Reset, also across removal and re-adding of the portset). */
+void SetGlxEnabled(const std::string &portset, bool on);
+/* zek_GlxPortCommand calls since Reset or the last take, in order: the name
+ * is the NUL-terminated text in the record's first 128 bytes; the byte at
+ * offset 136 is taken when the record is at least 137 bytes long (0
+ * otherwise). */
+struct GlxCommand {
+   zek_PortID portID;
+   std::string name;
+   uint8_t isPortWardenEnabled;
+   uint32_t cmdClass;
+   uint32_t len;
+};
+std::vector<GlxCommand> TakeGlxCommands();
+
+/* ---------------------------------------------------------------- loader */
+/* Loads the shared object at `soPath` from a private copy of the file, so
+ * that two loads are two modules with their own globals.  Each parameter
+ * sets the module global of that name (VIGIL_HEAP_MIN_SIZE and
+ * VIGIL_HEAP_MAX_SIZE: int; isLiveUpgrade: bool), then init_module runs and
+ * *initResult gets its answer.  The module stays loaded even when init fails
+ * (UnloadModule then skips cleanup_module, as the kernel does).  nullptr and
+ * *error set when the file cannot be loaded, a parameter is unknown or
+ * missing from the module, or the module has no init_module. */
+struct LoadedModule;
+LoadedModule *LoadModule(const std::string &soPath,
+                         const std::vector<std::pair<std::string, int64_t>> &params,
+                         int *initResult, std::string *error);
+/* Runs cleanup_module (when init succeeded), closes and deletes the copy.
+ * leaks and leakBytes: allocations left in the heaps destroyed since the
+ * load; heapsLive: heaps created since the load and not destroyed;
+ * framesLive: sim::FramesLive() after the unload; callbacksLeft: chains,
+ * subscriptions, property registrations and port data destructors still
+ * pointing into the module's code, each reported as a host failure and
+ * dropped (never called). */
+struct UnloadReport {
+   uint64_t leaks;
+   uint64_t leakBytes;
+   uint64_t framesLive;
+   uint64_t heapsLive;
+   uint64_t callbacksLeft;
+};
+UnloadReport UnloadModule(LoadedModule *module);
+/* dlsym in the loaded module (nullptr when absent). */
+void *ModuleSymbol(LoadedModule *module, const std::string &name);
+
+} // namespace sim
+
+#endif /* SIM_SWITCH_H */
