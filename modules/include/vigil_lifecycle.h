@@ -27,9 +27,9 @@ void VigilRemoveIOChainCB(void *ctx, void *priv, zek_IOChainHandle handle);
 extern "C" int init_module(void);
 extern "C" void cleanup_module(void);
 void VigilGenericCleanup(void);
-extern int VIGIL_HEAP_MIN_SIZE;
-extern int VIGIL_HEAP_MAX_SIZE;
-extern bool isLiveUpgrade;
+extern "C" int VIGIL_HEAP_MIN_SIZE;
+extern "C" int VIGIL_HEAP_MAX_SIZE;
+extern "C" bool isLiveUpgrade;
 
 /* Of the migration and management parts. */
 zek_Status VigilMigrationInit(void);

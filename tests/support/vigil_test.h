@@ -23,6 +23,9 @@ class VigilTest : public ::testing::Test {
 protected:
    void SetUp() override;
    void TearDown() override;
+   /* Whether the aging world runs; without it the aging queue still exists,
+    * and tests call the aging walks themselves. */
+   virtual bool RunAgingWorld() { return false; }
 
    /* Creates a port in portset "vs0" with a filter in its data slot: the
     * defaults of a new filter, both locks, nothing enabled. */
@@ -39,6 +42,8 @@ protected:
 
    /* Log lines written since the last call, as their text behind the tag. */
    std::vector<std::string> LogTexts();
+   /* The same lines whole, waiting for the worlds to settle first. */
+   std::vector<sim::LogLine> TakeModuleLogs();
 
 private:
    std::vector<std::string> RunBatch(u32 portID,

@@ -1,16 +1,207 @@
 /*
- * The aging world: expires bindings and pending requests on time.
+ * The aging world: one kernel thread that does all expiry work.
  *
- * Until the aging world is built, a change of a filter's earliest expiry is
- * not queued anywhere.
+ * Every filter with something to expire stands in one priority queue keyed
+ * by the earliest moment it needs attention; the world sleeps until the
+ * first key falls due.  Whoever changes a database re-files the filter
+ * through VigilUpdateFilterAging, so a filter's key always equals its
+ * earliest expiry.
  */
-#include "vigil_vmi.h"
+#include "vigil_dhcp.h"
+#include "vigil_log.h"
+#include "vigil_throttle.h"
+#include "vigil_v6.h"
 #include "vigil_workers.h"
 
-__attribute__((weak)) void VigilUpdateFilterAging(VigilFilter *filter) {
-   (void)filter;
+#define VIGIL_AGING_BUSY_PORT_WAIT_MS 500u
+
+zek_PriQHandle filterAgingQ = nullptr;
+zek_SpinlockHandle filterAgingQLock = VIGIL_NO_LOCK;
+u32 agingWorldID = 0;
+u8 exitAgingWorld = 0;
+
+/* The event on which the world sleeps. */
+static void *VigilAgingWorldEvent(void) {
+   return &agingWorldID;
 }
 
-__attribute__((weak)) void VigilRemoveFilterAging(VigilFilter *filter) {
-   (void)filter;
+/* The earliest expiry of the filter's running records, if it has any. */
+static bool VigilEarliestExpiry(VigilFilter *filter, i64 *key) {
+   bool found = false;
+   i64 candidates[4];
+   u32 n = 0;
+   if (filter->numVmis != filter->numExpiredVmis) {
+      candidates[n++] = VIGIL_VMI_FROM_EXPIRY(filter->vmiList.next)->expiryTs;
+   }
+   if (filter->numDhcpReqs != 0) {
+      candidates[n++] = VIGIL_DHCP_REQ_FROM_LINKS(filter->dhcpReqList.next)->expiryTs;
+   }
+   if (filter->numNdEntries + filter->numDhcpV6Entries != filter->numExpiredNdEntries &&
+       !VigilListIsEmpty(&filter->v6VmiList)) {
+      candidates[n++] = VigilV6FirstExpiry(filter);
+   }
+   if (filter->numDhcpV6Reqs != 0 && !VigilListIsEmpty(&filter->dhcpV6ReqList)) {
+      candidates[n++] = VigilDhcpV6FirstReqExpiry(filter);
+   }
+   for (u32 i = 0; i < n; i++) {
+      if (!found || candidates[i] < *key) {
+         *key = candidates[i];
+         found = true;
+      }
+   }
+   return found;
+}
+
+void VigilUpdateFilterAging(VigilFilter *filter) {
+   i64 key = 0;
+   bool due = VigilEarliestExpiry(filter, &key);
+
+   zek_SpinlockLock(filterAgingQLock);
+   if (!due) {
+      void *out;
+      zek_PriQExtract(filterAgingQ, &filter->agingPortID, &out);
+      filter->agingKey = VIGIL_AGING_KEY_NONE;
+      filter->agingPortID = 0;
+      zek_SpinlockUnlock(filterAgingQLock);
+      zek_WorldWakeup(VigilAgingWorldEvent());
+      return;
+   }
+   if (key == filter->agingKey) {
+      zek_SpinlockUnlock(filterAgingQLock);
+      return;
+   }
+   if (filter->agingPortID != 0) {
+      zek_PriQRekey(filterAgingQ, &filter->agingPortID, key);
+   } else {
+      filter->agingPortID = filter->portID;
+      zek_PriQInsert(filterAgingQ, key, &filter->agingPortID);
+   }
+   filter->agingKey = key;
+   zek_SpinlockUnlock(filterAgingQLock);
+   zek_WorldWakeup(VigilAgingWorldEvent());
+}
+
+/* Ages the filter at the head of the queue if it is due.  Returns the time
+ * to wait before the next look, or 0 to look again at once. */
+static u32 VigilAgeFirstFilter(void) {
+   u32 count = 0;
+   zek_SpinlockLock(filterAgingQLock);
+   if (zek_PriQUsedElems(filterAgingQ, &count) != ZEK_OK || count == 0) {
+      zek_SpinlockUnlock(filterAgingQLock);
+      return ZEK_TIMEOUT_NONE;
+   }
+   i64 key;
+   void *elem;
+   zek_Status status = zek_PriQFirst(filterAgingQ, &key, &elem);
+   if (status != ZEK_OK) {
+      VIGIL_LOG_INFO("Error getting first element in PriQ: %d", (int)status);
+      zek_SpinlockUnlock(filterAgingQLock);
+      return ZEK_TIMEOUT_NONE;
+   }
+   /* The element is the filter's agingPortID word. */
+   u32 portID = *(u32 *)elem;
+   zek_SpinlockUnlock(filterAgingQLock);
+   if (portID == 0) {
+      return ZEK_TIMEOUT_NONE;
+   }
+
+   zek_PortsetHandle portset;
+   VigilFilter *filter = Vigil_LockPsPortAndFilter(portID, true, &portset);
+   if (filter == nullptr) {
+      VIGIL_LOG_INFO("Error locking PS and Filter or is being destroyed: %#x", portID);
+      return VIGIL_AGING_BUSY_PORT_WAIT_MS;
+   }
+   /* The key may have moved since it was read: look again under the filter
+    * lock.  A record ends only once now has passed its expiry. */
+   zek_Uptime now;
+   zek_GetUptime(&now);
+   u32 waitMs = 0;
+   if (now.sec < filter->agingKey) {
+      waitMs = (u32)((filter->agingKey + 1 - now.sec) * 1000);
+   } else {
+      VigilPortDbDoAging(filter, now.sec);
+      VigilPortDbV6DoAging(filter, now.sec);
+   }
+   Vigil_UnlockPsPortFilter(filter, true, portset);
+   return waitMs;
+}
+
+void VigilAgingWorld(void *data) {
+   (void)data;
+   VIGIL_LOG_INFO("Aging World is Started");
+   for (;;) {
+      if (exitAgingWorld) {
+         VIGIL_LOG_INFO("Exiting Aging World");
+         agingWorldID = 0;
+         zek_WorldExit(ZEK_OK);
+      }
+      u32 waitMs;
+      do {
+         waitMs = VigilAgeFirstFilter();
+      } while (waitMs == 0);
+      zek_WorldWait(VigilAgingWorldEvent(), nullptr, waitMs, "Wait");
+   }
+}
+
+zek_Status VigilAgingWorldInit(void) {
+   zek_Status status = zek_PriQCreate(moduleID, heapID, 0, VIGIL_AGING_Q_CAPACITY,
+                                      &filterAgingQ);
+   if (status != ZEK_OK) {
+      filterAgingQ = nullptr;
+      VIGIL_LOG_ERROR("Failed to create PriQ (%#x): %s", status,
+                      zek_StatusToString(status));
+      return status;
+   }
+   status = VigilCreateLock("vigil.agingQ", ZEK_SPINLOCK_ORDINARY,
+                            VIGIL_RANK_AGING_Q, &filterAgingQLock);
+   if (status != ZEK_OK) {
+      filterAgingQLock = VIGIL_NO_LOCK;
+      VIGIL_LOG_ERROR("Could not allocate agingQ lock, status: %s",
+                      zek_StatusToString(status));
+      return status;
+   }
+   VIGIL_LOG_INFO("Aginglock created");
+   exitAgingWorld = 0;
+   status = VigilCreateWorld("VigilAgingWorld", VigilAgingWorld,
+                             &agingWorldID);
+   if (status != ZEK_OK) {
+      agingWorldID = 0;
+      VIGIL_LOG_ERROR("Failed to create aging world: %s", zek_StatusToString(status));
+      return status;
+   }
+   return ZEK_OK;
+}
+
+zek_Status VigilAgingWorldDestroy(void) {
+   exitAgingWorld = 1;
+   zek_Status waitStatus = VigilStopWorld(agingWorldID);
+   if (filterAgingQLock != VIGIL_NO_LOCK) {
+      zek_SpinlockDestroy(filterAgingQLock);
+      filterAgingQLock = VIGIL_NO_LOCK;
+   }
+   if (filterAgingQ != nullptr) {
+      zek_Status status = zek_PriQDestroy(filterAgingQ);
+      if (status != ZEK_OK) {
+         VIGIL_LOG_INFO("Error destroying PriQ (%#x): %s", status,
+                        zek_StatusToString(status));
+         return status;
+      }
+      filterAgingQ = nullptr;
+      return ZEK_OK;
+   }
+   return waitStatus;
+}
+
+void VigilRemoveFilterAging(VigilFilter *filter) {
+   if (filterAgingQLock == VIGIL_NO_LOCK) {
+      return;
+   }
+   zek_SpinlockLock(filterAgingQLock);
+   if (filter->agingPortID != 0) {
+      void *out;
+      zek_PriQExtract(filterAgingQ, &filter->agingPortID, &out);
+      filter->agingPortID = 0;
+      filter->agingKey = VIGIL_AGING_KEY_NONE;
+   }
+   zek_SpinlockUnlock(filterAgingQLock);
 }

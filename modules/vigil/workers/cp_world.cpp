@@ -1,11 +1,207 @@
 /*
- * The control-plane world: posts portset messages about binding changes.
+ * The control-plane world: delivers portset messages about binding changes.
  *
- * Until the control-plane world is built, binding changes are not posted.
+ * A change happens on the data path under the filter's write lock, where a
+ * portset can't be looked up by name; so the change only leaves a task in a
+ * bounded queue, and this world takes the portset and posts the message.
+ * Messages are best effort: a lost one never rolls the database back.
  */
-#include "vigil_vmi.h"
+#include <cstring>
 
-__attribute__((weak)) void VigilPostPortDbMsg(VigilFilter *filter, u32 op,
-                                              VigilVmi *vmi) {
-   (void)filter, (void)op, (void)vmi;
+#include "vigil_log.h"
+#include "vigil_throttle.h"
+#include "vigil_vmi.h"
+#include "vigil_workers.h"
+
+#define VIGIL_PORTSET_MSG_PAYLOAD_LEN 40u
+#define VIGIL_PORTSET_MSG_FLAGS 0x8000000000000ull
+#define VIGIL_CP_YIELD_MASK 0x1fu
+
+VigilTaskQueue taskQueue = {nullptr, nullptr, 0};
+zek_SpinlockHandle taskQLock = VIGIL_NO_LOCK;
+u32 cpWorldID = 0;
+u8 exitCPWorld = 0;
+
+static void *VigilCPWorldEvent(void) {
+   return &cpWorldID;
+}
+
+void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi) {
+   VigilPortsetMsg msg;
+   memset(&msg, 0, sizeof msg);
+   zek_Name name;
+   zek_NameInitialize(&name, op == VIGIL_PORTDB_MSG_ADDED ? "portdb.entry.added"
+                                                          : "portdb.entry.removed");
+   memcpy(msg.name, name.string, sizeof msg.name - 1);
+   msg.payloadLen = VIGIL_PORTSET_MSG_PAYLOAD_LEN;
+   msg.op = op;
+   msg.numEntries = 1;
+   msg.vlanId = vmi->vlanId;
+   memcpy(msg.mac, vmi->mac, 6);
+   msg.isIpv4 = 1;
+   memcpy(msg.ip, &vmi->ip, 4);
+   msg.bound = vmi->discMethod == VIGIL_DISC_DHCP || vmi->discMethod == VIGIL_DISC_STATIC;
+   msg.gratuitous = vmi->gratuitous;
+   msg.discMethod = vmi->discMethod;
+
+   zek_Status status = VigilPostPortsetMessage(filter->portsetName, filter->portID,
+                                               &msg, sizeof msg);
+   if (status != ZEK_OK) {
+      VIGIL_LOG_ERROR("Filter %#x Could not post message:%s:%s", filter->portID,
+                      msg.name, zek_StatusToString(status));
+   }
+}
+
+zek_Status VigilPostPortsetMessage(const char *portsetName, u32 portID,
+                                   const void *payload, u32 length) {
+   VigilCpTask *task = (VigilCpTask *)Vigil_HeapAlloc(sizeof(VigilCpTask) + length);
+   if (task == nullptr) {
+      VIGIL_LOG_INFO("Unable to allocate memory, port: %#x", portID);
+      return VIGIL_STATUS_NO_MEMORY;
+   }
+   task->type = VIGIL_CP_TASK_PORTSET_MSG;
+   zek_Strncpy(task->portsetName, portsetName, VIGIL_PORTSET_NAME_LEN);
+   task->portID = portID;
+   memcpy(task->msg, payload, length);
+   zek_Status status = VigilCPWorldPostTask(task);
+   if (status != ZEK_OK) {
+      VIGIL_LOG_INFO("Unable to post portDB portset message to CPWorld: %s",
+                     zek_StatusToString(status));
+      Vigil_HeapFree(task);
+   }
+   return status;
+}
+
+zek_Status VigilCPWorldPostTask(VigilCpTask *task) {
+   if (task == nullptr) {
+      return VIGIL_STATUS_BAD_PARAM;
+   }
+   if (cpWorldID == 0) {
+      return VIGIL_STATUS_NOT_INITIALIZED;
+   }
+   if (task->type != VIGIL_CP_TASK_PORTSET_MSG) {
+      return VIGIL_STATUS_NOT_SUPPORTED;
+   }
+   zek_SpinlockLock(taskQLock);
+   if (taskQueue.count >= VIGIL_TASK_Q_MAX) {
+      zek_SpinlockUnlock(taskQLock);
+      return VIGIL_STATUS_LIMIT;
+   }
+   task->next = nullptr;
+   if (taskQueue.tail != nullptr) {
+      taskQueue.tail->next = task;
+   } else {
+      taskQueue.head = task;
+   }
+   taskQueue.tail = task;
+   taskQueue.count++;
+   zek_SpinlockUnlock(taskQLock);
+   zek_WorldWakeup(VigilCPWorldEvent());
+   return ZEK_OK;
+}
+
+/* Takes the first task off the queue; null when it is empty. */
+static VigilCpTask *VigilTaskQueuePop(void) {
+   VigilCpTask *task = taskQueue.head;
+   if (task != nullptr) {
+      taskQueue.head = task->next;
+      if (taskQueue.head == nullptr) {
+         taskQueue.tail = nullptr;
+      }
+      taskQueue.count--;
+   }
+   return task;
+}
+
+void VigilCPWorldFlushTaskQ(void) {
+   int count = 0;
+   zek_SpinlockLock(taskQLock);
+   for (VigilCpTask *task = VigilTaskQueuePop(); task != nullptr;
+        task = VigilTaskQueuePop()) {
+      Vigil_HeapFree(task);
+      count++;
+   }
+   zek_SpinlockUnlock(taskQLock);
+   if (count > 0) {
+      VIGIL_LOG_INFO("cpWorld taskQ flushed, cnt: %d", count);
+   }
+}
+
+static void VigilDeliverTask(VigilCpTask *task) {
+   zek_PortsetHandle portset;
+   zek_Status status = zek_PortsetAcquireByName(task->portsetName, 1, &portset);
+   if (status != ZEK_OK) {
+      VIGIL_LOG_ERROR("Unable to acquire portset from name: %s, status: %s",
+                      task->portsetName, zek_StatusToString(status));
+      return;
+   }
+   zek_PortsetPostMessage(portset, task->portID, VIGIL_PORTSET_MSG_FLAGS, task->msg);
+   zek_PortsetRelease(portset);
+}
+
+void VigilCPWorld(void *data) {
+   (void)data;
+   u32 handled = 0;
+   VIGIL_LOG_INFO("CPWorld is Started");
+   for (;;) {
+      if (exitCPWorld) {
+         VIGIL_LOG_INFO("Exiting CPWorld - exit: %#x", exitCPWorld);
+         VigilCPWorldFlushTaskQ();
+         cpWorldID = 0;
+         zek_WorldExit(ZEK_OK);
+      }
+      zek_SpinlockLock(taskQLock);
+      VIGIL_LOG_VERBOSE(2, "taskQ has %d tasks", (int)taskQueue.count);
+      VigilCpTask *task = VigilTaskQueuePop();
+      if (task == nullptr) {
+         handled = 0;
+         zek_SpinlockUnlock(taskQLock);
+         VIGIL_LOG_INFO("Task queue empty");
+         zek_WorldWait(VigilCPWorldEvent(), nullptr, ZEK_TIMEOUT_NONE, "Wait");
+         continue;
+      }
+      zek_SpinlockUnlock(taskQLock);
+      if (task->type == VIGIL_CP_TASK_PORTSET_MSG) {
+         VigilDeliverTask(task);
+      }
+      handled++;
+      Vigil_HeapFree(task);
+      if ((handled & VIGIL_CP_YIELD_MASK) == 0) {
+         zek_WorldYield();
+         handled = 0;
+      }
+   }
+}
+
+zek_Status VigilCPWorldInit(void) {
+   taskQueue.head = nullptr;
+   taskQueue.tail = nullptr;
+   taskQueue.count = 0;
+   zek_Status status = VigilCreateLock("vigil.cpWorldQ", ZEK_SPINLOCK_ORDINARY,
+                                       VIGIL_RANK_CP_WORLD_Q, &taskQLock);
+   if (status != ZEK_OK) {
+      taskQLock = VIGIL_NO_LOCK;
+      VIGIL_LOG_ERROR("Could not create cpWorld TaskQ lock, status: %s",
+                      zek_StatusToString(status));
+      return status;
+   }
+   exitCPWorld = 0;
+   status = VigilCreateWorld("VigilCPWorld", VigilCPWorld, &cpWorldID);
+   if (status != ZEK_OK) {
+      cpWorldID = 0;
+      VIGIL_LOG_ERROR("Failed to create cpWorld: %s", zek_StatusToString(status));
+      return status;
+   }
+   return ZEK_OK;
+}
+
+zek_Status VigilCPWorldDestroy(void) {
+   exitCPWorld = 1;
+   zek_Status status = VigilStopWorld(cpWorldID);
+   if (taskQLock != VIGIL_NO_LOCK) {
+      VigilCPWorldFlushTaskQ();
+      zek_SpinlockDestroy(taskQLock);
+      taskQLock = VIGIL_NO_LOCK;
+   }
+   return status;
 }

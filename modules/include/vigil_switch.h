@@ -1,0 +1,71 @@
+/*
+ * Switch integration: the port property handlers and the module's
+ * registration with every portset of the class "vswitch".
+ */
+#ifndef VIGIL_SWITCH_H
+#define VIGIL_SWITCH_H
+
+#include "vigil_filter.h"
+
+#define VIGIL_NUM_PROPS 5
+#define VIGIL_PROP_ENABLED 0
+#define VIGIL_PROP_DISCOVERY 1
+#define VIGIL_PROP_DISCOVERY_IPV6 2
+#define VIGIL_PROP_DISCOVERY_IL 3
+#define VIGIL_PROP_SECURITY 4
+
+/* One record per registered portset. */
+struct VigilFabClientHandles {
+   VigilListLinks links;
+   char portsetName[VIGIL_PORTSET_NAME_LEN];
+   zek_FABClientHandle propHandles[VIGIL_NUM_PROPS];
+   zek_FABTransitClientHandle transitHandle;
+};
+
+extern const char *const vigilPropNames[VIGIL_NUM_PROPS];
+extern VigilListLinks vigilFabClientHandlesList;
+extern zek_SpinlockHandle vigilFabClientLock;
+extern zek_NetEventHandle vigilFabVswitchActivateEventHandle;
+extern zek_NetEventHandle vigilFabVswitchDeactivateEventHandle;
+
+zek_Status VigilPortPropEnableWrite(zek_PortsetHandle ps, zek_PortID portID,
+                                    const char *propName, const void *data,
+                                    u32 dataLen);
+zek_Status VigilPortPropEnableCleanup(zek_PortsetHandle ps, zek_PortID portID);
+zek_Status VigilPortPropDiscoveryWrite(zek_PortsetHandle ps, zek_PortID portID,
+                                       const char *propName, const void *data,
+                                       u32 dataLen);
+zek_Status VigilPortPropDiscoveryCleanup(zek_PortsetHandle ps, zek_PortID portID);
+zek_Status VigilPortPropDiscoveryIpv6Write(zek_PortsetHandle ps, zek_PortID portID,
+                                           const char *propName, const void *data,
+                                           u32 dataLen);
+zek_Status VigilPortPropDiscoveryIpv6Cleanup(zek_PortsetHandle ps, zek_PortID portID);
+zek_Status VigilPortPropDiscoveryILWrite(zek_PortsetHandle ps, zek_PortID portID,
+                                         const char *propName, const void *data,
+                                         u32 dataLen);
+zek_Status VigilPortPropDiscoveryILCleanup(zek_PortsetHandle ps, zek_PortID portID);
+zek_Status VigilPortPropSecurityWrite(zek_PortsetHandle ps, zek_PortID portID,
+                                      const char *propName, const void *data,
+                                      u32 dataLen);
+zek_Status Vigil_FabPropRegister(const char *portsetName,
+                                 VigilFabClientHandles *client);
+zek_Status Vigil_FabPropUnregister(VigilFabClientHandles *client);
+
+zek_Status Vigil_FabClientInit(void);
+void Vigil_FabClientCleanup(void);
+zek_Status VigilFabRegisterClients(const char *portsetName);
+zek_Status VigilFabUnregisterClients(const char *portsetName);
+zek_Status VigilFabRegisterClientsCB(zek_PortsetHandle ps, void *data);
+zek_Status VigilFabUnregisterClientsCB(zek_PortsetHandle ps, void *data);
+zek_Status VigilFabVswitchActivateCB(void *ctx, const char *eventName, void *cbData,
+                               void *eventData);
+zek_Status VigilFabVswitchDeactivateCB(void *ctx, const char *eventName, void *cbData,
+                                 void *eventData);
+VigilFabClientHandles *VigilFabGetClientHandlesByPSName(const char *portsetName);
+
+/* Of the migration part: the Transit carrier's registration per portset. */
+zek_Status Vigil_TransitRegister(const char *portsetName,
+                                 VigilFabClientHandles *client);
+zek_Status Vigil_TransitUnregister(VigilFabClientHandles *client);
+
+#endif /* VIGIL_SWITCH_H */
