@@ -117,7 +117,8 @@ static u32 VigilAgeFirstFilter(void) {
    zek_GetUptime(&now);
    u32 waitMs = 0;
    if (now.sec < filter->agingKey) {
-      waitMs = (u32)((filter->agingKey + 1 - now.sec) * 1000);
+      /* Computed in 32 bits, as the wait takes it. */
+      waitMs = (u32)(((u64)filter->agingKey + 1 - (u64)now.sec) * 1000u);
    } else {
       VigilPortDbDoAging(filter, now.sec);
       VigilPortDbV6DoAging(filter, now.sec);
