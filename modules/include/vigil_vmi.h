@@ -70,6 +70,9 @@ void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi);
  * `report` with a text for every broken invariant and returns their count. */
 typedef void (*VigilViolationFn)(void *ctx, const char *text);
 u32 VigilCheckVmiTable(VigilFilter *filter, VigilViolationFn report, void *ctx);
+/* All tables of a filter; unmangled so that tools can look it up. */
+extern "C" u32 VigilCheckFilterTables(VigilFilter *filter, VigilViolationFn report,
+                                      void *ctx);
 
 #define VIGIL_VMI_FROM_EXPIRY(links) VIGIL_LIST_ENTRY(links, VigilVmi, expiryLinks)
 #define VIGIL_VMI_FROM_EXPIRED(links) VIGIL_LIST_ENTRY(links, VigilVmi, expiredLinks)

@@ -197,3 +197,9 @@ u32 VigilCheckVmiTable(VigilFilter *filter, VigilViolationFn report, void *ctx) 
    }
    return check.violations;
 }
+
+/* Every check of a filter's tables, for tools that load the module. */
+extern "C" u32 VigilCheckFilterTables(VigilFilter *filter, VigilViolationFn report,
+                                      void *ctx) {
+   return VigilCheckVmiTable(filter, report, ctx);
+}
