@@ -145,8 +145,9 @@ std::vector<std::string> VigilTest::RunBatch(u32 portID,
    EXPECT_EQ(status, ZEK_OK);
    lastSurvivors = sim::ListFrames(list);
    std::vector<std::string> verdicts;
-   /* A traced frame may have been replaced by its copy: count survivors in
-    * order, matching originals by position of what is left. */
+   /* Survivors are matched by identity; a traced frame replaced by its
+    * mapped copy therefore reads as dropped, and tests of tracing look at
+    * lastSurvivors instead. */
    size_t next = 0;
    for (zek_Pkt *pkt : frames) {
       bool kept = next < lastSurvivors.size() && lastSurvivors[next] == pkt;
