@@ -1,0 +1,125 @@
+#include "session.h"
+
+#include <cstdio>
+
+#include "sim_core.h"
+#include "sim_switch.h"
+#include "vigil_filter.h"
+
+namespace vigilsim {
+
+namespace {
+
+void FailureHook(const std::string &what) {
+   std::fprintf(stderr, "vigilsim: simulated host: %s\n", what.c_str());
+}
+
+} // namespace
+
+void InstallFailureHook() { sim::SetFailureHook(FailureHook); }
+
+Session::Session(const Settings &settings) : settings_(settings) {
+   sim::Reset();
+   InstallFailureHook();
+   sim::EchoLogs(settings_.verbose);
+}
+
+Session::~Session() {
+   if (module_ != nullptr) {
+      sim::UnloadModule(module_);
+      module_ = nullptr;
+   }
+}
+
+const std::map<std::string, Session::Handler> &Session::Handlers() {
+   static const std::map<std::string, Handler> handlers = {
+      {"echo", &Session::CmdEcho},
+      {"clock", &Session::CmdClock},
+      {"advance", &Session::CmdAdvance},
+      {"idle", &Session::CmdIdle},
+      {"host", &Session::CmdHost},
+      {"load", &Session::CmdLoad},
+      {"unload", &Session::CmdUnload},
+      {"portset", &Session::CmdPortset},
+      {"port", &Session::CmdPort},
+      {"prop", &Session::CmdProp},
+      {"security", &Session::CmdSecurity},
+      {"discovery", &Session::CmdDiscovery},
+      {"discovery6", &Session::CmdDiscovery6},
+      {"ignorelist", &Session::CmdIgnoreList},
+      {"tx", &Session::CmdTx},
+      {"rx", &Session::CmdRx},
+      {"replay", &Session::CmdReplay},
+      {"trace", &Session::CmdTrace},
+      {"state", &Session::CmdState},
+      {"module", &Session::CmdModule},
+      {"messages", &Session::CmdMessages},
+      {"logs", &Session::CmdLogs},
+      {"loglevel", &Session::CmdLogLevel},
+      {"observations", &Session::CmdObservations},
+      {"flowcache", &Session::CmdFlowCache},
+      {"glx", &Session::CmdGlx},
+      {"check", &Session::CmdCheck},
+      {"heap", &Session::CmdHeap},
+      {"fault", &Session::CmdFault},
+      {"api", &Session::CmdNotYet},
+      {"mgmt", &Session::CmdNotYet},
+      {"migrate", &Session::CmdNotYet},
+      {"save", &Session::CmdNotYet},
+      {"restore", &Session::CmdNotYet},
+      {"rtm", &Session::CmdNotYet},
+      {"upgrade", &Session::CmdNotYet},
+   };
+   return handlers;
+}
+
+std::string Session::CommandName(const std::vector<Token> &tokens) {
+   if (tokens.empty()) return "";
+   if (tokens[0].text == "prop" && tokens.size() > 1 &&
+       (tokens[1].text == "write" || tokens[1].text == "cleanup")) {
+      return "prop " + tokens[1].text;
+   }
+   return tokens[0].text;
+}
+
+void Session::Execute(const std::vector<Token> &tokens, Json &out) {
+   if (tokens.empty()) return;
+   const auto &handlers = Handlers();
+   auto it = handlers.find(tokens[0].text);
+   if (it == handlers.end()) {
+      throw ToolError("unknown command '" + tokens[0].text + "'");
+   }
+   (this->*(it->second))(tokens, out);
+}
+
+uint32_t Session::PortArg(const Token &token) const {
+   uint32_t port = static_cast<uint32_t>(ParseUnsigned(token.text, "port id", UINT32_MAX));
+   if (!sim::PortExists(port)) throw ToolError("unknown port " + HexNumber(port));
+   return port;
+}
+
+VigilFilter *Session::FilterOf(uint32_t port) const {
+   return static_cast<VigilFilter *>(sim::PortData(port, VIGIL_FILTER_SLOT));
+}
+
+void *Session::Symbol(const std::string &name) const {
+   return module_ == nullptr ? nullptr : sim::ModuleSymbol(module_, name);
+}
+
+void Session::RequireNoModule(const std::string &what) const {
+   if (module_ != nullptr) throw ToolError(what + " must come before load");
+}
+
+void Session::ForgetPortset(const std::string &name) {
+   for (auto it = ports_.begin(); it != ports_.end();) {
+      it = it->second == name ? ports_.erase(it) : std::next(it);
+   }
+   for (auto it = portsets_.begin(); it != portsets_.end(); ++it) {
+      if (*it == name) {
+         portsets_.erase(it);
+         break;
+      }
+   }
+}
+
+} // namespace vigilsim

@@ -1,0 +1,123 @@
+/*
+ * One run of vigilsim: the simulated host, the module loaded into it, the
+ * portsets and ports made by the scripts, and the commands that act on them.
+ * Each command answers one JSON object; a command that cannot be carried out
+ * throws ToolError.
+ */
+#ifndef VIGILSIM_SESSION_H
+#define VIGILSIM_SESSION_H
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "script.h"
+#include "state.h"
+
+namespace sim {
+struct LoadedModule;
+}
+struct VigilFilter;
+
+namespace vigilsim {
+
+struct Settings {
+   std::string modulePath;
+   bool verbose = false;
+};
+
+/* Options of the frames that tx, rx and replay send. */
+struct FrameSettings {
+   uint16_t vlan = 0;
+   int32_t mapped = -1;
+   std::vector<uint32_t> sg;
+   bool trace = false;
+   size_t batch = 0; /* 0: all frames in one batch */
+};
+
+class Session {
+ public:
+   explicit Session(const Settings &settings);
+   ~Session();
+   Session(const Session &) = delete;
+   Session &operator=(const Session &) = delete;
+
+   /* The "cmd" of a line: the command word, or both words for prop. */
+   static std::string CommandName(const std::vector<Token> &tokens);
+   /* Runs one command line into `out`, which already holds cmd and ok.
+    * Throws ToolError when the command cannot be carried out. */
+   void Execute(const std::vector<Token> &tokens, Json &out);
+
+ private:
+   using Handler = void (Session::*)(const std::vector<Token> &, Json &);
+   static const std::map<std::string, Handler> &Handlers();
+
+   /* time, host and module (commands_host.cpp) */
+   void CmdEcho(const std::vector<Token> &t, Json &out);
+   void CmdClock(const std::vector<Token> &t, Json &out);
+   void CmdAdvance(const std::vector<Token> &t, Json &out);
+   void CmdIdle(const std::vector<Token> &t, Json &out);
+   void CmdHost(const std::vector<Token> &t, Json &out);
+   void CmdLoad(const std::vector<Token> &t, Json &out);
+   void CmdUnload(const std::vector<Token> &t, Json &out);
+   void CmdPortset(const std::vector<Token> &t, Json &out);
+   void CmdPort(const std::vector<Token> &t, Json &out);
+   void CmdProp(const std::vector<Token> &t, Json &out);
+   void CmdSecurity(const std::vector<Token> &t, Json &out);
+   void CmdDiscovery(const std::vector<Token> &t, Json &out);
+   void CmdDiscovery6(const std::vector<Token> &t, Json &out);
+   void CmdIgnoreList(const std::vector<Token> &t, Json &out);
+   void CmdFault(const std::vector<Token> &t, Json &out);
+   void CmdNotYet(const std::vector<Token> &t, Json &out);
+
+   /* frames (commands_frames.cpp) */
+   void CmdTx(const std::vector<Token> &t, Json &out);
+   void CmdRx(const std::vector<Token> &t, Json &out);
+   void CmdReplay(const std::vector<Token> &t, Json &out);
+   void CmdTrace(const std::vector<Token> &t, Json &out);
+   void SendFrames(const std::vector<Token> &t, Json &out, bool tx);
+   /* Runs frames through the port's chains in batches; verdicts in order. */
+   std::vector<std::string> RunBatch(uint32_t port,
+                                     const std::vector<std::vector<uint8_t>> &frames,
+                                     const FrameSettings &settings, bool tx,
+                                     uint32_t *status);
+
+   /* inspection (commands_inspect.cpp) */
+   void CmdState(const std::vector<Token> &t, Json &out);
+   void CmdModule(const std::vector<Token> &t, Json &out);
+   void CmdMessages(const std::vector<Token> &t, Json &out);
+   void CmdLogs(const std::vector<Token> &t, Json &out);
+   void CmdLogLevel(const std::vector<Token> &t, Json &out);
+   void CmdObservations(const std::vector<Token> &t, Json &out);
+   void CmdFlowCache(const std::vector<Token> &t, Json &out);
+   void CmdGlx(const std::vector<Token> &t, Json &out);
+   void CmdCheck(const std::vector<Token> &t, Json &out);
+   void CmdHeap(const std::vector<Token> &t, Json &out);
+   /* Waits up to 2 s for idle worlds; adds "busy": true when they are not. */
+   void WaitForInspection(Json &out);
+
+   /* helpers */
+   uint32_t PortArg(const Token &token) const; /* a known port */
+   VigilFilter *FilterOf(uint32_t port) const;
+   void *Symbol(const std::string &name) const;
+   void RequireNoModule(const std::string &what) const;
+   void WriteBlob(uint32_t port, const std::string &prop,
+                  const std::vector<uint8_t> &blob, Json &out);
+   void ForgetPortset(const std::string &name);
+
+   Settings settings_;
+   sim::LoadedModule *module_ = nullptr;
+   bool virtualClock_ = true;
+   std::vector<std::string> portsets_;           /* in creation order */
+   std::map<uint32_t, std::string> ports_;       /* port id -> portset */
+   uint64_t throttledSeen_ = 0;
+};
+
+/* Reports the defects that the simulated host detects (a lock-rank
+ * violation, a panic, a double release) on standard error. */
+void InstallFailureHook();
+
+} // namespace vigilsim
+
+#endif /* VIGILSIM_SESSION_H */

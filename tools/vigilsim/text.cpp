@@ -1,0 +1,294 @@
+#include "text.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <sstream>
+
+#include "script.h"
+#include "sim_core.h"
+#include "zek.h"
+
+namespace vigilsim {
+
+namespace {
+
+const char *const kIndent = "    ";
+
+/* Columns padded to their widest cell. */
+class Table {
+ public:
+   /* Without headers, the table has rows only. */
+   explicit Table(std::vector<std::string> headers = {}) {
+      if (!headers.empty()) rows_.push_back(std::move(headers));
+      headed_ = !rows_.empty();
+   }
+   void Row(std::vector<std::string> cells) { rows_.push_back(std::move(cells)); }
+   bool Empty() const { return rows_.size() <= (headed_ ? 1u : 0u); }
+   std::string Render() const {
+      std::vector<size_t> width;
+      for (const auto &row : rows_) {
+         if (width.size() < row.size()) width.resize(row.size(), 0);
+         for (size_t i = 0; i < row.size(); i++) width[i] = std::max(width[i], row[i].size());
+      }
+      std::string out;
+      for (const auto &row : rows_) {
+         std::string line = kIndent;
+         for (size_t i = 0; i < row.size(); i++) {
+            line += row[i];
+            if (i + 1 < row.size()) line += std::string(width[i] - row[i].size() + 2, ' ');
+         }
+         out += line + "\n";
+      }
+      return out;
+   }
+
+ private:
+   std::vector<std::vector<std::string>> rows_;
+   bool headed_ = false;
+};
+
+std::string Str(const Json &v) {
+   if (v.is_string()) return v.get<std::string>();
+   if (v.is_null()) return "-";
+   if (v.is_boolean()) return v.get<bool>() ? "yes" : "no";
+   return v.dump();
+}
+
+std::string Hex(const Json &v) {
+   return v.is_number() ? HexNumber(v.get<uint64_t>()) : Str(v);
+}
+
+std::string StatusText(const Json &v) {
+   if (!v.is_number()) return Str(v);
+   uint32_t status = v.get<uint32_t>();
+   return HexNumber(status) + " (" + zek_StatusToString(status) + ")";
+}
+
+std::string MethodName(uint64_t method) {
+   switch (method) {
+   case 1: return "DHCP";
+   case 2: return "ARP";
+   case 4: return "static";
+   case 8: return "ND";
+   case 16: return "DHCPv6";
+   default: return std::to_string(method);
+   }
+}
+
+std::string Expiry(const Json &ts) {
+   if (!ts.is_number()) return Str(ts);
+   int64_t at = ts.get<int64_t>();
+   if (at == 0) return "never";
+   int64_t in = at - static_cast<int64_t>(sim::Now());
+   return std::to_string(at) + (in >= 0 ? " (in " + std::to_string(in) + " s)"
+                                        : " (" + std::to_string(-in) + " s ago)");
+}
+
+std::string Line(const std::string &text) { return kIndent + text + "\n"; }
+
+/* Verdicts as runs: "1-10 forward", "11-50 drop". */
+std::string VerdictTable(const Json &verdicts) {
+   Table table({"frames", "verdict"});
+   size_t n = verdicts.size();
+   for (size_t i = 0; i < n;) {
+      size_t j = i;
+      while (j + 1 < n && verdicts[j + 1] == verdicts[i]) j++;
+      table.Row({j == i ? std::to_string(i + 1)
+                        : std::to_string(i + 1) + "-" + std::to_string(j + 1),
+                 Str(verdicts[i])});
+      i = j + 1;
+   }
+   return table.Render();
+}
+
+std::string Generic(const Json &r) {
+   Table table;
+   for (const auto &[key, value] : r.items()) {
+      if (key == "cmd" || key == "ok") continue;
+      if (key == "status") {
+         table.Row({key, StatusText(value)});
+      } else {
+         table.Row({key, value.is_structured() ? value.dump() : Str(value)});
+      }
+   }
+   return table.Empty() ? Line("done") : table.Render();
+}
+
+std::string EntriesTable(const std::string &title, const Json &list) {
+   if (list.empty()) return Line(title + ": none");
+   Table table({"flags", "vlan", "mac", "ip", "prefixLen"});
+   for (const Json &e : list) {
+      table.Row({Hex(e["flags"]), Str(e["vlan"]), Str(e["mac"]), Str(e["ip"]),
+                 Str(e["prefixLen"])});
+   }
+   return Line(title + ":") + table.Render();
+}
+
+std::string BindingsTable(const std::string &title, const Json &list) {
+   if (list.empty()) return Line(title + ": none");
+   Table table({"vlan", "mac", "ip", "method", "expires", "lease", "server", "clientId"});
+   for (const Json &b : list) {
+      table.Row({Str(b["vlanId"]), Str(b["mac"]), Str(b["ip"]),
+                 MethodName(b["discMethod"].get<uint64_t>()), Expiry(b["expiryTs"]),
+                 Str(b["leaseTime"]) + " s", Str(b["serverIp"]),
+                 b["clientId"].get<std::string>().empty() ? "-" : Str(b["clientId"])});
+   }
+   return Line(title + ":") + table.Render();
+}
+
+std::string RequestsTable(const Json &list) {
+   if (list.empty()) return Line("pending DHCP requests: none");
+   Table table({"vlan", "xid", "chaddr", "expires", "clientId"});
+   for (const Json &q : list) {
+      table.Row({Str(q["vlanId"]), Hex(q["xid"]), Str(q["chaddr"]), Expiry(q["expiryTs"]),
+                 q["clientId"].get<std::string>().empty() ? "-" : Str(q["clientId"])});
+   }
+   return Line("pending DHCP requests:") + table.Render();
+}
+
+std::string StateText(const Json &r) {
+   const Json &f = r["filter"];
+   std::string out;
+   if (f.is_null()) return Line("port " + Hex(r["portID"]) + ": no filter");
+   out += Line("port " + Hex(r["portID"]) + " on " + Str(f["portsetName"]) + ": features " +
+               Hex(f["featuresEnabled"]) + ", discovery " + Hex(f["discoveryFlags"]) +
+               ", chains in " + Str(f["chains"]["input"]) + " / out " +
+               Str(f["chains"]["output"]));
+   /* Scalars three to a row. */
+   Table scalars;
+   std::vector<std::string> row;
+   for (const auto &[key, value] : f.items()) {
+      if (value.is_structured() || key == "portsetName") continue;
+      bool hex = key == "featuresEnabled" || key == "discoveryFlags" || key == "bpduBitmap";
+      row.push_back(key);
+      row.push_back(hex ? Hex(value) : Str(value));
+      if (row.size() == 6) {
+         scalars.Row(row);
+         row.clear();
+      }
+   }
+   if (!row.empty()) scalars.Row(row);
+   out += scalars.Render();
+   out += BindingsTable("bindings", f["vmiList"]);
+   if (!f["expiredVmiList"].empty()) out += BindingsTable("expired bindings", f["expiredVmiList"]);
+   out += RequestsTable(f["dhcpReqList"]);
+   out += EntriesTable("switch white list", f["switchWhiteList"]);
+   out += EntriesTable("port white list", f["portWhiteList"]);
+   out += EntriesTable("port ignore list", f["portIgnoreList"]);
+   Table limiters({"limiter", "limit/s", "period", "count", "windowEnd"});
+   for (const char *name : {"txBcastLimiter", "rxBcastLimiter", "txMcastLimiter", "rxMcastLimiter"}) {
+      const Json &l = f[name];
+      limiters.Row({name, Str(l["limit"]), Str(l["periodSecs"]), Str(l["count"]),
+                    Str(l["windowEnd"])});
+   }
+   out += Line("rate limiters:") + limiters.Render();
+   Table stats({"counter", "value"});
+   for (const auto &[key, value] : f["stats"].items()) stats.Row({key, Str(value)});
+   out += Line("statistics:") + stats.Render();
+   return out;
+}
+
+std::string MessagesText(const Json &r) {
+   const Json &list = r["messages"];
+   if (list.empty()) return Line("no messages");
+   Table table({"portset", "port", "name", "op", "vlan", "mac", "ip", "bound", "method"});
+   for (const Json &m : list) {
+      table.Row({Str(m["portsetName"]), Hex(m["portID"]), Str(m["name"]),
+                 m.value("op", 0u) == 0 ? "added" : "removed", Str(m.value("vlanId", Json()) ),
+                 Str(m.value("mac", Json())), Str(m.value("ip", Json())),
+                 Str(m.value("bound", Json())),
+                 m.contains("discMethod") ? MethodName(m["discMethod"].get<uint64_t>()) : "-"});
+   }
+   return table.Render();
+}
+
+std::string LogsText(const Json &r) {
+   std::string out;
+   for (const Json &l : r["logs"]) {
+      out += Line("[" + Str(l["level"]) + "] " + Str(l["log"]) + " " + Str(l["func"]) + ":" +
+                  Str(l["lineNo"]) + " " + Str(l["text"]));
+   }
+   if (r["logs"].empty()) out += Line("no log lines");
+   if (r["throttled"].get<uint64_t>() != 0) {
+      out += Line(Str(r["throttled"]) + " messages held back by the throttle");
+   }
+   return out;
+}
+
+std::string FramesText(const Json &r) {
+   const Json &v = r["verdicts"];
+   size_t forwarded = std::count(v.begin(), v.end(), Json("forward"));
+   std::string out = Line(std::to_string(v.size()) + " frames: " + std::to_string(forwarded) +
+                          " forwarded, " + std::to_string(v.size() - forwarded) + " dropped" +
+                          (r["status"].get<uint32_t>() != 0 ? ", chain status " +
+                                                                  StatusText(r["status"])
+                                                            : ""));
+   return out + VerdictTable(v);
+}
+
+std::string CheckText(const Json &r) {
+   if (r["violations"].empty()) {
+      return Line("all invariants hold (" + Str(r["filters"]) + " filters checked)");
+   }
+   std::string out;
+   for (const Json &v : r["violations"]) out += Line("violation: " + Str(v));
+   return out;
+}
+
+std::string ModuleText(const Json &r) {
+   std::string out;
+   Table table;
+   for (const auto &[key, value] : r.items()) {
+      if (key == "cmd" || key == "ok" || key == "agingQueue") continue;
+      table.Row({key, Str(value)});
+   }
+   out += table.Render();
+   std::string queue;
+   for (const Json &e : r["agingQueue"]) {
+      queue += (queue.empty() ? "" : ", ") + Hex(e["portID"]) + " at " + Str(e["key"]);
+   }
+   return out + Line("agingQueue: " + (queue.empty() ? std::string("empty") : queue));
+}
+
+std::string Body(const Json &r) {
+   const std::string cmd = r["cmd"].get<std::string>();
+   if (!r["ok"].get<bool>()) return Line("error: " + Str(r["error"]));
+   std::string busy = r.value("busy", false) ? Line("(the worlds were still busy)") : "";
+   if (cmd == "state") return busy + StateText(r);
+   if (cmd == "messages") return busy + MessagesText(r);
+   if (cmd == "logs") return busy + LogsText(r);
+   if (cmd == "tx" || cmd == "rx" || cmd == "replay") return FramesText(r);
+   if (cmd == "check") return busy + CheckText(r);
+   if (cmd == "module") return busy + ModuleText(r);
+   if (cmd == "advance") return Line("uptime " + Str(r["uptime"]) + " s");
+   if (cmd == "load") {
+      return Line("module loaded, start answered " + Str(r["status"]));
+   }
+   if (cmd == "security" || cmd == "discovery" || cmd == "discovery6" ||
+       cmd == "ignorelist") {
+      return Line(Str(r["blobLen"]) + "-byte blob written, status " + StatusText(r["status"]));
+   }
+   if (cmd == "prop write" || cmd == "prop cleanup") {
+      return Line("status " + StatusText(r["status"]));
+   }
+   return busy + Generic(r);
+}
+
+} // namespace
+
+std::string RenderText(const std::string &line, const Json &result) {
+   if (result["cmd"] == "echo" && result["ok"].get<bool>()) {
+      return "\n" + result["text"].get<std::string>() + "\n";
+   }
+   std::string trimmed = line;
+   trimmed.erase(0, trimmed.find_first_not_of(" \t"));
+   return "> " + trimmed + "\n" + Body(result);
+}
+
+std::string RenderComment(const std::string &line) {
+   std::string text = line.substr(line.find('#') + 1);
+   text.erase(0, text.find_first_not_of(" \t"));
+   return "\n" + text + "\n";
+}
+
+} // namespace vigilsim
