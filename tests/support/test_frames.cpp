@@ -1,5 +1,7 @@
 #include "test_frames.h"
 
+#include <arpa/inet.h>
+
 #include <tins/tins.h>
 
 namespace frames {
@@ -72,6 +74,73 @@ Bytes DhcpServer(const std::string &srcMac, const std::string &dstMac,
    dhcp.end();
    EthernetII frame = EthernetII(Mac(dstMac), Mac(srcMac)) /
                       IP(IPv4Address("192.0.2.50"), IPv4Address("192.0.2.1")) / UDP(68, 67) / dhcp;
+   return Serialize(frame);
+}
+
+Bytes DhcpPayload(const DhcpFields &f) {
+   DHCP dhcp;
+   dhcp.opcode(f.op);
+   dhcp.htype(1);
+   dhcp.hlen(6);
+   dhcp.xid(f.xid);
+   dhcp.ciaddr(IPv4Address(f.ciaddr));
+   dhcp.yiaddr(IPv4Address(f.yiaddr));
+   dhcp.siaddr(IPv4Address(f.siaddr));
+   dhcp.giaddr(IPv4Address(f.giaddr));
+   dhcp.chaddr(HWAddress<6>(f.chaddr));
+   auto addBytes = [&dhcp](DHCP::OptionTypes code, const Bytes &value) {
+      dhcp.add_option(DHCP::option(code, value.begin(), value.end()));
+   };
+   auto addAddress = [&addBytes](DHCP::OptionTypes code, const std::string &ip) {
+      uint8_t bytes[4];
+      inet_pton(AF_INET, ip.c_str(), bytes);
+      addBytes(code, Bytes(bytes, bytes + 4));
+   };
+   if (f.emptyMsgType) {
+      addBytes(DHCP::DHCP_MESSAGE_TYPE, Bytes());
+   } else if (f.msgType >= 0) {
+      addBytes(DHCP::DHCP_MESSAGE_TYPE, Bytes{static_cast<uint8_t>(f.msgType)});
+   }
+   if (!f.clientId.empty()) {
+      addBytes(DHCP::DHCP_CLIENT_IDENTIFIER, f.clientId);
+   }
+   if (!f.requestedIp.empty()) {
+      addAddress(DHCP::DHCP_REQUESTED_ADDRESS, f.requestedIp);
+   }
+   if (!f.paramList.empty()) {
+      addBytes(DHCP::DHCP_PARAMETER_REQUEST_LIST, f.paramList);
+   }
+   if (!f.leaseBytes.empty()) {
+      addBytes(DHCP::DHCP_LEASE_TIME, f.leaseBytes);
+   } else if (f.leaseTime >= 0) {
+      uint32_t lease = static_cast<uint32_t>(f.leaseTime);
+      addBytes(DHCP::DHCP_LEASE_TIME,
+               Bytes{static_cast<uint8_t>(lease >> 24), static_cast<uint8_t>(lease >> 16),
+                     static_cast<uint8_t>(lease >> 8), static_cast<uint8_t>(lease)});
+   }
+   if (!f.serverId.empty()) {
+      addAddress(DHCP::DHCP_SERVER_IDENTIFIER, f.serverId);
+   }
+   for (const auto &option : f.extra) {
+      addBytes(static_cast<DHCP::OptionTypes>(option.first), option.second);
+   }
+   if (f.end) {
+      dhcp.end();
+   }
+   Bytes payload = Serialize(dhcp);
+   if (payload.size() < f.minLen) {
+      payload.resize(f.minLen, 0);
+   }
+   return payload;
+}
+
+Bytes DhcpFrame(const std::string &srcMac, const std::string &dstMac,
+                const std::string &srcIp, const std::string &dstIp,
+                uint16_t sport, uint16_t dport, const DhcpFields &fields) {
+   Bytes payload = DhcpPayload(fields);
+   EthernetII frame = EthernetII(Mac(dstMac), Mac(srcMac)) /
+                      IP(IPv4Address(dstIp), IPv4Address(srcIp)) / UDP(dport, sport) /
+                      RawPDU(payload.data(), static_cast<uint32_t>(payload.size()));
    return Serialize(frame);
 }
 

@@ -29,7 +29,10 @@ static void *VigilCPWorldEvent(void) {
 void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi) {
    VigilPortsetMsg msg;
    memset(&msg, 0, sizeof msg);
+   /* Cleared first: the name field goes out whole, so nothing behind the
+    * terminating NUL may come from the stack. */
    zek_Name name;
+   memset(&name, 0, sizeof name);
    zek_NameInitialize(&name, op == VIGIL_PORTDB_MSG_ADDED ? "portdb.entry.added"
                                                           : "portdb.entry.removed");
    memcpy(msg.name, name.string, sizeof msg.name - 1);
