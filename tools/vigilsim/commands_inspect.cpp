@@ -34,6 +34,29 @@ void Session::CmdState(const std::vector<Token> &t, Json &out) {
    out["filter"] = FilterJson(FilterOf(port));
 }
 
+/* The statistics blocks alone: of one port, or of every port with a filter. */
+void Session::CmdStats(const std::vector<Token> &t, Json &out) {
+   Args args = SplitArgs("stats", t, 1, {});
+   args.Expect(0, 1, "stats [PORTID]");
+   std::vector<uint32_t> ports;
+   if (!args.positional.empty()) {
+      uint32_t port = PortArg(args.positional[0]);
+      if (FilterOf(port) == nullptr) throw ToolError("port " + HexNumber(port) + " has no filter");
+      ports.push_back(port);
+   }
+   WaitForInspection(out);
+   if (args.positional.empty()) {
+      for (const auto &entry : ports_) {
+         if (FilterOf(entry.first) != nullptr) ports.push_back(entry.first);
+      }
+   }
+   Json list = Json::array();
+   for (uint32_t port : ports) {
+      list.push_back(Json{{"portID", port}, {"stats", FilterJson(FilterOf(port))["stats"]}});
+   }
+   out["ports"] = list;
+}
+
 void Session::CmdModule(const std::vector<Token> &t, Json &out) {
    NoArgs(t, "module");
    if (module_ == nullptr) throw ToolError("no module is loaded");

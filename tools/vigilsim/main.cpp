@@ -41,6 +41,7 @@ struct Runner {
    bool stopOnError;
    bool failed = false;
    bool stopped = false;
+   bool inComment = false; /* the previous line was a printed comment */
 
    void Print(const std::string &line, const Json &result) {
       if (text) {
@@ -55,11 +56,12 @@ struct Runner {
    void RunLine(const std::string &where, const std::string &line) {
       if (vigilsim::IsBlankOrComment(line)) {
          size_t hash = line.find('#');
-         if (text && hash != std::string::npos && line.compare(hash, 2, "#!") != 0) {
-            std::fputs(vigilsim::RenderComment(line).c_str(), stdout);
-         }
+         bool shown = text && hash != std::string::npos && line.compare(hash, 2, "#!") != 0;
+         if (shown) std::fputs(vigilsim::RenderComment(line, !inComment).c_str(), stdout);
+         inComment = shown;
          return;
       }
+      inComment = false;
       Json result;
       std::string cmd = line.substr(line.find_first_not_of(" \t"));
       cmd = cmd.substr(0, cmd.find_first_of(" \t\r"));

@@ -52,6 +52,7 @@ const std::map<std::string, Session::Handler> &Session::Handlers() {
       {"replay", &Session::CmdReplay},
       {"trace", &Session::CmdTrace},
       {"state", &Session::CmdState},
+      {"stats", &Session::CmdStats},
       {"module", &Session::CmdModule},
       {"messages", &Session::CmdMessages},
       {"logs", &Session::CmdLogs},

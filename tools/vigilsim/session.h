@@ -85,6 +85,7 @@ class Session {
 
    /* inspection (commands_inspect.cpp) */
    void CmdState(const std::vector<Token> &t, Json &out);
+   void CmdStats(const std::vector<Token> &t, Json &out);
    void CmdModule(const std::vector<Token> &t, Json &out);
    void CmdMessages(const std::vector<Token> &t, Json &out);
    void CmdLogs(const std::vector<Token> &t, Json &out);

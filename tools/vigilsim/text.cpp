@@ -107,6 +107,8 @@ std::string Generic(const Json &r) {
       if (key == "cmd" || key == "ok") continue;
       if (key == "status") {
          table.Row({key, StatusText(value)});
+      } else if (key == "portID") {
+         table.Row({key, Hex(value)});
       } else {
          table.Row({key, value.is_structured() ? value.dump() : Str(value)});
       }
@@ -146,6 +148,27 @@ std::string RequestsTable(const Json &list) {
    return Line("pending DHCP requests:") + table.Render();
 }
 
+std::string StatsTable(const Json &stats) {
+   Table table({"counter", "value"});
+   for (const auto &[key, value] : stats.items()) table.Row({key, Str(value)});
+   return table.Render();
+}
+
+/* One column per port. */
+std::string StatsText(const Json &ports) {
+   if (ports.empty()) return Line("no port has a filter");
+   std::vector<std::string> headers = {"counter"};
+   for (const Json &p : ports) headers.push_back("port " + Hex(p["portID"]));
+   Table table(headers);
+   for (const auto &[key, value] : ports[0]["stats"].items()) {
+      (void)value;
+      std::vector<std::string> row = {key};
+      for (const Json &p : ports) row.push_back(Str(p["stats"][key]));
+      table.Row(row);
+   }
+   return table.Render();
+}
+
 std::string StateText(const Json &r) {
    const Json &f = r["filter"];
    std::string out;
@@ -182,10 +205,7 @@ std::string StateText(const Json &r) {
                     Str(l["windowEnd"])});
    }
    out += Line("rate limiters:") + limiters.Render();
-   Table stats({"counter", "value"});
-   for (const auto &[key, value] : f["stats"].items()) stats.Row({key, Str(value)});
-   out += Line("statistics:") + stats.Render();
-   return out;
+   return out + Line("statistics:") + StatsTable(f["stats"]);
 }
 
 std::string MessagesText(const Json &r) {
@@ -256,6 +276,7 @@ std::string Body(const Json &r) {
    std::string busy = r.value("busy", false) ? Line("(the worlds were still busy)") : "";
    if (cmd == "state") return busy + StateText(r);
    if (cmd == "messages") return busy + MessagesText(r);
+   if (cmd == "stats") return busy + StatsText(r["ports"]);
    if (cmd == "logs") return busy + LogsText(r);
    if (cmd == "tx" || cmd == "rx" || cmd == "replay") return FramesText(r);
    if (cmd == "check") return busy + CheckText(r);
@@ -285,10 +306,10 @@ std::string RenderText(const std::string &line, const Json &result) {
    return "> " + trimmed + "\n" + Body(result);
 }
 
-std::string RenderComment(const std::string &line) {
+std::string RenderComment(const std::string &line, bool first) {
    std::string text = line.substr(line.find('#') + 1);
-   text.erase(0, text.find_first_not_of(" \t"));
-   return "\n" + text + "\n";
+   if (!text.empty() && text[0] == ' ') text.erase(0, 1);
+   return (first ? "\n" : "") + text + "\n";
 }
 
 } // namespace vigilsim

@@ -14,8 +14,9 @@ namespace vigilsim {
 
 /* `line` is the command line as written in the script. */
 std::string RenderText(const std::string &line, const Json &result);
-/* A '#' comment line of a script, shown as a step of the run. */
-std::string RenderComment(const std::string &line);
+/* A '#' comment line of a script, shown as the explanation of a step;
+ * `first` for the first line of a block of comment lines. */
+std::string RenderComment(const std::string &line, bool first);
 
 } // namespace vigilsim
 
