@@ -3,12 +3,13 @@
 #   make test    install what is missing, build, run every test in the
 #                default build and again under AddressSanitizer + UBSan
 #   make bench   build and run the data path benchmarks
+#   make demo    build vigilsim and run examples/demo.vsim as readable text
 
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 
-.PHONY: all deps build build-asan test test-default test-asan bench clean
+.PHONY: all deps build build-asan test test-default test-asan bench demo clean
 
 all: build
 
@@ -38,6 +39,11 @@ bench: deps
 	@cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DVIGIL_DEBUG_CHECKS=OFF >/dev/null
 	@cmake --build $(BUILD_DIR)/release -j $(JOBS) --target vigil_bench
 	@$(BUILD_DIR)/release/bench/vigil_bench
+
+demo: deps
+	@cmake -S . -B $(BUILD_DIR)/default -G Ninja -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake --build $(BUILD_DIR)/default -j $(JOBS) --target vigilsim
+	@$(BUILD_DIR)/default/tools/vigilsim --text examples/demo.vsim
 
 clean:
 	rm -rf $(BUILD_DIR)
