@@ -341,6 +341,112 @@ TEST_F(DhcpSnoopTest, HundredTwentyNinthPendingRequestIsRefusedAndItsAckTeachesN
    ExpectNoLeak();
 }
 
+TEST_F(DhcpSnoopTest, RebindingBroadcastWithCiaddrKeepsTheBinding) {
+   Bind(vm);
+   VigilVmi *bound = Find(0, vm.mac, kLeaseIp);
+   TakeMessages();
+   frames::DhcpFields f = ClientFields(vm, VIGIL_DHCPREQUEST);
+   f.ciaddr = kLeaseIp;
+   f.paramList = ParamList();
+   EXPECT_EQ(Tx1(frames::DhcpFrame(vm.mac, frames::kBroadcast, kLeaseIp, kAllOnes, 68, 67,
+                                   f)),
+             "forward");
+   EXPECT_EQ(Find(0, vm.mac, kLeaseIp), bound);
+   EXPECT_EQ(filter->numDhcpReqs, 1u);
+   EXPECT_EQ(TakeMessages().size(), 0u);
+}
+
+TEST_F(DhcpSnoopTest, ClientWithoutIdentifierIsKnownByItsHardwareAddress) {
+   Client bare = ClientOf(vm.mac, 0x4242, false);
+   Bind(bare);
+   VigilVmi *bound = Find(0, bare.mac, kLeaseIp);
+   EXPECT_EQ(bound->clientIdLen, 0u);
+   EXPECT_EQ(bound->clientIdStr, nullptr);
+   EXPECT_EQ(filter->totalClientIdLen, 0u);
+   TakeMessages();
+   /* The same hardware address with an identifier is another client. */
+   EXPECT_EQ(Tx1(Release(vm)), "forward");
+   EXPECT_EQ(Find(0, bare.mac, kLeaseIp), bound);
+   EXPECT_EQ(Tx1(Release(bare)), "forward");
+   EXPECT_EQ(filter->numVmis, 0u);
+   EXPECT_EQ(MessageBytes(), std::vector<Bytes>{DhcpRemoved(0, vm.mac, kLeaseIp)});
+   ExpectNoLeak();
+}
+
+TEST_F(DhcpSnoopTest, ReplyMatchesItsRequestByVlanTransactionIdAndHardwareAddress) {
+   EXPECT_EQ(Tx1(Request(vm), OnVlan(kVlan)), "forward");
+   Client otherMac = vm;
+   otherMac.mac = "02:00:00:00:00:11";
+   EXPECT_EQ(Rx1(Ack(otherMac), OnVlan(kVlan)), "forward");
+   EXPECT_EQ(Rx1(Ack(vm), OnVlan(kVlan + 1)), "forward");
+   EXPECT_EQ(filter->numVmis, 0u);
+   EXPECT_EQ(filter->numDhcpReqs, 1u);
+   /* The client identifier plays no part in the match. */
+   Client noId = ClientOf(vm.mac, vm.xid, false);
+   EXPECT_EQ(Rx1(Ack(noId), OnVlan(kVlan)), "forward");
+   EXPECT_EQ(filter->numDhcpReqs, 0u);
+   EXPECT_NE(Find(kVlan, vm.mac, kLeaseIp), nullptr);
+}
+
+TEST_F(DhcpSnoopTest, NakOfAFirstRequestOnlyEndsTheRequest) {
+   EXPECT_EQ(Tx1(Request(vm)), "forward");
+   EXPECT_EQ(Rx1(Nak(vm)), "forward");
+   EXPECT_EQ(filter->numDhcpReqs, 0u);
+   EXPECT_EQ(filter->numVmis, 0u);
+   EXPECT_EQ(TakeMessages().size(), 0u);
+   EXPECT_EQ(filter->agingKey, VIGIL_AGING_KEY_NONE);
+}
+
+TEST_F(DhcpSnoopTest, BadHardwareTypeOrLengthIsRefused) {
+   frames::DhcpFields f = ClientFields(vm, VIGIL_DHCPREQUEST);
+   Bytes frame = frames::DhcpFrame(vm.mac, frames::kBroadcast, kAnyIp, kAllOnes, 68, 67, f);
+   frame[42 + 1] = 6; /* htype */
+   frame[42 + 2] = 1; /* hlen */
+   EXPECT_EQ(Tx1(frame), "forward");
+   EXPECT_EQ(filter->numDhcpReqs, 0u);
+   EXPECT_EQ(LogTexts(), std::vector<std::string>{"Filter 0x10 Invalid htype/hlen: [6 1]"});
+}
+
+/* With the server block on, the client validation parses the frame first;
+ * a wrong lease length leaves the header set, so snooping goes on with the
+ * options seen before option 51 instead of parsing again. */
+TEST_F(DhcpSnoopTest, AfterValidationAWrongLeaseLengthLeavesTheOptionsSeenBeforeIt) {
+   filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK;
+   frames::DhcpFields f = ClientFields(vm, VIGIL_DHCPREQUEST);
+   f.requestedIp = kLeaseIp;
+   f.leaseBytes = {0, 0, 1};
+   const std::string wrongLength =
+      "Filter 0x10 Wrong length of 3 for option DHO_DHCP_LEASE_TIME";
+   EXPECT_EQ(Tx1(frames::DhcpFrame(vm.mac, frames::kBroadcast, kAnyIp, kAllOnes, 68, 67,
+                                   f)),
+             "forward");
+   EXPECT_EQ(filter->numDhcpReqs, 1u) << "message type 53 came before option 51";
+   ASSERT_NE(FirstReq(), nullptr);
+   EXPECT_EQ(FirstReq()->clientIdLen, 7u);
+   /* The validation ran on both passes, the snoop did not parse again. */
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{wrongLength, wrongLength}));
+
+   /* Option 51 ahead of the message type: no type, nothing tracked. */
+   Client other = ClientOf("02:00:00:00:00:21", 0x21);
+   frames::DhcpFields g = ClientFields(other, -1);
+   g.extra = {{51, {0, 0, 1}}, {53, {VIGIL_DHCPREQUEST}}};
+   EXPECT_EQ(Tx1(frames::DhcpFrame(other.mac, frames::kBroadcast, kAnyIp, kAllOnes, 68, 67,
+                                   g)),
+             "forward");
+   EXPECT_EQ(filter->numDhcpReqs, 1u);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{wrongLength, wrongLength}));
+   /* Without the validation the snoop's own parse fails the frame. */
+   filter->featuresEnabled = 0;
+   Client third = ClientOf("02:00:00:00:00:22", 0x22);
+   frames::DhcpFields h = ClientFields(third, VIGIL_DHCPREQUEST);
+   h.leaseBytes = {0, 0, 1};
+   EXPECT_EQ(Tx1(frames::DhcpFrame(third.mac, frames::kBroadcast, kAnyIp, kAllOnes, 68, 67,
+                                   h)),
+             "forward");
+   EXPECT_EQ(filter->numDhcpReqs, 1u);
+   EXPECT_EQ(LogTexts(), std::vector<std::string>{wrongLength});
+}
+
 /* ------------------------------------------------------------------------
  * Split frames.
  */

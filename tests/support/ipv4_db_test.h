@@ -378,9 +378,10 @@ protected:
    }
 
    /* Module allocations that the database itself accounts for: each
-    * binding and request with its client identifier copy. */
+    * binding and request with its client identifier copy, and the ignore
+    * list. */
    u64 DatabaseAllocations() {
-      u64 count = 0;
+      u64 count = filter->portIgnoreList != nullptr ? 1 : 0;
       auto countVmi = [&count](VigilVmi *vmi) {
          count += 1 + (vmi->clientIdStr != nullptr ? 1 : 0);
       };
