@@ -1,0 +1,474 @@
+/*
+ * The loadable module as the host runs it: vigil.so loaded with its
+ * parameters, started, driven only through what the host offers (portsets
+ * and their events, port properties, frames through the I/O chains) and
+ * unloaded, with the host's account of everything left behind.  Start
+ * failures are injected into the host's calls.
+ */
+#include <gtest/gtest.h>
+
+#include <cctype>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "config_blobs.h"
+#include "sim_core.h"
+#include "sim_frames.h"
+#include "sim_switch.h"
+#include "test_frames.h"
+#include "vigil_filter.h"
+
+#ifndef VIGIL_SO_PATH
+#error "VIGIL_SO_PATH must name the built vigil.so"
+#endif
+
+namespace {
+
+using blobs::Bytes;
+using blobs::Entry;
+using Params = std::vector<std::pair<std::string, int64_t>>;
+
+constexpr u32 kPort = 0x20;
+constexpr u32 kPort2 = 0x21;
+constexpr u32 kNotFound = 0xbad0003;
+constexpr u32 kNoMemory = 0xbad0014;
+constexpr u32 kInvalidData = 0xbad0001;
+
+const std::string kEnabled = "com.norvex.vswitch.port.vigil.enabled";
+const std::string kDiscovery = "com.norvex.vswitch.port.vigil.discovery";
+const std::string kDiscovery6 = "com.norvex.vswitch.port.vigil.discovery.ipv6";
+const std::string kIgnore = "com.norvex.vswitch.port.vigil.discovery.ignorelist";
+const std::string kSecurity = "com.norvex.vswitch.port.vigil.security";
+const std::vector<std::string> kAll = {kEnabled, kDiscovery, kDiscovery6, kIgnore, kSecurity};
+
+const char *const kInitDone = "Port Vigil module init for ULM 6.7 completed, isLiveUpgrade: False";
+const char *const kGateway = "02:00:00:00:00:01";
+
+std::mutex gFailureMutex;
+std::vector<std::string> gFailures;
+
+void RecordFailure(const std::string &what) {
+   std::lock_guard<std::mutex> guard(gFailureMutex);
+   gFailures.push_back(what);
+}
+
+std::vector<std::string> TakeFailures() {
+   std::lock_guard<std::mutex> guard(gFailureMutex);
+   std::vector<std::string> out;
+   out.swap(gFailures);
+   return out;
+}
+
+Bytes Text(const std::string &text) {
+   return Bytes(text.begin(), text.end());
+}
+
+class ModuleLoad : public ::testing::Test {
+protected:
+   void SetUp() override {
+      sim::Reset();
+      TakeFailures();
+      sim::SetFailureHook(RecordFailure);
+      sim::AddPortset("vs0");
+      sim::AddPortset("vs1");
+      sim::AddPortset("host0", "hostonly");
+      sim::TakeLogs();
+   }
+
+   void TearDown() override {
+      if (module_ != nullptr) {
+         Unload();
+      }
+      for (const std::string &what : TakeFailures()) {
+         ADD_FAILURE() << "host failure: " << what;
+      }
+      sim::SetFailureHook(nullptr);
+      sim::Reset();
+   }
+
+   int Load(const Params &params) {
+      int init = -1;
+      std::string error;
+      module_ = sim::LoadModule(VIGIL_SO_PATH, params, &init, &error);
+      EXPECT_NE(module_, nullptr) << error;
+      EXPECT_TRUE(sim::WaitIdle(5.0));
+      return init;
+   }
+
+   /* Unloads and checks that nothing of the module is left. */
+   void Unload() {
+      sim::UnloadReport report = sim::UnloadModule(module_);
+      module_ = nullptr;
+      EXPECT_EQ(report.leaks, 0u);
+      EXPECT_EQ(report.leakBytes, 0u);
+      EXPECT_EQ(report.framesLive, 0u);
+      EXPECT_EQ(report.heapsLive, 0u);
+      EXPECT_EQ(report.callbacksLeft, 0u);
+      ExpectNothingLeft();
+   }
+
+   void ExpectNothingLeft() {
+      EXPECT_EQ(sim::LiveChains(), 0u);
+      EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
+      EXPECT_TRUE(sim::Subscriptions().empty());
+      EXPECT_EQ(sim::LiveWorlds(), 0u);
+      EXPECT_EQ(sim::LiveLocks(), 0u);
+      EXPECT_EQ(sim::LivePriQs(), 0u);
+      EXPECT_EQ(sim::PortsetsAcquired(), 0u);
+      EXPECT_FALSE(sim::LogHandleExists("vigil"));
+      EXPECT_FALSE(sim::LogHandleExists("vigil.throttle"));
+      EXPECT_EQ(sim::FramesLive(), 0u);
+   }
+
+   /* The module's lines, without the worlds' own comings and goings. */
+   std::vector<sim::LogLine> Logs() {
+      sim::WaitIdle(5.0);
+      std::vector<sim::LogLine> out;
+      for (sim::LogLine &line : sim::TakeLogs()) {
+         if (line.func != "VigilCPWorld" && line.func != "VigilAgingWorld") {
+            out.push_back(std::move(line));
+         }
+      }
+      return out;
+   }
+
+   static bool Has(const std::vector<sim::LogLine> &lines, int level, const std::string &text,
+                   const char *log = nullptr) {
+      for (const sim::LogLine &line : lines) {
+         if (line.level == level && line.text == text && (log == nullptr || line.log == log)) {
+            return true;
+         }
+      }
+      return false;
+   }
+
+   zek_Status Write(u32 port, const std::string &prop, const Bytes &data) {
+      bool handled = false;
+      zek_Status status = sim::WriteProperty(port, prop, data, &handled);
+      EXPECT_TRUE(handled) << prop;
+      return status;
+   }
+
+   /* Sends frames as the VM, or delivers them to it, through the port's
+    * chains; returns which came out, by position, and keeps the bytes of
+    * those that did. */
+   std::vector<bool> Run(u32 port, const std::vector<Bytes> &frames, bool fromVM) {
+      zek_PktList *list = sim::MakeList();
+      std::vector<zek_Pkt *> sent;
+      for (const Bytes &bytes : frames) {
+         zek_Pkt *pkt = frames::Make(bytes);
+         sent.push_back(pkt);
+         sim::ListAppend(list, pkt);
+      }
+      EXPECT_EQ(fromVM ? sim::SendFromVM(port, list) : sim::DeliverToVM(port, list), ZEK_OK);
+      std::vector<zek_Pkt *> left = sim::ListFrames(list);
+      std::vector<bool> out;
+      survivors_.clear();
+      size_t next = 0;
+      for (zek_Pkt *pkt : sent) {
+         bool kept = next < left.size() && left[next] == pkt;
+         out.push_back(kept);
+         if (kept) {
+            survivors_.push_back(sim::FrameBytes(pkt));
+            next++;
+         }
+      }
+      sim::DestroyList(list);
+      return out;
+   }
+
+   VigilFilter *FilterOf(u32 port) {
+      return (VigilFilter *)sim::PortData(port, VIGIL_FILTER_SLOT);
+   }
+
+   sim::LoadedModule *module_ = nullptr;
+   std::vector<Bytes> survivors_;
+};
+
+/* ---------------------------------------------------------------- start */
+
+TEST_F(ModuleLoad, StartRegistersEveryVswitchPortsetAndStopTakesAllAway) {
+   ASSERT_EQ(Load({{"VIGIL_HEAP_MIN_SIZE", 8192},
+                   {"VIGIL_HEAP_MAX_SIZE", 64 << 20},
+                   {"isLiveUpgrade", 0}}),
+             0);
+   EXPECT_EQ(*(int *)sim::ModuleSymbol(module_, "VIGIL_HEAP_MIN_SIZE"), 8192);
+   std::vector<sim::LogLine> lines = Logs();
+   ASSERT_FALSE(lines.empty());
+   EXPECT_EQ(lines.back().level, 1);
+   EXPECT_EQ(lines.back().log, "vigil");
+   EXPECT_EQ(lines.back().text, kInitDone);
+   EXPECT_TRUE(Has(lines, 1, "Skipping FAB Client registration for portset class hostonly"));
+
+   EXPECT_EQ(sim::RegisteredProperties("vs0"), kAll);
+   EXPECT_EQ(sim::RegisteredProperties("vs1"), kAll);
+   EXPECT_TRUE(sim::RegisteredProperties("host0").empty());
+   EXPECT_EQ(sim::Subscriptions(),
+             (std::vector<std::string>{sim::VswitchEventName("activate"),
+                                       sim::VswitchEventName("deactivate")}));
+   EXPECT_EQ(sim::LiveWorlds(), 2u);
+   EXPECT_NE(sim::ModuleHeap(), nullptr);
+   EXPECT_TRUE(sim::LogHandleExists("vigil"));
+   EXPECT_TRUE(sim::LogHandleExists("vigil.throttle"));
+
+   Unload();
+   lines = Logs();
+   ASSERT_GE(lines.size(), 2u);
+   EXPECT_EQ(lines.front().text, "Starting Cleanup");
+   EXPECT_TRUE(Has(lines, 1, "Starting VigilGenericCleanup"));
+   EXPECT_TRUE(Has(lines, 1, "Skipping FAB prop unregistration for portset class hostonly"));
+}
+
+TEST_F(ModuleLoad, PortsetEventsAfterStartRegisterAndUnregister) {
+   ASSERT_EQ(Load({}), 0);
+   sim::AddPortset("vs2");
+   EXPECT_EQ(sim::RegisteredProperties("vs2"), kAll);
+   sim::RemovePortset("vs1");
+   EXPECT_TRUE(sim::RegisteredProperties("vs1").empty());
+   EXPECT_EQ(sim::LiveClientRegistrations(), 10u);
+   /* A portset that comes and goes with a port that had the filter. */
+   ASSERT_TRUE(sim::AddPort("vs2", kPort));
+   ASSERT_EQ(Write(kPort, kEnabled, Text("true")), ZEK_OK);
+   sim::RemovePortset("vs2");
+   EXPECT_EQ(sim::LiveChains(), 0u);
+   EXPECT_EQ(sim::LiveClientRegistrations(), 5u);
+   Logs();
+}
+
+TEST_F(ModuleLoad, LiveUpgradeStartWaitsForActivateEvents) {
+   ASSERT_EQ(Load({{"isLiveUpgrade", 1}}), 0);
+   std::vector<sim::LogLine> lines = Logs();
+   ASSERT_FALSE(lines.empty());
+   EXPECT_EQ(lines.back().text,
+             "Port Vigil module init for ULM 6.7 completed, isLiveUpgrade: True");
+   EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
+   EXPECT_EQ(sim::Subscriptions().size(), 2u);
+   EXPECT_EQ(sim::LiveWorlds(), 2u);
+
+   sim::RaiseEvent(sim::VswitchEventName("activate"), sim::FindPortset("vs0"));
+   EXPECT_EQ(sim::RegisteredProperties("vs0"), kAll);
+   EXPECT_TRUE(sim::RegisteredProperties("vs1").empty());
+   sim::AddPortset("vs2");
+   EXPECT_EQ(sim::RegisteredProperties("vs2"), kAll);
+   EXPECT_EQ(sim::LiveClientRegistrations(), 10u);
+}
+
+/* ------------------------------------------------------ start failures */
+
+struct StartFault {
+   const char *what;
+   void (*arm)();
+   std::vector<std::pair<int, std::string>> lines; /* must be among the module's lines */
+   const char *log; /* the log the first line goes to */
+};
+
+class ModuleLoadFailure : public ModuleLoad,
+                           public ::testing::WithParamInterface<StartFault> {};
+
+TEST_P(ModuleLoadFailure, ReturnsOneLogsAndLeavesNothing) {
+   const StartFault &fault = GetParam();
+   fault.arm();
+   EXPECT_EQ(Load({}), 1) << fault.what;
+   sim::FaultClear();
+   std::vector<sim::LogLine> lines = Logs();
+   for (size_t i = 0; i < fault.lines.size(); i++) {
+      EXPECT_TRUE(Has(lines, fault.lines[i].first, fault.lines[i].second,
+                      i == 0 ? fault.log : nullptr))
+         << fault.what << ": " << fault.lines[i].second;
+   }
+   EXPECT_TRUE(Has(lines, 1, "Starting VigilGenericCleanup")) << fault.what;
+   EXPECT_FALSE(Has(lines, 1, kInitDone)) << fault.what;
+   /* Nothing is left even before the module goes. */
+   ExpectNothingLeft();
+   Unload();
+}
+
+const StartFault kStartFaults[] = {
+   {"heap", [] { sim::FaultCall("HeapCreate", kNoMemory); },
+    {{2, "Failed to create heap (0xbad0014): Out of memory"}}, "-"},
+   {"log", [] { sim::FaultCall("LogRegister", kNoMemory); },
+    {{2, "Failed to allocate log handle (0xbad0014): Out of memory"}}, "-"},
+   {"lock domain", [] { sim::FaultCall("LockDomainCreate", kNoMemory); },
+    {{2, "Failed to create lock domain (0xbad0014): Out of memory"}}, "vigil"},
+   {"aging world", [] { sim::FaultCall("WorldCreate", kNoMemory); },
+    {{2, "Failed to create aging world: Out of memory"},
+     {2, "Unable to init Aging World: Out of memory"}},
+    "vigil"},
+   {"control-plane world", [] { sim::FaultCall("WorldCreate", kNoMemory, 1, 1); },
+    {{2, "Failed to create cpWorld: Out of memory"}, {2, "Unable to init CPWorld: Out of memory"}},
+    "vigil"},
+   {"client registration", [] { sim::FaultCall("FABClientPortRegister", kInvalidData, 1, 7); },
+    {{2, "Failed to register vigil fab property " + kDiscovery6 + "(Invalid data)"},
+     {2, "Failed to register FAB clients for active portsets"}},
+    "vigil"},
+   {"event subscription", [] { sim::FaultCall("NetEventPortsetEventSubscribe", kNoMemory); },
+    {{2, "Failed to subscribe to Vswitch Activate Event"}}, "vigil"},
+   {"throttle log", [] { sim::FaultCall("LogRegister", kNoMemory, 1, 1); },
+    {{2, "zek_LogRegister failed: Out of memory"}}, "vigil"},
+};
+
+std::string StartFaultName(const ::testing::TestParamInfo<StartFault> &info) {
+   std::string name;
+   for (const char *p = info.param.what; *p; p++) {
+      name += isalnum((unsigned char)*p) ? *p : '_';
+   }
+   return name;
+}
+
+INSTANTIATE_TEST_SUITE_P(StartFaults, ModuleLoadFailure, ::testing::ValuesIn(kStartFaults),
+                         StartFaultName);
+
+TEST_F(ModuleLoad, HeapFailureIsToldWithoutALogHandle) {
+   /* A minimum above the maximum: the host refuses the heap. */
+   EXPECT_EQ(Load({{"VIGIL_HEAP_MIN_SIZE", 8192}, {"VIGIL_HEAP_MAX_SIZE", 4096}}), 1);
+   std::vector<sim::LogLine> lines = Logs();
+   ASSERT_EQ(lines.size(), 2u);
+   EXPECT_EQ(lines[0].log, "-");
+   EXPECT_EQ(lines[0].level, 2);
+   EXPECT_EQ(lines[0].text, "Failed to create heap (0xbad0007): Bad parameter");
+   EXPECT_EQ(lines[0].raw, "[oxa@3719 comp=\"oxa-ulm\" subcomp=\"vigil-7000\"] "
+                           "Failed to create heap (0xbad0007): Bad parameter");
+   EXPECT_EQ(lines[1].log, "-");
+   EXPECT_EQ(lines[1].level, 1);
+   EXPECT_EQ(lines[1].text, "Starting VigilGenericCleanup");
+   ExpectNothingLeft();
+   Unload();
+}
+
+/* --------------------------------------------------- through properties */
+
+TEST_F(ModuleLoad, ConfigurationBeforeEnableIsRefused) {
+   ASSERT_EQ(Load({}), 0);
+   ASSERT_TRUE(sim::AddPort("vs0", kPort));
+   blobs::Security s;
+   s.features = VIGIL_FEAT_BPDU_FILTER;
+   EXPECT_EQ(Write(kPort, kDiscovery, Bytes{1, 1}), kNotFound);
+   EXPECT_EQ(Write(kPort, kDiscovery6, blobs::Discovery6(1, 1, 5)), kNotFound);
+   EXPECT_EQ(Write(kPort, kIgnore, blobs::IgnoreList({Entry(VIGIL_WL_VLAN, {}, 0, 3)})),
+             kNotFound);
+   EXPECT_EQ(Write(kPort, kSecurity, s.Build()), kNotFound);
+   EXPECT_EQ(FilterOf(kPort), nullptr);
+   std::vector<sim::LogLine> lines = Logs();
+   EXPECT_TRUE(Has(lines, 2, "Vigil filter not found for port 0x20", "vigil"));
+   EXPECT_TRUE(Has(lines, 2, "Vigil filter not found for port 32", "vigil"));
+
+   /* Nothing of it was kept for the filter that comes later. */
+   ASSERT_EQ(Write(kPort, kEnabled, Text("true")), ZEK_OK);
+   VigilFilter *filter = FilterOf(kPort);
+   ASSERT_NE(filter, nullptr);
+   EXPECT_EQ(filter->discoveryFlags, 0u);
+   EXPECT_EQ(filter->featuresEnabled, 0u);
+   EXPECT_EQ(filter->arpExpiry, 600);
+   EXPECT_EQ(filter->portIgnoreList, nullptr);
+}
+
+TEST_F(ModuleLoad, FramesAreJudgedAsThePropertiesSay) {
+   ASSERT_EQ(Load({}), 0);
+   ASSERT_TRUE(sim::AddPort("vs0", kPort));
+   ASSERT_TRUE(sim::AddPort("vs0", kPort2));
+   ASSERT_EQ(Write(kPort, kEnabled, Text("true")), ZEK_OK);
+   std::vector<sim::ChainInfo> chains = sim::PortChains(kPort);
+   ASSERT_EQ(chains.size(), 2u);
+   EXPECT_EQ(chains[0].name, "VIGIL_INPUT.7000");
+   EXPECT_EQ(chains[1].name, "VIGIL_OUTPUT.7000");
+   EXPECT_EQ(sim::MinMappedLen(kPort), 66u);
+   ASSERT_EQ(Write(kPort, kDiscovery, Bytes{1, 1}), ZEK_OK);
+
+   const VigilWhiteListEntry vm = Entry(VIGIL_WL_IPV4 | VIGIL_WL_MAC, blobs::V4("192.0.2.10"),
+                                        32, 0, blobs::Mac(frames::kVmMac));
+   blobs::Security s;
+   s.features = VIGIL_FEAT_PORT_WARDEN | VIGIL_FEAT_DHCP_SERVER_BLOCK |
+                VIGIL_FEAT_BPDU_FILTER | VIGIL_FEAT_TX_BCAST_LIMIT;
+   s.txBcast = 3;
+   s.portList = {vm};
+   ASSERT_EQ(Write(kPort, kSecurity, s.Build()), ZEK_OK);
+   std::vector<sim::WardenHashEntry> hash = sim::FlowCacheEntries("vs0");
+   ASSERT_EQ(hash.size(), 1u);
+   EXPECT_EQ(hash[0].portID, kPort);
+   EXPECT_EQ(hash[0].entry, blobs::EntryBytes(vm));
+   std::vector<sim::Invalidation> inv = sim::TakeInvalidations();
+   ASSERT_EQ(inv.size(), 1u);
+   EXPECT_EQ(inv[0].reason, 26u);
+   EXPECT_EQ(inv[0].portID, kPort);
+
+   VigilFilter *filter = FilterOf(kPort);
+   ASSERT_NE(filter, nullptr);
+   EXPECT_EQ(filter->discoveryFlags, 3u);
+   EXPECT_EQ(filter->featuresEnabled, s.features);
+   EXPECT_EQ(filter->bpduBitmap, 0x7fffffffull);
+
+   using namespace frames;
+   const Bytes spoofed = TcpV4(kVmMac, kGateway, "203.0.113.9", "192.0.2.1");
+   const Bytes allowed = TcpV4(kVmMac, kGateway, "192.0.2.10", "192.0.2.1");
+   const Bytes rogueServer = DhcpServer(kVmMac, "02:00:00:00:00:33", 2);
+   const Bytes bpdu = Bpdu(kVmMac, "01:80:c2:00:00:00");
+   EXPECT_EQ(Run(kPort, {spoofed, allowed, rogueServer, bpdu}, true),
+             (std::vector<bool>{false, true, false, false}));
+   ASSERT_EQ(survivors_.size(), 1u);
+   EXPECT_EQ(survivors_[0], allowed);
+   EXPECT_EQ(filter->stats.statWardenV4Drops, 1u);
+   EXPECT_EQ(filter->stats.statDhcpServerBlockDrops, 1u);
+   EXPECT_EQ(filter->stats.statBpduDrops, 1u);
+
+   /* A broadcast storm from the VM: three a second get through. */
+   std::vector<Bytes> storm(10, UdpV4(kVmMac, kBroadcast, "192.0.2.10", "255.255.255.255",
+                                      5000, 5001));
+   EXPECT_EQ(Run(kPort, storm, true),
+             (std::vector<bool>{true, true, true, false, false, false, false, false, false,
+                                false}));
+   EXPECT_EQ(filter->stats.statTxBcastRateDrops, 7u);
+   sim::Advance(1.5);
+   EXPECT_EQ(Run(kPort, storm, true),
+             (std::vector<bool>{true, true, true, false, false, false, false, false, false,
+                                false}));
+   EXPECT_EQ(filter->stats.statTxBcastRateDrops, 14u);
+
+   /* The VM's ARP request is learnt and published (in a new second: it is
+    * a broadcast too). */
+   sim::Advance(1.5);
+   sim::TakePortsetMessages();
+   const Bytes arp = Arp(kVmMac, kVmMac, "192.0.2.10", "192.0.2.1");
+   EXPECT_EQ(Run(kPort, {arp}, true), (std::vector<bool>{true}));
+   ASSERT_EQ(survivors_.size(), 1u);
+   EXPECT_EQ(survivors_[0], arp);
+   EXPECT_EQ(filter->numArpVmis, 1u);
+   EXPECT_EQ(filter->numVmis, 1u);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   std::vector<sim::PortsetMessage> msgs = sim::TakePortsetMessages();
+   ASSERT_EQ(msgs.size(), 1u);
+   EXPECT_EQ(msgs[0].portset, "vs0");
+   EXPECT_EQ(msgs[0].portID, kPort);
+   EXPECT_EQ(msgs[0].name, "portdb.entry.added");
+
+   /* Towards the VM nothing of this is judged, and a port without the
+    * filter is left alone. */
+   EXPECT_EQ(Run(kPort, {DhcpServer(kServerMac, kVmMac, 5), bpdu}, false),
+             (std::vector<bool>{true, true}));
+   EXPECT_TRUE(sim::PortChains(kPort2).empty());
+   EXPECT_EQ(filter->stats.statWardenV4Drops, 1u);
+
+   Logs();
+   Unload();
+   EXPECT_TRUE(sim::FlowCacheEntries("vs0").empty());
+   EXPECT_EQ(sim::PortData(kPort, VIGIL_FILTER_SLOT), nullptr);
+}
+
+TEST_F(ModuleLoad, DisablingAPortTakesItsFilterAway) {
+   ASSERT_EQ(Load({}), 0);
+   ASSERT_TRUE(sim::AddPort("vs1", kPort));
+   ASSERT_EQ(Write(kPort, kEnabled, Text("true")), ZEK_OK);
+   ASSERT_NE(FilterOf(kPort), nullptr);
+   ASSERT_EQ(Write(kPort, kEnabled, Text("false")), ZEK_OK);
+   EXPECT_EQ(FilterOf(kPort), nullptr);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+   /* Enabled again, and left for the unload to take. */
+   ASSERT_EQ(Write(kPort, kEnabled, Text("t")), ZEK_OK);
+   EXPECT_EQ(sim::LiveChains(), 2u);
+   Logs();
+   Unload();
+   EXPECT_EQ(FilterOf(kPort), nullptr);
+}
+
+} // namespace
