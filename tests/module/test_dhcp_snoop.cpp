@@ -840,9 +840,24 @@ TEST_F(DhcpSnoopTest, HeapExhaustionOnTheAckWithAFlatCopy) {
                                "Failed to alloc pktCopy: 342",
                                "Filter 0x10 Can't access DHCP option: 287"}));
             break;
-         default:
+         case 2:
+            EXPECT_EQ(filter->numVmis, 0u);
             EXPECT_EQ(filter->numDhcpReqs, 0u);
-            EXPECT_EQ(logs.size(), n == 4 ? 2u : 1u);
+            EXPECT_EQ(logs, std::vector<std::string>{"Filter 0x10 Vmi alloc failed"});
+            break;
+         case 3:
+            EXPECT_EQ(filter->numVmis, 0u);
+            EXPECT_EQ(filter->numDhcpReqs, 0u);
+            EXPECT_EQ(logs,
+                      std::vector<std::string>{"Filter 0x10 Vmi clientIdStr alloc failed"});
+            break;
+         case 4:
+            EXPECT_EQ(filter->numVmis, 1u);
+            EXPECT_EQ(filter->numDhcpReqs, 0u);
+            EXPECT_EQ(logs, (std::vector<std::string>{
+                               "Unable to allocate memory, port: 0x10",
+                               "Filter 0x10 Could not post message:portdb.entry.added:"
+                               "Out of memory"}));
             break;
          }
       });
