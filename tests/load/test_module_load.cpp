@@ -264,6 +264,10 @@ struct StartFault {
    const char *log; /* the log the first line goes to */
 };
 
+void PrintTo(const StartFault &fault, std::ostream *os) {
+   *os << fault.what;
+}
+
 class ModuleLoadFailure : public ModuleLoad,
                            public ::testing::WithParamInterface<StartFault> {};
 
