@@ -325,7 +325,8 @@ zek_Status Vigil_FabPropRegister(const char *portsetName, VigilFabClientHandles 
 }
 
 zek_Status Vigil_FabPropUnregister(VigilFabClientHandles *client) {
-   VIGIL_LOG_INFO("Vigil Unegistering FAB CBs for ps %s", client->portsetName);
+   /* The name fills its 128 bytes without a terminator when it is that long. */
+   VIGIL_LOG_INFO("Vigil Unegistering FAB CBs for ps %.128s", client->portsetName);
    for (u32 i = VIGIL_NUM_PROPS; i-- > 0;) {
       if (client->propHandles[i] == nullptr) {
          continue;

@@ -134,7 +134,7 @@ static void VigilDeliverTask(VigilCpTask *task) {
    zek_PortsetHandle portset;
    zek_Status status = zek_PortsetAcquireByName(task->portsetName, 1, &portset);
    if (status != ZEK_OK) {
-      VIGIL_LOG_ERROR("Unable to acquire portset from name: %s, status: %s",
+      VIGIL_LOG_ERROR("Unable to acquire portset from name: %.128s, status: %s",
                       task->portsetName, zek_StatusToString(status));
       return;
    }
