@@ -101,22 +101,28 @@ void Session::CmdModule(const std::vector<Token> &t, Json &out) {
 void Session::CmdMessages(const std::vector<Token> &t, Json &out) {
    NoArgs(t, "messages");
    WaitForInspection(out);
+   Collect();
    Json list = Json::array();
-   for (const sim::PortsetMessage &m : sim::TakePortsetMessages()) {
-      list.push_back(PortsetMessageJson(m));
-   }
+   for (const sim::PortsetMessage &m : messages_) list.push_back(PortsetMessageJson(m));
+   messages_.clear();
    out["messages"] = list;
+   if (messagesLost_ != 0) out["lost"] = messagesLost_;
+   messagesLost_ = 0;
 }
 
 void Session::CmdLogs(const std::vector<Token> &t, Json &out) {
    NoArgs(t, "logs");
    WaitForInspection(out);
+   Collect();
    Json list = Json::array();
-   for (const sim::LogLine &line : sim::TakeLogs()) list.push_back(LogLineJson(line));
+   for (const sim::LogLine &line : logs_) list.push_back(LogLineJson(line));
+   logs_.clear();
    uint64_t throttled = sim::ThrottledCount();
    out["logs"] = list;
    out["throttled"] = throttled - throttledSeen_;
    throttledSeen_ = throttled;
+   if (logsLost_ != 0) out["lost"] = logsLost_;
+   logsLost_ = 0;
 }
 
 void Session::CmdLogLevel(const std::vector<Token> &t, Json &out) {
@@ -135,9 +141,13 @@ void Session::CmdLogLevel(const std::vector<Token> &t, Json &out) {
 void Session::CmdObservations(const std::vector<Token> &t, Json &out) {
    NoArgs(t, "observations");
    WaitForInspection(out);
+   Collect();
    Json list = Json::array();
-   for (const sim::Observation &o : sim::TakeObservations()) list.push_back(ObservationJson(o));
+   for (const sim::Observation &o : observations_) list.push_back(ObservationJson(o));
+   observations_.clear();
    out["observations"] = list;
+   if (observationsLost_ != 0) out["lost"] = observationsLost_;
+   observationsLost_ = 0;
 }
 
 void Session::CmdFlowCache(const std::vector<Token> &t, Json &out) {

@@ -3,6 +3,7 @@
 #include <cstdio>
 
 #include "sim_core.h"
+#include "sim_frames.h"
 #include "sim_switch.h"
 #include "vigil_filter.h"
 
@@ -22,6 +23,10 @@ Session::Session(const Settings &settings) : settings_(settings) {
    sim::Reset();
    InstallFailureHook();
    sim::EchoLogs(settings_.verbose);
+   if (settings_.realClock) {
+      sim::UseVirtualClock(false);
+      virtualClock_ = false;
+   }
 }
 
 Session::~Session() {
@@ -91,6 +96,25 @@ void Session::Execute(const std::vector<Token> &tokens, Json &out) {
       throw ToolError("unknown command '" + tokens[0].text + "'");
    }
    (this->*(it->second))(tokens, out);
+}
+
+namespace {
+
+template <typename T>
+void Keep(std::deque<T> &into, std::vector<T> &&more, size_t keepAtMost, uint64_t *lost) {
+   for (T &item : more) into.push_back(std::move(item));
+   while (keepAtMost != 0 && into.size() > keepAtMost) {
+      into.pop_front();
+      (*lost)++;
+   }
+}
+
+} // namespace
+
+void Session::Collect() {
+   Keep(logs_, sim::TakeLogs(), settings_.keepAtMost, &logsLost_);
+   Keep(messages_, sim::TakePortsetMessages(), settings_.keepAtMost, &messagesLost_);
+   Keep(observations_, sim::TakeObservations(), settings_.keepAtMost, &observationsLost_);
 }
 
 uint32_t Session::PortArg(const Token &token) const {

@@ -8,6 +8,7 @@
 #define VIGILSIM_SESSION_H
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <string>
 #include <vector>
@@ -25,6 +26,11 @@ namespace vigilsim {
 struct Settings {
    std::string modulePath;
    bool verbose = false;
+   /* Start on the real clock instead of the virtual one. */
+   bool realClock = false;
+   /* Most log lines, portset messages and observations kept between two
+    * reads of them; the oldest go first.  0: no limit. */
+   size_t keepAtMost = 0;
 };
 
 /* Options of the frames that tx, rx and replay send. */
@@ -48,6 +54,16 @@ class Session {
    /* Runs one command line into `out`, which already holds cmd and ok.
     * Throws ToolError when the command cannot be carried out. */
    void Execute(const std::vector<Token> &tokens, Json &out);
+
+   /* Moves what the host captured (log lines, portset messages,
+    * observations) into the session's own buffers, within keepAtMost.  A
+    * long-running host calls it now and then. */
+   void Collect();
+
+   bool ModuleLoaded() const { return module_ != nullptr; }
+   /* The ports made by commands: port id -> portset. */
+   const std::map<uint32_t, std::string> &Ports() const { return ports_; }
+   const std::vector<std::string> &Portsets() const { return portsets_; }
 
  private:
    using Handler = void (Session::*)(const std::vector<Token> &, Json &);
@@ -113,6 +129,11 @@ class Session {
    std::vector<std::string> portsets_;           /* in creation order */
    std::map<uint32_t, std::string> ports_;       /* port id -> portset */
    uint64_t throttledSeen_ = 0;
+   /* Captured and not yet read, and how many of each were let go. */
+   std::deque<sim::LogLine> logs_;
+   std::deque<sim::PortsetMessage> messages_;
+   std::deque<sim::Observation> observations_;
+   uint64_t logsLost_ = 0, messagesLost_ = 0, observationsLost_ = 0;
 };
 
 /* Reports the defects that the simulated host detects (a lock-rank

@@ -1,0 +1,338 @@
+#include "daemon.h"
+
+#include <signal.h>
+#include <sys/epoll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+
+#include "log.h"
+#include "sim_core.h"
+#include "sim_switch.h"
+
+namespace vigild {
+
+namespace {
+
+constexpr uint64_t kSignalTag = 4ull << 32;
+constexpr uint64_t kKindMask = 0xffffffffull << 32;
+constexpr double kPeriodSeconds = 0.25;
+
+std::string Dump(const Json &j) { return j.dump(-1, ' ', false, Json::error_handler_t::replace); }
+
+} // namespace
+
+void BlockSignals() {
+   sigset_t set;
+   sigemptyset(&set);
+   sigaddset(&set, SIGINT);
+   sigaddset(&set, SIGTERM);
+   sigaddset(&set, SIGHUP);
+   pthread_sigmask(SIG_BLOCK, &set, nullptr);
+   signal(SIGPIPE, SIG_IGN);
+}
+
+Daemon::Daemon(const DaemonOptions &options) : options_(options) {}
+
+Daemon::~Daemon() {
+   bridge_.reset();
+   control_.Close();
+   session_.reset();
+   if (signalFd_ >= 0) close(signalFd_);
+   if (epollFd_ >= 0) close(epollFd_);
+}
+
+bool Daemon::Setup(std::string *error) {
+   epollFd_ = epoll_create1(EPOLL_CLOEXEC);
+   if (epollFd_ < 0) {
+      *error = std::string("epoll: ") + std::strerror(errno);
+      return false;
+   }
+   sigset_t set;
+   sigemptyset(&set);
+   sigaddset(&set, SIGINT);
+   sigaddset(&set, SIGTERM);
+   sigaddset(&set, SIGHUP);
+   signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+   if (signalFd_ < 0) {
+      *error = std::string("signalfd: ") + std::strerror(errno);
+      return false;
+   }
+   struct epoll_event ev;
+   std::memset(&ev, 0, sizeof ev);
+   ev.events = EPOLLIN;
+   ev.data.u64 = kSignalTag;
+   epoll_ctl(epollFd_, EPOLL_CTL_ADD, signalFd_, &ev);
+
+   vigilsim::Settings settings;
+   settings.modulePath = options_.modulePath;
+   settings.verbose = options_.verbose;
+   settings.realClock = true;
+   settings.keepAtMost = 20000;
+   session_ = std::make_unique<vigilsim::Session>(settings);
+   bridge_ = std::make_unique<Bridge>(epollFd_, options_.bridge);
+   if (!options_.controlPath.empty() && !control_.Open(options_.controlPath, epollFd_, error)) {
+      return false;
+   }
+   return true;
+}
+
+Json Daemon::Execute(const std::string &line, const std::string &where) {
+   Json result;
+   size_t first = line.find_first_not_of(" \t");
+   std::string cmd = first == std::string::npos ? "" : line.substr(first);
+   cmd = cmd.substr(0, cmd.find_first_of(" \t\r"));
+   result["cmd"] = cmd;
+   result["ok"] = true;
+   commands_++;
+   try {
+      std::vector<vigilsim::Token> tokens = vigilsim::Tokenize(line);
+      if (tokens.empty()) throw vigilsim::ToolError("empty command");
+      result["cmd"] = vigilsim::Session::CommandName(tokens);
+      if (tokens[0].text == "port" && tokens.size() > 1 &&
+          (tokens[1].text == "attach" || tokens[1].text == "detach")) {
+         result["cmd"] = "port " + tokens[1].text;
+      }
+      if (!DaemonCommand(tokens, result)) session_->Execute(tokens, result);
+   } catch (const std::exception &e) {
+      bool tool = dynamic_cast<const vigilsim::ToolError *>(&e) != nullptr;
+      Json failure;
+      failure["cmd"] = result["cmd"];
+      failure["ok"] = false;
+      failure["error"] = where + ": " + (tool ? "" : "internal error: ") + e.what();
+      result = failure;
+   }
+   return result;
+}
+
+bool Daemon::DaemonCommand(const std::vector<vigilsim::Token> &t, Json &out) {
+   const std::string &word = t[0].text;
+   std::string sub = t.size() > 1 ? t[1].text : "";
+   if (word == "port" && sub == "attach") {
+      CmdAttach(t, out);
+      return true;
+   }
+   if (word == "port" && sub == "detach") {
+      CmdDetach(t, out);
+      return true;
+   }
+   if (word == "port" && sub == "remove" && t.size() == 3) {
+      /* The port leaves its interface before it goes. */
+      uint64_t port = vigilsim::ParseUnsigned(t[2].text, "port id", UINT32_MAX);
+      bridge_->Detach(static_cast<uint32_t>(port));
+      return false;
+   }
+   if (word == "portset" && sub == "remove" && t.size() == 3) {
+      for (uint32_t port : bridge_->AttachedPorts()) {
+         const Attachment *att = bridge_->Find(port);
+         if (att != nullptr && att->portset == t[2].text) bridge_->Detach(port);
+      }
+      return false;
+   }
+   if (word == "switch") {
+      CmdSwitch(t, out);
+      return true;
+   }
+   if (word == "uptime") {
+      if (t.size() != 1) throw vigilsim::ToolError("usage: uptime");
+      double now = sim::Now();
+      out["uptime"] = static_cast<int64_t>(std::floor(now));
+      out["time"] = now;
+      return true;
+   }
+   if (word == "stop") {
+      if (t.size() != 1) throw vigilsim::ToolError("usage: stop");
+      stopping_ = true;
+      Log(Level::Info, "stop asked on the control socket");
+      return true;
+   }
+   return false;
+}
+
+void Daemon::CmdAttach(const std::vector<vigilsim::Token> &t, Json &out) {
+   vigilsim::Args args = vigilsim::SplitArgs("port attach", t, 2, {"vlan"});
+   args.Expect(2, 2, "port attach PORTID IFNAME [vlan=N]");
+   uint32_t port = static_cast<uint32_t>(
+       vigilsim::ParseUnsigned(args.positional[0].text, "port id", UINT32_MAX));
+   auto it = session_->Ports().find(port);
+   if (it == session_->Ports().end() || !sim::PortExists(port)) {
+      throw vigilsim::ToolError("unknown port " + vigilsim::HexNumber(port));
+   }
+   std::string ifname = args.positional[1].text;
+   if (ifname.empty() || ifname.size() > 15 || ifname.find('/') != std::string::npos) {
+      throw vigilsim::ToolError("bad interface name '" + ifname + "'");
+   }
+   int vlan = -1;
+   if (args.Has("vlan")) vlan = static_cast<int>(args.Unsigned("vlan", 0, 4094));
+   std::string error;
+   if (!bridge_->Attach(port, it->second, ifname, vlan, &error)) throw vigilsim::ToolError(error);
+   const Attachment *att = bridge_->Find(port);
+   out["portID"] = port;
+   out["portset"] = it->second;
+   out["ifname"] = ifname;
+   out["vlan"] = vlan < 0 ? Json(nullptr) : Json(vlan);
+   out["up"] = att->up;
+   if (!att->up) out["downReason"] = att->downReason;
+}
+
+void Daemon::CmdDetach(const std::vector<vigilsim::Token> &t, Json &out) {
+   vigilsim::Args args = vigilsim::SplitArgs("port detach", t, 2, {});
+   args.Expect(1, 1, "port detach PORTID");
+   uint32_t port = static_cast<uint32_t>(
+       vigilsim::ParseUnsigned(args.positional[0].text, "port id", UINT32_MAX));
+   const Attachment *att = bridge_->Find(port);
+   if (att == nullptr) throw vigilsim::ToolError("port " + vigilsim::HexNumber(port) + " is not attached");
+   out["portID"] = port;
+   out["ifname"] = att->ifname;
+   bridge_->Detach(port);
+}
+
+void Daemon::CmdSwitch(const std::vector<vigilsim::Token> &t, Json &out) {
+   vigilsim::Args args = vigilsim::SplitArgs("switch", t, 1, {"ageing", "budget"});
+   args.Expect(0, 0, "switch [ageing=SECONDS] [budget=BATCHES]");
+   BridgeOptions &opts = bridge_->Options();
+   if (args.Has("ageing")) {
+      opts.ageingSeconds = vigilsim::ParseSeconds(*args.Get("ageing"), "ageing=");
+   }
+   if (args.Has("budget")) {
+      opts.budget = args.Unsigned("budget", 4, 1024);
+      if (opts.budget == 0) throw vigilsim::ToolError("budget= must be at least 1");
+   }
+   out["ageing"] = opts.ageingSeconds;
+   out["budget"] = opts.budget;
+   out["batch"] = PacketSocket::kBatch;
+   out["ports"] = bridge_->Describe();
+   out["fdb"] = bridge_->FdbJson();
+   out["clients"] = control_.Clients();
+   out["commands"] = commands_;
+}
+
+bool Daemon::RunScript(const std::string &path) {
+   std::ifstream in(path);
+   if (!in) {
+      Log(Level::Error, "cannot read script %s", path.c_str());
+      return false;
+   }
+   bool allOk = true;
+   std::string line;
+   for (size_t lineNo = 1; std::getline(in, line); lineNo++) {
+      if (vigilsim::IsBlankOrComment(line)) continue;
+      Json result = Execute(line, path + ":" + std::to_string(lineNo));
+      std::string text = Dump(result);
+      std::fputs((text + "\n").c_str(), stdout);
+      std::fflush(stdout);
+      if (!result["ok"].get<bool>()) {
+         allOk = false;
+         Log(Level::Error, "%s", result["error"].get<std::string>().c_str());
+         if (options_.stopOnError) return false;
+      }
+      if (stopping_) break;
+   }
+   return allOk || !options_.stopOnError;
+}
+
+void Daemon::Periodic() {
+   double now = SteadySeconds();
+   if (now - lastPeriodic_ < kPeriodSeconds) return;
+   lastPeriodic_ = now;
+   bridge_->Tick();
+   session_->Collect();
+}
+
+void Daemon::Loop() {
+   ControlServer::Handler handler = [this](const std::string &line) {
+      return Dump(Execute(line, "control"));
+   };
+   struct epoll_event events[64];
+   while (!stopping_) {
+      int timeout = control_.HasBacklog() ? 0 : static_cast<int>(kPeriodSeconds * 1000);
+      int n = epoll_wait(epollFd_, events, 64, timeout);
+      if (n < 0) {
+         if (errno == EINTR) continue;
+         Log(Level::Error, "epoll_wait: %s", std::strerror(errno));
+         break;
+      }
+      /* Every ready port gets one budget of batches per turn, in the order
+       * the kernel reports them: a port that still has frames is reported
+       * again behind the others. */
+      for (int i = 0; i < n; i++) {
+         uint64_t tag = events[i].data.u64;
+         uint64_t kind = tag & kKindMask;
+         uint32_t id = static_cast<uint32_t>(tag & 0xffffffffu);
+         if (kind == Bridge::kTagKind) {
+            bridge_->Service(id, events[i].events);
+         } else if (kind == ControlServer::kListenTag) {
+            control_.OnListen();
+         } else if (kind == ControlServer::kClientKind) {
+            control_.OnClient(id, events[i].events, handler);
+         } else if (kind == kSignalTag) {
+            struct signalfd_siginfo info;
+            while (read(signalFd_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+               Log(Level::Info, "signal %s: stopping", strsignal(static_cast<int>(info.ssi_signo)));
+               stopping_ = true;
+            }
+         }
+         if (stopping_) break;
+      }
+      if (!stopping_ && control_.HasBacklog()) control_.RunBacklog(handler);
+      Periodic();
+   }
+}
+
+void Daemon::Shutdown() {
+   std::vector<uint32_t> ports = bridge_->AttachedPorts();
+   bridge_->DetachAll();
+   control_.Close();
+   if (session_->ModuleLoaded()) {
+      Json report = Execute("unload", "stop");
+      if (report["ok"].get<bool>()) {
+         uint64_t leaks = report["leaks"].get<uint64_t>();
+         uint64_t frames = report["framesLive"].get<uint64_t>();
+         Log(leaks == 0 && frames == 0 ? Level::Info : Level::Warn,
+             "module unloaded: leaks=%llu leakBytes=%llu framesLive=%llu heapsLive=%llu "
+             "callbacksLeft=%llu",
+             static_cast<unsigned long long>(leaks),
+             static_cast<unsigned long long>(report["leakBytes"].get<uint64_t>()),
+             static_cast<unsigned long long>(frames),
+             static_cast<unsigned long long>(report["heapsLive"].get<uint64_t>()),
+             static_cast<unsigned long long>(report["callbacksLeft"].get<uint64_t>()));
+      } else {
+         Log(Level::Error, "unload failed: %s", report["error"].get<std::string>().c_str());
+      }
+   } else {
+      Log(Level::Info, "no module was loaded");
+   }
+   Log(Level::Info, "stopped (%zu ports detached)", ports.size());
+}
+
+int Daemon::Run() {
+   std::string error;
+   if (!Setup(&error)) {
+      Log(Level::Error, "%s", error.c_str());
+      return 1;
+   }
+   Log(Level::Info, "started (module %s%s%s)", options_.modulePath.c_str(),
+       options_.controlPath.empty() ? "" : ", control socket ", options_.controlPath.c_str());
+   int status = 0;
+   for (const std::string &script : options_.scripts) {
+      if (!RunScript(script)) {
+         Log(Level::Error, "start-up script %s failed; stopping", script.c_str());
+         status = 1;
+         stopping_ = true;
+         break;
+      }
+      if (stopping_) break;
+   }
+   if (!stopping_) {
+      Log(Level::Info, "switching: %zu ports attached", bridge_->AttachedPorts().size());
+      Loop();
+   }
+   Shutdown();
+   return status;
+}
+
+} // namespace vigild

@@ -1,0 +1,74 @@
+/*
+ * vigild: the simulated host on the real clock with vigil.so loaded, its
+ * ports attached to Linux interfaces and switched by a learning bridge.  One
+ * thread runs everything: the packet sockets, the control socket, the
+ * signals and the periodic work, over one epoll set.
+ */
+#ifndef VIGILD_DAEMON_H
+#define VIGILD_DAEMON_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bridge.h"
+#include "control.h"
+#include "session.h"
+
+namespace vigild {
+
+struct DaemonOptions {
+   std::string modulePath;
+   std::vector<std::string> scripts;
+   std::string controlPath;
+   bool verbose = false;
+   bool stopOnError = false;
+   BridgeOptions bridge;
+};
+
+class Daemon {
+ public:
+   explicit Daemon(const DaemonOptions &options);
+   ~Daemon();
+   Daemon(const Daemon &) = delete;
+   Daemon &operator=(const Daemon &) = delete;
+
+   /* Sets up, runs the start-up scripts, switches until SIGINT, SIGTERM or
+    * the stop command, then stops cleanly.  The exit status. */
+   int Run();
+
+   /* One command line; its answer.  `where` names the line in errors. */
+   Json Execute(const std::string &line, const std::string &where);
+
+ private:
+   bool Setup(std::string *error);
+   bool RunScript(const std::string &path);
+   void Loop();
+   void Shutdown();
+   void Periodic();
+
+   /* Commands of the daemon itself, and the session's commands that touch
+    * attached ports.  False when the session is to run the command. */
+   bool DaemonCommand(const std::vector<vigilsim::Token> &tokens, Json &out);
+   void CmdAttach(const std::vector<vigilsim::Token> &tokens, Json &out);
+   void CmdDetach(const std::vector<vigilsim::Token> &tokens, Json &out);
+   void CmdSwitch(const std::vector<vigilsim::Token> &tokens, Json &out);
+
+   DaemonOptions options_;
+   std::unique_ptr<vigilsim::Session> session_;
+   int epollFd_ = -1;
+   int signalFd_ = -1;
+   std::unique_ptr<Bridge> bridge_;
+   ControlServer control_;
+   bool stopping_ = false;
+   double lastPeriodic_ = 0;
+   uint64_t commands_ = 0;
+};
+
+/* Blocks SIGINT, SIGTERM, SIGHUP (and ignores SIGPIPE) in the calling thread
+ * and so in every thread it starts later; signalfd receives them. */
+void BlockSignals();
+
+} // namespace vigild
+
+#endif /* VIGILD_DAEMON_H */

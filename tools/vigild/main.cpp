@@ -1,0 +1,82 @@
+/*
+ * vigild: runs the simulated host on the real clock with the Port Vigil
+ * module loaded, and switches frames between its ports and Linux
+ * interfaces.
+ *
+ *   vigild [--module PATH] [--script FILE ...] [--control PATH] [--verbose]
+ *          [--stop-on-error] [--budget N] [--ageing SECONDS] [--debug]
+ *
+ * Exit status: 0 after a clean stop, 1 when it could not start or a
+ * start-up script failed with --stop-on-error, 2 for a usage error.
+ */
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <fstream>
+
+#include "daemon.h"
+#include "log.h"
+
+namespace {
+
+std::string DefaultModulePath() {
+   char exe[4096];
+   ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+   if (n > 0) {
+      std::string dir(exe, static_cast<size_t>(n));
+      dir = dir.substr(0, dir.rfind('/') + 1);
+      if (access((dir + "vigil.so").c_str(), R_OK) == 0) return dir + "vigil.so";
+   }
+#ifdef VIGIL_DEFAULT_MODULE
+   return VIGIL_DEFAULT_MODULE;
+#else
+   return "vigil.so";
+#endif
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+   /* Before anything starts a thread: every thread inherits the mask, and
+    * only the switching thread takes the signals, through signalfd. */
+   vigild::BlockSignals();
+
+   CLI::App app{"Switches frames between Linux interfaces through the Port Vigil module "
+                "in the simulated host."};
+   vigild::DaemonOptions options;
+   std::string modulePath;
+   bool debug = false;
+   double ageing = 300;
+   size_t budget = 4;
+   app.add_option("--module", modulePath, "the module to load (default: vigil.so of this build)");
+   app.add_option("--script", options.scripts, "start-up script, run before switching")
+       ->allow_extra_args(false);
+   app.add_option("--control", options.controlPath, "Unix socket for commands");
+   app.add_flag("--verbose", options.verbose, "copy every log line of the host to standard error");
+   app.add_flag("--stop-on-error", options.stopOnError,
+                "stop when a command of a start-up script fails");
+   app.add_option("--budget", budget, "batches of 32 frames per port per wake-up (default 4)")
+       ->check(CLI::Range(1, 1024));
+   app.add_option("--ageing", ageing, "seconds before a learnt address is forgotten (default 300)")
+       ->check(CLI::PositiveNumber);
+   app.add_flag("--debug", debug, "log the daemon's debug lines");
+   try {
+      app.parse(argc, argv);
+   } catch (const CLI::ParseError &e) {
+      int rc = app.exit(e);
+      return rc == 0 ? 0 : 2;
+   }
+   for (const std::string &script : options.scripts) {
+      if (!std::ifstream(script)) {
+         std::fprintf(stderr, "vigild: cannot read script %s\n", script.c_str());
+         return 2;
+      }
+   }
+   if (debug) vigild::SetLogLevel(vigild::Level::Debug);
+   options.modulePath = modulePath.empty() ? DefaultModulePath() : modulePath;
+   options.bridge.budget = budget;
+   options.bridge.ageingSeconds = ageing;
+   vigild::Daemon daemon(options);
+   return daemon.Run();
+}
