@@ -1,0 +1,309 @@
+"""Network lab for vigild: network namespaces joined through vigild by veth
+pairs, real programs in them, and vigilctl to look inside the switch.
+
+Every Lab makes its own namespaces (named after the process and a counter),
+and removes everything it made when it is closed: the programs it started,
+vigild, the namespaces and with them the veth pairs.  Addresses come from
+192.0.2.0/24 and 198.51.100.0/24 only, and every wait is bounded.
+"""
+import itertools
+import json
+import os
+import signal
+import subprocess
+import sys
+import time
+
+VIGILD = os.environ.get("VIGILD", "vigild")
+VIGILCTL = os.environ.get("VIGILCTL", "vigilctl")
+# The interpreter that runs the lab (with scapy) runs its scripts too.
+PYTHON = sys.executable
+
+_counter = itertools.count()
+
+
+class LabError(AssertionError):
+    pass
+
+
+def wait_for(predicate, timeout, interval=0.2, what="condition"):
+    """Calls predicate until it answers something true; that answer.  Fails
+    after `timeout` seconds."""
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() >= deadline:
+            raise LabError(f"timed out after {timeout} s waiting for {what}")
+        time.sleep(interval)
+
+
+class VM:
+    """A namespace behind one switch port: eth0 inside, `port_if` on the
+    switch's side."""
+
+    def __init__(self, lab, name, ns, mac, port_if):
+        self.lab = lab
+        self.name = name
+        self.ns = ns
+        self.mac = mac
+        self.port_if = port_if
+        self.ifname = "eth0"
+        self.ip = None
+
+    def run(self, *cmd, **kw):
+        return self.lab.run(self.ns, *cmd, **kw)
+
+    def spawn(self, *cmd, **kw):
+        return self.lab.spawn(self.ns, *cmd, **kw)
+
+    def python(self, script, *args, timeout=30, check=True):
+        return self.run(PYTHON, "-c", script, *map(str, args), timeout=timeout, check=check)
+
+    def spawn_python(self, script, *args, name="python"):
+        return self.spawn(PYTHON, "-c", script, *map(str, args), name=name)
+
+    def add_ip(self, cidr):
+        self.run("ip", "addr", "add", cidr, "dev", self.ifname)
+        if self.ip is None:
+            self.ip = cidr.split("/")[0]
+
+    def ping(self, dst, count=3, src=None, timeout=10, check=True):
+        if check:
+            # An address that failed to resolve before stays failed for a
+            # while: start from an empty neighbour table.
+            self.run("ip", "neigh", "flush", "dev", self.ifname, check=False)
+        cmd = ["ping", "-n", "-q", "-c", str(count), "-i", "0.2", "-W", "1"]
+        if src:
+            cmd += ["-I", src]
+        r = self.run(*cmd, dst, timeout=timeout, check=False)
+        if check and r.returncode != 0:
+            raise LabError(f"{self.name}: ping {dst} failed:\n{r.stdout}{r.stderr}")
+        return r.returncode == 0
+
+
+class Lab:
+    def __init__(self, workdir):
+        self.workdir = str(workdir)
+        self.prefix = f"vl{os.getpid() % 100000}-{next(_counter)}"
+        self.namespaces = []
+        self.procs = []  # (name, Popen, log path)
+        self.vigild = None
+        self.control = os.path.join(self.workdir, "vigild.sock")
+        self.messages_seen = []
+        self.sw = self.netns("sw")
+
+    # ------------------------------------------------------------ basics
+    def netns(self, name, ipv6=False):
+        ns = f"{self.prefix}-{name}"
+        subprocess.run(["ip", "netns", "add", ns], check=True, timeout=10)
+        self.namespaces.append(ns)
+        self.run(ns, "ip", "link", "set", "lo", "up")
+        if not ipv6:
+            for key in ("all", "default"):
+                self.run(ns, "sysctl", "-qw", f"net.ipv6.conf.{key}.disable_ipv6=1")
+        return ns
+
+    def run(self, ns, *cmd, timeout=15, check=True, input=None):
+        full = ["ip", "netns", "exec", ns, *cmd] if ns else list(cmd)
+        r = subprocess.run(full, capture_output=True, text=True, timeout=timeout,
+                           input=input)
+        if check and r.returncode != 0:
+            raise LabError(f"{' '.join(full)} failed ({r.returncode}):\n{r.stdout}{r.stderr}")
+        return r
+
+    def spawn(self, ns, *cmd, name=None):
+        name = name or os.path.basename(cmd[0])
+        log = os.path.join(self.workdir, f"{name}-{len(self.procs)}.log")
+        full = ["ip", "netns", "exec", ns, *cmd] if ns else list(cmd)
+        with open(log, "w") as out:
+            p = subprocess.Popen(full, stdout=out, stderr=subprocess.STDOUT,
+                                 start_new_session=True)
+        self.procs.append((name, p, log))
+        return p, log
+
+    def stop(self, proc, sig=signal.SIGTERM, timeout=5):
+        if proc.poll() is not None:
+            return proc.returncode
+        try:
+            os.killpg(proc.pid, sig)
+        except ProcessLookupError:
+            pass
+        try:
+            return proc.wait(timeout=timeout)
+        except subprocess.TimeoutExpired:
+            os.killpg(proc.pid, signal.SIGKILL)
+            return proc.wait(timeout=5)
+
+    def vm(self, name, mac, ip=None, offload=False):
+        """A namespace with eth0 (MAC `mac`) whose peer `p-NAME` is in the
+        switch namespace.  Segmentation offload is off on eth0 (a switch
+        port carries frames of the link's size); checksums stay offloaded
+        unless `offload` is false... kept as the kernel sets them."""
+        ns = self.netns(name)
+        port_if = f"p-{name}"
+        self.run(None, "ip", "link", "add", "eth0", "netns", ns, "address", mac, "type", "veth",
+                 "peer", "name", port_if, "netns", self.sw)
+        self.run(ns, "ethtool", "-K", "eth0", "tso", "off", "gso", "off", check=False)
+        self.run(ns, "ip", "link", "set", "eth0", "up")
+        self.run(self.sw, "ip", "link", "set", port_if, "up")
+        vm = VM(self, name, ns, mac, port_if)
+        if ip:
+            vm.add_ip(ip)
+        return vm
+
+    # ------------------------------------------------------------ vigild
+    def start_vigild(self, script, extra=()):
+        path = os.path.join(self.workdir, "start.vsim")
+        with open(path, "w") as f:
+            f.write(script)
+        self.vigild, self.vigild_log = self.spawn(
+            self.sw, VIGILD, "--script", path, "--control", self.control, *extra, name="vigild")
+        wait_for(lambda: self.vigild.poll() is not None or self.ctl_raw("uptime")[0] == 0,
+                 timeout=20, what="vigild's control socket")
+        if self.vigild.poll() is not None:
+            raise LabError(f"vigild ended at start-up:\n{self.read(self.vigild_log)}")
+        return self.vigild
+
+    def stop_vigild(self, timeout=15):
+        """SIGTERM; the exit status and the log."""
+        rc = self.stop(self.vigild, signal.SIGTERM, timeout=timeout)
+        log = self.read(self.vigild_log)
+        self.vigild = None
+        return rc, log
+
+    def ctl_raw(self, *words, text=False, timeout=30):
+        cmd = [VIGILCTL, "--control", self.control, "--timeout", str(timeout)]
+        if text:
+            cmd.append("--text")
+        r = subprocess.run(cmd + [str(w) for w in words], capture_output=True, text=True,
+                           timeout=timeout + 5)
+        return r.returncode, r.stdout, r.stderr
+
+    def ctl(self, *words, ok=True):
+        rc, out, err = self.ctl_raw(*words)
+        if rc == 2 or not out.strip():
+            raise LabError(f"vigilctl {' '.join(map(str, words))}: no answer ({rc}): {err}")
+        answer = json.loads(out)
+        if ok and not answer.get("ok"):
+            raise LabError(f"vigilctl {' '.join(map(str, words))}: {answer}")
+        return answer
+
+    def state(self, port):
+        return self.ctl("state", port)["filter"]
+
+    def stats(self, port):
+        return self.state(port)["stats"]
+
+    def bindings(self, port):
+        return self.state(port)["vmiList"]
+
+    def messages(self):
+        """Portset messages delivered since the last call (also kept in
+        messages_seen)."""
+        new = self.ctl("messages")["messages"]
+        self.messages_seen.extend(new)
+        return new
+
+    def switch_port(self, port):
+        for p in self.ctl("switch")["ports"]:
+            if p["portID"] == port:
+                return p
+        raise LabError(f"port {port:#x} is not attached")
+
+    # ---------------------------------------------------------- programs
+    def dnsmasq(self, vm, first, last, lease="2m", router=None, name="dnsmasq"):
+        leases = os.path.join(self.workdir, f"{name}.leases")
+        cmd = ["dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=0",
+               f"--interface={vm.ifname}", "--bind-interfaces", "--dhcp-authoritative",
+               "--no-ping", "--pid-file=", "--user=root", "--group=root",
+               f"--dhcp-range={first},{last},255.255.255.0,{lease}",
+               f"--dhcp-leasefile={leases}", "--log-dhcp"]
+        if router:
+            cmd.append(f"--dhcp-option=option:router,{router}")
+        proc, log = vm.spawn(*cmd, name=name)
+        wait_for(lambda: proc.poll() is not None or "DHCP, IP range" in self.read(log),
+                 timeout=10, what=f"{name} to start")
+        if proc.poll() is not None:
+            raise LabError(f"{name} ended:\n{self.read(log)}")
+        return proc
+
+    def _dhclient_files(self, vm):
+        base = os.path.join(self.workdir, f"dhclient-{vm.name}")
+        conf, script = base + ".conf", base + ".sh"
+        with open(conf, "w") as f:
+            f.write("send dhcp-client-identifier = hardware;\n"
+                    f"send host-name = \"{vm.name}\";\n"
+                    "request subnet-mask, broadcast-address, routers;\n"
+                    "timeout 10;\nretry 1;\ninitial-interval 1;\n")
+        with open(script, "w") as f:
+            f.write("#!/bin/sh\n"
+                    "case \"$reason\" in\n"
+                    "BOUND|RENEW|REBIND|REBOOT)\n"
+                    "  if [ \"$old_ip_address\" != \"$new_ip_address\" ]; then\n"
+                    "    ip -4 addr flush dev \"$interface\" scope global\n"
+                    "    ip addr add \"$new_ip_address/$new_subnet_mask\" dev \"$interface\"\n"
+                    "  fi ;;\n"
+                    "EXPIRE|FAIL|RELEASE|STOP)\n"
+                    "  ip -4 addr flush dev \"$interface\" scope global ;;\n"
+                    "esac\nexit 0\n")
+        os.chmod(script, 0o755)
+        return conf, base + ".leases", base + ".pid", script
+
+    def dhclient(self, vm, timeout=20, expect=True):
+        """Runs dhclient on the VM until it is bound (its address), or, with
+        expect=False, until it gives up (None)."""
+        conf, leases, pid, script = self._dhclient_files(vm)
+        proc, log = vm.spawn("dhclient", "-d", "-1", "-v", "-cf", conf, "-lf", leases, "-pf",
+                             pid, "-sf", script, vm.ifname, name=f"dhclient-{vm.name}")
+        vm.dhclient = proc
+
+        def bound():
+            text = self.read(log)
+            for line in text.splitlines():
+                if line.startswith("bound to "):
+                    return line.split()[2]
+            return "gave up" if proc.poll() is not None else None
+
+        result = wait_for(bound, timeout=timeout, what=f"dhclient on {vm.name}")
+        if result == "gave up":
+            if expect:
+                raise LabError(f"dhclient on {vm.name} got no lease:\n{self.read(log)}")
+            return None
+        if not expect:
+            raise LabError(f"dhclient on {vm.name} got a lease {result}:\n{self.read(log)}")
+        vm.ip = result
+        return result
+
+    def dhclient_release(self, vm, timeout=15):
+        conf, leases, pid, script = self._dhclient_files(vm)
+        if getattr(vm, "dhclient", None) is not None:
+            self.stop(vm.dhclient)
+            vm.dhclient = None
+        vm.run("dhclient", "-r", "-v", "-cf", conf, "-lf", leases, "-pf", pid, "-sf", script,
+               vm.ifname, timeout=timeout)
+
+    # ------------------------------------------------------------ helpers
+    @staticmethod
+    def read(path):
+        try:
+            with open(path, errors="replace") as f:
+                return f.read()
+        except FileNotFoundError:
+            return ""
+
+    def close(self):
+        errors = []
+        if self.vigild is not None:
+            rc, log = self.stop_vigild()
+            if rc != 0:
+                errors.append(f"vigild exited with {rc}:\n{log[-3000:]}")
+        for name, proc, _ in reversed(self.procs):
+            if proc.poll() is None:
+                self.stop(proc, timeout=3)
+        for ns in reversed(self.namespaces):
+            subprocess.run(["ip", "netns", "del", ns], capture_output=True, timeout=10)
+        self.namespaces = []
+        if errors:
+            raise LabError("\n".join(errors))

@@ -1,0 +1,267 @@
+"""vigild as a switch: frames between veth ports through the module, the
+learning table, VLANs, a clean stop, interfaces that go away and come back,
+and a control socket that survives what clients send."""
+import os
+import re
+import socket
+import time
+
+from lab import LabError, wait_for
+
+TWO_PORTS = """
+load
+portset add vs0
+port add vs0 0x20
+port add vs0 0x30
+prop write 0x20 enabled text:true
+prop write 0x30 enabled text:true
+port attach 0x20 p-a
+port attach 0x30 p-b
+"""
+
+# A TCP transfer: the server in one namespace counts what it receives and
+# answers the count; the client sends `size` bytes.
+TCP_SERVER = """
+import socket, sys
+s = socket.socket(); s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+s.bind((sys.argv[1], 5001)); s.listen(1); s.settimeout(20)
+c, _ = s.accept(); c.settimeout(20); n = 0
+while True:
+    d = c.recv(65536)
+    if not d: break
+    n += len(d)
+c.sendall(str(n).encode()); c.close()
+"""
+TCP_CLIENT = """
+import socket, sys, time
+size, chunk = int(sys.argv[2]), bytes(range(256)) * 256
+pause = float(sys.argv[3]) if len(sys.argv) > 3 else 0
+c = socket.create_connection((sys.argv[1], 5001), timeout=10); sent = 0
+while sent < size:
+    n = c.send(chunk[:min(len(chunk), size - sent)]); sent += n
+    if pause: time.sleep(pause)
+c.shutdown(socket.SHUT_WR)
+print(c.recv(100).decode())
+"""
+
+
+def tcp_transfer(lab, server_vm, client_vm, size, pause=0.0, timeout=30):
+    server, log = server_vm.spawn_python(TCP_SERVER, server_vm.ip, name="tcp-server")
+    time.sleep(0.3)
+    r = client_vm.python(TCP_CLIENT, server_vm.ip, size, pause, timeout=timeout, check=False)
+    server.wait(timeout=10)
+    assert r.returncode == 0, f"TCP client failed: {r.stdout}{r.stderr}\n{lab.read(log)}"
+    assert r.stdout.strip() == str(size), f"server got {r.stdout.strip()} of {size} bytes"
+
+
+def test_two_ports_ping_tcp_and_clean_stop(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    lab.start_vigild(TWO_PORTS)
+    a.ping(b.ip)
+    b.ping(a.ip)
+    tcp_transfer(lab, b, a, 2_000_000)
+    tcp_transfer(lab, a, b, 500_000)
+
+    sw = lab.ctl("switch")
+    ports = {p["portID"]: p for p in sw["ports"]}
+    assert ports[0x20]["up"] and ports[0x30]["up"]
+    assert ports[0x20]["rxFrames"] > 1000 and ports[0x30]["txFrames"] > 1000
+    assert ports[0x20]["rxOversize"] == 0 and ports[0x30]["rxOversize"] == 0
+    fdb = {(e["mac"], e["vlan"]): e["portID"] for e in sw["fdb"]}
+    assert fdb[("02:00:00:00:00:0a", 0)] == 0x20
+    assert fdb[("02:00:00:00:00:0b", 0)] == 0x30
+    # Both filters saw the traffic and their tables hold.
+    assert lab.state(0x20)["chains"] == {"input": True, "output": True}
+    assert lab.ctl("check")["violations"] == []
+
+    rc, log = lab.stop_vigild()
+    assert rc == 0, log
+    assert "port 0x20: detached from p-a" in log
+    assert "port 0x30: detached from p-b" in log
+    assert re.search(r"module unloaded: leaks=0 leakBytes=0 framesLive=0 heapsLive=0 "
+                     r"callbacksLeft=0", log), log
+    assert not os.path.exists(lab.control)
+
+
+# The trunk's VM speaks 802.1Q itself: it asks, tagged, who has an address,
+# and prints the VLAN and sender of the tagged answer ("none" without one).
+TAGGED_ARP = """
+import sys
+from scapy.all import ARP, Dot1Q, Ether, conf, srp1
+conf.verb = 0
+mac, vlan, src, dst = sys.argv[1], int(sys.argv[2]), sys.argv[3], sys.argv[4]
+ask = Ether(src=mac, dst="ff:ff:ff:ff:ff:ff") / Dot1Q(vlan=vlan) / ARP(
+    op=1, hwsrc=mac, psrc=src, pdst=dst)
+ans = srp1(ask, iface="eth0", timeout=2)
+print(f"{ans[Dot1Q].vlan} {ans[ARP].psrc}" if ans is not None and Dot1Q in ans else "none")
+"""
+
+
+def tagged_arp(vm, vlan, src, dst):
+    r = vm.python(TAGGED_ARP, vm.mac, vlan, src, dst, timeout=20)
+    return r.stdout.strip()
+
+
+def test_access_and_trunk_vlans(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    c = lab.vm("c", "02:00:00:00:00:0c", ip="192.0.2.12/24")
+    t = lab.vm("t", "02:00:00:00:00:0e")
+    lab.start_vigild("""
+load
+portset add vs0
+port add vs0 0x20
+port add vs0 0x40
+port add vs0 0x50
+prop write 0x20 enabled text:true
+prop write 0x40 enabled text:true
+discovery 0x20 arp=1
+port attach 0x20 p-a vlan=100
+port attach 0x40 p-c vlan=200
+port attach 0x50 p-t
+""")
+    # Tagged frames of the trunk reach the access port of their VLAN
+    # untagged, and the answers come back tagged.
+    assert tagged_arp(t, 100, "192.0.2.14", "192.0.2.10") == "100 192.0.2.10"
+    assert tagged_arp(t, 200, "192.0.2.14", "192.0.2.12") == "200 192.0.2.12"
+    # Nothing crosses from one VLAN to the other.
+    assert tagged_arp(t, 100, "192.0.2.14", "192.0.2.12") == "none"
+    assert not c.ping("192.0.2.10", count=2, check=False)
+    fdb = {(e["mac"], e["vlan"]): e["portID"] for e in lab.ctl("switch")["fdb"]}
+    assert fdb[("02:00:00:00:00:0a", 100)] == 0x20
+    assert fdb[("02:00:00:00:00:0e", 100)] == 0x50
+    assert fdb[("02:00:00:00:00:0c", 200)] == 0x40
+    # The filter of the access port sees its frames on VLAN 100: its ARP
+    # binding is on that VLAN.
+    binding = wait_for(lambda: lab.bindings(0x20), timeout=5, what="an ARP binding")
+    assert binding[0]["vlanId"] == 100 and binding[0]["ip"] == "192.0.2.10"
+    assert binding[0]["discMethod"] == 2
+    # A tagged frame on an access port is dropped.
+    r = a.python(TAGGED_ARP, a.mac, 100, "192.0.2.10", "192.0.2.14", timeout=20)
+    assert r.stdout.strip() == "none"
+    assert lab.switch_port(0x20)["rxVlanDropped"] >= 1
+
+
+def test_interface_goes_away_and_comes_back(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    lab.start_vigild(TWO_PORTS)
+    a.ping(b.ip)
+    # The switch end of B's veth goes; the pair goes with it.
+    lab.run(lab.sw, "ip", "link", "del", "p-b")
+    wait_for(lambda: not lab.switch_port(0x30)["up"], timeout=5, what="port 0x30 down")
+    assert not a.ping(b.ip, count=1, check=False)
+    assert "port 0x30: down" in lab.read(lab.vigild_log)
+    # vigild still answers and still switches for the others.
+    assert lab.ctl("uptime")["ok"]
+    # A new pair under the same names.
+    lab.run(None, "ip", "link", "add", "eth0", "netns", b.ns, "address", b.mac, "type", "veth",
+            "peer", "name", "p-b", "netns", lab.sw)
+    b.run("ip", "addr", "add", "192.0.2.11/24", "dev", "eth0")
+    b.run("ip", "link", "set", "eth0", "up")
+    lab.run(lab.sw, "ip", "link", "set", "p-b", "up")
+    wait_for(lambda: lab.switch_port(0x30)["up"], timeout=5, what="port 0x30 back up")
+    assert lab.switch_port(0x30)["linkDowns"] == 1
+    a.ping(b.ip)
+    assert re.search(r"port 0x30: p-b is back", lab.read(lab.vigild_log))
+    # Administratively down and up again.
+    lab.run(lab.sw, "ip", "link", "set", "p-b", "down")
+    wait_for(lambda: not lab.switch_port(0x30)["up"], timeout=5, what="port 0x30 down")
+    lab.run(lab.sw, "ip", "link", "set", "p-b", "up")
+    wait_for(lambda: lab.switch_port(0x30)["up"], timeout=5, what="port 0x30 up")
+    a.ping(b.ip)
+
+
+def test_attach_detach_and_errors(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    lab.start_vigild("load\nportset add vs0\nport add vs0 0x20\nport add vs0 0x30\n")
+    assert not a.ping(b.ip, count=1, check=False)
+    assert lab.ctl("port", "attach", "0x20", "p-a")["up"]
+    assert lab.ctl("port", "attach", "0x30", "p-b", "vlan=7")["vlan"] == 7
+    # A trunk's untagged frames are on VLAN 0, B's on its access VLAN 7.
+    assert not a.ping(b.ip, count=1, check=False)
+    err = lab.ctl("port", "attach", "0x20", "p-b", ok=False)
+    assert not err["ok"] and "attached" in err["error"]
+    err = lab.ctl("port", "attach", "0x99", "p-b", ok=False)
+    assert "unknown port 0x99" in err["error"]
+    err = lab.ctl("port", "detach", "0x99", ok=False)
+    assert "not attached" in err["error"]
+    # A missing interface: attached and down until it comes.
+    waiting = lab.ctl("port", "add", "vs0", "0x60")
+    waiting = lab.ctl("port", "attach", "0x60", "p-later")
+    assert waiting["up"] is False and "no interface" in waiting["downReason"]
+    assert lab.ctl("port", "detach", "0x30")["ifname"] == "p-b"
+    lab.ctl("port", "attach", "0x30", "p-b")
+    a.ping(b.ip)
+    lab.ctl("port", "remove", "0x30")
+    assert all(p["portID"] != 0x30 for p in lab.ctl("switch")["ports"])
+    assert not a.ping(b.ip, count=1, check=False)
+
+
+def _raw_control(path, data, read=True, timeout=5):
+    s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    s.settimeout(timeout)
+    s.connect(path)
+    try:
+        s.sendall(data)
+        s.shutdown(socket.SHUT_WR)
+        out = b""
+        while read:
+            chunk = s.recv(65536)
+            if not chunk:
+                break
+            out += chunk
+        return out
+    finally:
+        s.close()
+
+
+def test_control_socket_survives_garbage(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    lab.start_vigild(TWO_PORTS)
+    path = lab.control
+    # Binary noise, invalid UTF-8, bad quoting: one error answer per line.
+    out = _raw_control(path, b"\xff\xfe\x00\x01garbage\n\"unterminated\nstate 0x20 \xc3\x28\n"
+                             b"portset\n\n# comment\nuptime\n")
+    answers = out.decode("utf-8", "replace").splitlines()
+    assert len(answers) == 5, answers
+    assert [a_.startswith('{"cmd"') for a_ in answers] == [True] * 5
+    assert '"ok":true' in answers[-1]
+    # A line without an end, longer than any command: the client is cut off.
+    out = _raw_control(path, b"x" * (300 * 1024))
+    assert b"line longer than" in out
+    # Many clients at once, some that never read.
+    idle = []
+    for _ in range(80):
+        s = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        s.connect(path)
+        idle.append(s)
+    for s in idle:
+        s.close()
+    wait_for(lambda: lab.ctl_raw("uptime")[0] == 0, timeout=5,
+             what="the control socket to take clients again")
+    # A client that sends many commands in one go gets every answer.
+    out = _raw_control(path, b"uptime\n" * 200, timeout=20)
+    assert out.count(b'"cmd":"uptime","ok":true') == 200
+    # The daemon still answers and switches.
+    assert lab.ctl("uptime")["ok"]
+    a.ping(b.ip, count=2)
+    rc, log = lab.stop_vigild()
+    assert rc == 0, log
+
+
+def test_vigilctl_quoting_and_text(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    lab.start_vigild("load\nportset add vs0\nport add vs0 0x20\nport attach 0x20 p-a\n"
+                     "prop write 0x20 enabled text:true\n")
+    answer = lab.ctl("security", "0x20", "features=0x40", "port=ip=192.0.2.10/32")
+    assert answer["status"] == 0
+    assert lab.state(0x20)["portWhiteList"][0]["ip"] == "192.0.2.10"
+    answer = lab.ctl("echo", "two words", 'a"quote', "back\\slash")
+    assert answer["text"] == 'two words a"quote back\\slash'
+    rc, out, _ = lab.ctl_raw("state", "0x20", text=True)
+    assert rc == 0 and "portWhiteList" in out or "192.0.2.10" in out
+    rc, out, _ = lab.ctl_raw("state", "0x99")
+    assert rc == 1 and '"ok":false' in out
