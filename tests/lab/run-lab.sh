@@ -30,6 +30,6 @@ for prog in dnsmasq dhclient ping ethtool; do
    command -v "$prog" >/dev/null 2>&1 || skip "$prog is missing (scripts/install-deps.sh installs it as root)"
 done
 
-export VIGILD VIGILCTL
+export VIGILD VIGILCTL PYTHONDONTWRITEBYTECODE=1
 cd "$here" || exit 1
 exec "$PYTHON" -m pytest -q -p no:cacheprovider "$@" .
