@@ -166,9 +166,9 @@ class Lab:
             raise LabError(f"vigild ended at start-up:\n{self.read(self.vigild_log)}")
         return self.vigild
 
-    def stop_vigild(self, timeout=15):
-        """SIGTERM; the exit status and the log."""
-        rc = self.stop(self.vigild, signal.SIGTERM, timeout=timeout)
+    def stop_vigild(self, sig=signal.SIGTERM, timeout=15):
+        """Stops vigild with `sig`; the exit status and the log."""
+        rc = self.stop(self.vigild, sig, timeout=timeout)
         log = self.read(self.vigild_log)
         self.vigild = None
         return rc, log

@@ -3,6 +3,7 @@ learning table, VLANs, a clean stop, interfaces that go away and come back,
 and a control socket that survives what clients send."""
 import os
 import re
+import signal
 import socket
 import time
 
@@ -248,8 +249,10 @@ def test_control_socket_survives_garbage(lab):
     # The daemon still answers and switches.
     assert lab.ctl("uptime")["ok"]
     a.ping(b.ip, count=2)
-    rc, log = lab.stop_vigild()
+    rc, log = lab.stop_vigild(signal.SIGINT)
     assert rc == 0, log
+    assert "signal Interrupt: stopping" in log
+    assert "module unloaded: leaks=0" in log
 
 
 def test_vigilctl_quoting_and_text(lab):
@@ -265,3 +268,44 @@ def test_vigilctl_quoting_and_text(lab):
     assert rc == 0 and "portWhiteList" in out or "192.0.2.10" in out
     rc, out, _ = lab.ctl_raw("state", "0x99")
     assert rc == 1 and '"ok":false' in out
+
+
+# A flood of unicast frames to one learnt address, as fast as a packet socket
+# goes, for at most `seconds`.
+UNICAST_FLOOD = """
+import socket, sys, time
+src, dst, seconds = sys.argv[1], sys.argv[2], float(sys.argv[3])
+mac = lambda m: bytes(int(x, 16) for x in m.split(":"))
+frame = mac(dst) + mac(src) + b"\\x88\\xb5" + bytes(46)
+s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+s.bind(("eth0", 0))
+start = time.monotonic(); sent = 0
+while time.monotonic() - start < seconds:
+    for _ in range(64):
+        try:
+            s.send(frame); sent += 1
+        except BlockingIOError:
+            break
+print(sent)
+"""
+
+
+def test_a_flood_on_one_port_starves_no_other(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    c = lab.vm("c", "02:00:00:00:00:0c", ip="192.0.2.12/24")
+    lab.start_vigild(TWO_PORTS + "port add vs0 0x40\nport attach 0x40 p-c\n"
+                     "prop write 0x40 enabled text:true\n", extra=("--budget", "2"))
+    a.ping(c.ip)
+    b.ping(c.ip)  # C is learnt: B's flood goes to C alone
+    flood, log = b.spawn_python(UNICAST_FLOOD, b.mac, c.mac, 4, name="flood")
+    time.sleep(0.5)
+    r = a.run("ping", "-n", "-q", "-c", "10", "-i", "0.2", "-W", "1", c.ip, timeout=20,
+              check=False)
+    flood.wait(timeout=15)
+    sent = int(lab.read(log).split()[0])
+    port_b = lab.switch_port(0x30)
+    assert sent > 20000 and port_b["rxFrames"] > 10000, (sent, port_b)
+    received = int(r.stdout.split(" received")[0].split()[-1])
+    assert received >= 9, r.stdout
+    assert lab.switch_port(0x20)["rxFrames"] >= 10
