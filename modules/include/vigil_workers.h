@@ -23,6 +23,10 @@ zek_Status VigilAgingWorldDestroy(void);
 void VigilAgingWorld(void *data);
 /* Takes a filter that is going away out of the aging queue. */
 void VigilRemoveFilterAging(VigilFilter *filter);
+/* Waits until the aging world holds no pointer to the filter of the port.
+ * Called by filter destruction once the port's data slot no longer leads
+ * to the filter, before anything of the filter is freed. */
+void VigilAgingWorldQuiesce(u32 portID);
 
 /* One task of the control-plane world, sized for its payload. */
 struct VigilCpTask {

@@ -164,7 +164,9 @@ extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID) {
       VIGIL_LOG_INFO("Freeing non empty v6 hash for port: %#x, cnt: %lu", portID,
                      (unsigned long)((OxaHashCommon *)filter->v6VmiHash)->count);
    }
-   /* Nothing reaches the filter through its port any more. */
+   /* Nothing reaches the filter through its port any more; the aging world
+    * may still hold the pointer it read before, until it lets go. */
+   VigilAgingWorldQuiesce(portID);
    filter->configWriteHeld = 1;
    VigilReleaseFilterConfig(filter);
    filter->configWriteHeld = 0;

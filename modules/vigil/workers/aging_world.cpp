@@ -20,6 +20,12 @@ zek_SpinlockHandle filterAgingQLock = VIGIL_NO_LOCK;
 u32 agingWorldID = 0;
 u8 exitAgingWorld = 0;
 
+/* The port whose filter the world has taken from the queue and not yet let
+ * go of, 0 when none; under filterAgingQLock.  A filter that is being
+ * destroyed waits until the world is no longer on its port (see
+ * VigilAgingWorldQuiesce), so that the world never holds a freed filter. */
+static u32 agingWorldBusyPort = 0;
+
 /* The event on which the world sleeps. */
 static void *VigilAgingWorldEvent(void) {
    return &agingWorldID;
@@ -81,6 +87,13 @@ void VigilUpdateFilterAging(VigilFilter *filter) {
    zek_WorldWakeup(VigilAgingWorldEvent());
 }
 
+/* The world no longer holds the filter of agingWorldBusyPort. */
+static void VigilAgingWorldLetGo(void) {
+   zek_SpinlockLock(filterAgingQLock);
+   agingWorldBusyPort = 0;
+   zek_SpinlockUnlock(filterAgingQLock);
+}
+
 /* Ages the filter at the head of the queue if it is due.  Returns the time
  * to wait before the next look, or 0 to look again at once. */
 static u32 VigilAgeFirstFilter(void) {
@@ -100,6 +113,7 @@ static u32 VigilAgeFirstFilter(void) {
    }
    /* The element is the filter's agingPortID word. */
    u32 portID = *(u32 *)elem;
+   agingWorldBusyPort = portID;
    zek_SpinlockUnlock(filterAgingQLock);
    if (portID == 0) {
       return ZEK_TIMEOUT_NONE;
@@ -108,6 +122,7 @@ static u32 VigilAgeFirstFilter(void) {
    zek_PortsetHandle portset;
    VigilFilter *filter = Vigil_LockPsPortAndFilter(portID, true, &portset);
    if (filter == nullptr) {
+      VigilAgingWorldLetGo();
       VIGIL_LOG_INFO("Error locking PS and Filter or is being destroyed: %#x", portID);
       return VIGIL_AGING_BUSY_PORT_WAIT_MS;
    }
@@ -124,6 +139,7 @@ static u32 VigilAgeFirstFilter(void) {
       VigilPortDbV6DoAging(filter, now.sec);
    }
    Vigil_UnlockPsPortFilter(filter, true, portset);
+   VigilAgingWorldLetGo();
    return waitMs;
 }
 
@@ -205,4 +221,19 @@ void VigilRemoveFilterAging(VigilFilter *filter) {
       filter->agingKey = VIGIL_AGING_KEY_NONE;
    }
    zek_SpinlockUnlock(filterAgingQLock);
+}
+
+void VigilAgingWorldQuiesce(u32 portID) {
+   if (filterAgingQLock == VIGIL_NO_LOCK || portID == 0) {
+      return;
+   }
+   for (;;) {
+      zek_SpinlockLock(filterAgingQLock);
+      bool busy = agingWorldBusyPort == portID;
+      zek_SpinlockUnlock(filterAgingQLock);
+      if (!busy) {
+         return;
+      }
+      zek_WorldYield();
+   }
 }
