@@ -24,9 +24,9 @@
 #   3. Hexadecimal numbers of 9 to 16 digits -> 0xPTR: pointers that log
 #      texts print with %p (filter records, frame bytes).  Port ids, flag
 #      words and statuses have at most 8 digits and stay as they are.
-#   4. Log records of the two worlds' own loops with the texts "Task queue
-#      empty", "CPWorld is Started" and "Aging World is Started" are
-#      dropped.  The worlds are threads of their own; how often the
+#   4. The level 1 records of the two worlds' own loops, whose texts are
+#      exactly "Task queue empty", "CPWorld is Started" and "Aging World is
+#      Started", are dropped from "logs".  The worlds are threads of their own; how often the
 #      control-plane world finds its queue empty, and where those lines fall
 #      among the data path's lines, depends on the scheduling of the run.
 #      Every other line of the worlds, and the portset messages they deliver
@@ -60,7 +60,7 @@ rc=$?
 
 # One record of a log line: {"level":..,"log":..,"func":F,"lineNo":0,"text":T,"raw":R}
 str='"([^"\\]|\\.)*"'
-world_chatter="\\{\"level\":1,\"log\":\"vigil\",\"func\":\"Vigil(CPWorld|AgingWorld)\",\"lineNo\":0,\"text\":\"(Task queue empty|CPWorld is Started|Aging World is Started)\",\"raw\":$str\\}"
+world_chatter="\\{\"level\":1,\"log\":\"vigil\",\"func\":$str,\"lineNo\":0,\"text\":\"(Task queue empty|CPWorld is Started|Aging World is Started)\",\"raw\":$str\\}"
 
 sed -E \
    -e 's/^(\{"cmd":"load",.*"module":)"([^"\\]|\\.)*"/\1"vigil.so"/' \
