@@ -7,7 +7,7 @@ import signal
 import socket
 import time
 
-from lab import LabError, wait_for
+from lab import VIGILD, LabError, wait_for
 
 TWO_PORTS = """
 load
@@ -309,3 +309,31 @@ def test_a_flood_on_one_port_starves_no_other(lab):
     received = int(r.stdout.split(" received")[0].split()[-1])
     assert received >= 8, r.stdout
     assert lab.switch_port(0x20)["rxFrames"] >= 10
+
+
+def test_start_up_failures_and_signals(lab):
+    bad = f"{lab.workdir}/bad.vsim"
+    with open(bad, "w") as f:
+        f.write("load\nportset add vs0\nport add vs0 0x20\nport attach 0x20 p-x vlan=5000\n"
+                "echo never\n")
+    r = lab.run(lab.sw, VIGILD, "--script", bad, "--stop-on-error", check=False, timeout=30)
+    assert r.returncode == 1, r.stdout + r.stderr
+    assert "bad.vsim:4" in r.stderr and "start-up script" in r.stderr
+    assert "module unloaded: leaks=0" in r.stderr
+    assert '"text":"never"' not in r.stdout
+    r = lab.run(lab.sw, VIGILD, "--no-such-option", check=False)
+    assert r.returncode == 2
+    r = lab.run(lab.sw, VIGILD, "--script", "/nonexistent.vsim", check=False)
+    assert r.returncode == 2
+    # One daemon per control socket; SIGHUP does not stop it.
+    lab.start_vigild("load\n")
+    r = lab.run(lab.sw, VIGILD, "--control", lab.control, check=False, timeout=30)
+    assert r.returncode == 1 and "another daemon answers" in r.stderr
+    lab.vigild.send_signal(signal.SIGHUP)
+    time.sleep(0.5)
+    assert lab.ctl("uptime")["ok"]
+    # The stop command ends it as SIGTERM does.
+    assert lab.ctl("stop")["ok"]
+    assert lab.vigild.wait(timeout=15) == 0
+    assert "module unloaded: leaks=0" in lab.read(lab.vigild_log)
+    lab.vigild = None

@@ -272,7 +272,12 @@ void Daemon::Loop() {
          } else if (kind == kSignalTag) {
             struct signalfd_siginfo info;
             while (read(signalFd_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
-               Log(Level::Info, "signal %s: stopping", strsignal(static_cast<int>(info.ssi_signo)));
+               int signo = static_cast<int>(info.ssi_signo);
+               if (signo == SIGHUP) {
+                  Log(Level::Info, "signal %s: nothing to reload; going on", strsignal(signo));
+                  continue;
+               }
+               Log(Level::Info, "signal %s: stopping", strsignal(signo));
                stopping_ = true;
             }
          }
