@@ -7,7 +7,7 @@ import signal
 import socket
 import time
 
-from lab import VIGILD, LabError, wait_for
+from lab import VIGILD, wait_for
 
 TWO_PORTS = """
 load
@@ -256,7 +256,7 @@ def test_control_socket_survives_garbage(lab):
 
 
 def test_vigilctl_quoting_and_text(lab):
-    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
     lab.start_vigild("load\nportset add vs0\nport add vs0 0x20\nport attach 0x20 p-a\n"
                      "prop write 0x20 enabled text:true\n")
     answer = lab.ctl("security", "0x20", "features=0x40", "port=ip=192.0.2.10/32")
@@ -265,7 +265,9 @@ def test_vigilctl_quoting_and_text(lab):
     answer = lab.ctl("echo", "two words", 'a"quote', "back\\slash")
     assert answer["text"] == 'two words a"quote back\\slash'
     rc, out, _ = lab.ctl_raw("state", "0x20", text=True)
-    assert rc == 0 and "portWhiteList" in out or "192.0.2.10" in out
+    assert rc == 0 and out.startswith("> state 0x20") and "192.0.2.10" in out, out
+    rc, out, _ = lab.ctl_raw("switch", text=True)
+    assert rc == 0 and "0x20  vs0      p-a        up     trunk" in out, out
     rc, out, _ = lab.ctl_raw("state", "0x99")
     assert rc == 1 and '"ok":false' in out
 

@@ -16,12 +16,14 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
+#include "script.h"
 #include "sim_core.h"
 #include "state.h"
 #include "text.h"
@@ -70,6 +72,63 @@ std::string Word(const std::string &word) {
    size_t eq;
    if (IsOptionKey(word, &eq)) return word.substr(0, eq + 1) + Quote(word.substr(eq + 1));
    return Quote(word);
+}
+
+/* Columns padded to their widest cell. */
+std::string Table(const std::vector<std::vector<std::string>> &rows) {
+   std::vector<size_t> width;
+   for (const auto &row : rows) {
+      if (width.size() < row.size()) width.resize(row.size(), 0);
+      for (size_t i = 0; i < row.size(); i++) width[i] = std::max(width[i], row[i].size());
+   }
+   std::string out;
+   for (const auto &row : rows) {
+      std::string line = "    ";
+      for (size_t i = 0; i < row.size(); i++) {
+         line += row[i];
+         if (i + 1 < row.size()) line += std::string(width[i] - row[i].size() + 2, ' ');
+      }
+      out += line + "\n";
+   }
+   return out;
+}
+
+std::string Num(const Json &v) {
+   if (v.is_null()) return "-";
+   if (v.is_string()) return v.get<std::string>();
+   return v.dump();
+}
+
+/* The switch's ports and learnt addresses as tables. */
+std::string RenderSwitch(const std::string &line, const Json &r) {
+   std::string out = "> " + line + "\n";
+   if (!r.value("ok", false)) return out + "    error: " + r.value("error", std::string("?")) + "\n";
+   char head[160];
+   std::snprintf(head, sizeof head, "    ageing %.0f s, budget %s batches of %s frames, %s clients\n",
+                 r.value("ageing", 0.0), Num(r["budget"]).c_str(), Num(r["batch"]).c_str(),
+                 Num(r["clients"]).c_str());
+   out += head;
+   std::vector<std::vector<std::string>> ports = {{"port", "portset", "interface", "state", "vlan",
+                                                   "rx", "rxDropped", "tx", "txDropped",
+                                                   "txErrors", "downs"}};
+   for (const Json &p : r["ports"]) {
+      std::string state = p.value("up", false) ? "up" : "down (" + p.value("downReason", std::string()) + ")";
+      ports.push_back({vigilsim::HexNumber(p["portID"].get<uint64_t>()), Num(p["portset"]),
+                       Num(p["ifname"]), state, p["vlan"].is_null() ? "trunk" : Num(p["vlan"]),
+                       Num(p["rxFrames"]), Num(p["rxDropped"]), Num(p["txFrames"]),
+                       Num(p["txDropped"]), Num(p["txErrors"]), Num(p["linkDowns"])});
+   }
+   out += ports.size() > 1 ? Table(ports) : "    no ports attached\n";
+   std::vector<std::vector<std::string>> fdb = {{"portset", "vlan", "mac", "port", "age"}};
+   for (const Json &e : r["fdb"]) {
+      char age[32];
+      std::snprintf(age, sizeof age, "%.1f s", e.value("age", 0.0));
+      fdb.push_back({Num(e["portset"]), Num(e["vlan"]), Num(e["mac"]),
+                     vigilsim::HexNumber(e["portID"].get<uint64_t>()), age});
+   }
+   out += "    learnt addresses:\n";
+   out += fdb.size() > 1 ? Table(fdb) : "    none\n";
+   return out;
 }
 
 class Connection {
@@ -213,7 +272,9 @@ int main(int argc, char **argv) {
    }
    bool ok = result.contains("ok") && result["ok"].is_boolean() && result["ok"].get<bool>();
    if (text) {
-      std::fputs(vigilsim::RenderText(line, result).c_str(), stdout);
+      bool isSwitch = result.value("cmd", std::string()) == "switch";
+      std::fputs((isSwitch ? RenderSwitch(line, result) : vigilsim::RenderText(line, result)).c_str(),
+                 stdout);
    } else {
       std::fputs((answer + "\n").c_str(), stdout);
    }
