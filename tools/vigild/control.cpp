@@ -194,7 +194,10 @@ void ControlServer::OnClient(uint32_t id, uint32_t events, const Handler &handle
    if (it == clients_.end()) return;
    Client &c = it->second;
    bool eof = false;
-   if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0 && !c.closing) {
+   /* While whole lines wait their turn, what comes next stays in the
+    * socket: a client that streams commands cannot grow the buffer. */
+   bool room = c.in.size() < kMaxLine || c.in.find('\n') == std::string::npos;
+   if ((events & (EPOLLIN | EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0 && !c.closing && room) {
       char buf[65536];
       for (int i = 0; i < 4; i++) {
          ssize_t n = recv(c.fd, buf, sizeof buf, MSG_DONTWAIT);

@@ -332,6 +332,17 @@ int Daemon::Run() {
       }
       if (stopping_) break;
    }
+   if (!stopping_ && !session_->ModuleLoaded() && !options_.noLoad) {
+      /* The scripts did not load the module: the daemon does. */
+      Json result = Execute("load", "start-up");
+      if (!result["ok"].get<bool>()) {
+         Log(Level::Error, "%s", result["error"].get<std::string>().c_str());
+         status = 1;
+         stopping_ = true;
+      } else {
+         Log(Level::Info, "module loaded: status %d", result["status"].get<int>());
+      }
+   }
    if (!stopping_) {
       Log(Level::Info, "switching: %zu ports attached", bridge_->AttachedPorts().size());
       Loop();

@@ -23,6 +23,8 @@ struct DaemonOptions {
    std::string controlPath;
    bool verbose = false;
    bool stopOnError = false;
+   /* Leave the module out when the start-up scripts did not load it. */
+   bool noLoad = false;
    BridgeOptions bridge;
 };
 

@@ -4,7 +4,10 @@
  * interfaces.
  *
  *   vigild [--module PATH] [--script FILE ...] [--control PATH] [--verbose]
- *          [--stop-on-error] [--budget N] [--ageing SECONDS] [--debug]
+ *          [--stop-on-error] [--no-load] [--budget N] [--ageing SECONDS] [--debug]
+ *
+ * The start-up scripts run first; when they have not loaded the module,
+ * vigild loads it (unless --no-load).
  *
  * Exit status: 0 after a clean stop, 1 when it could not start or a
  * start-up script failed with --stop-on-error, 2 for a usage error.
@@ -54,6 +57,8 @@ int main(int argc, char **argv) {
        ->allow_extra_args(false);
    app.add_option("--control", options.controlPath, "Unix socket for commands");
    app.add_flag("--verbose", options.verbose, "copy every log line of the host to standard error");
+   app.add_flag("--no-load", options.noLoad,
+                "do not load the module when the start-up scripts did not");
    app.add_flag("--stop-on-error", options.stopOnError,
                 "stop when a command of a start-up script fails");
    app.add_option("--budget", budget, "batches of 32 frames per port per wake-up (default 4)")
