@@ -98,9 +98,9 @@ TEST(VigildChecksum, LeavesFragmentsShortAndOtherFramesAlone) {
    vigild::CompleteChecksum(cut);
    EXPECT_EQ(cut, copy);
 
-   Bytes arp = Serialize(*Tins::ARP::make_arp_request("192.0.2.1", "192.0.2.10",
-                                                       "02:00:00:00:00:0a")
-                             .clone());
+   Tins::EthernetII request =
+       Tins::ARP::make_arp_request("192.0.2.1", "192.0.2.10", "02:00:00:00:00:0a");
+   Bytes arp = Serialize(request);
    copy = arp;
    vigild::CompleteChecksum(arp);
    EXPECT_EQ(arp, copy);
