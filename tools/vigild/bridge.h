@@ -91,6 +91,8 @@ class Bridge {
    BridgeOptions &Options() { return options_; }
    Json Describe() const;
    Json FdbJson() const;
+   /* Addresses not learnt because the portset's table was full. */
+   uint64_t FdbFull() const { return fdbFull_; }
 
  private:
    struct FdbEntry {

@@ -207,6 +207,8 @@ void Daemon::CmdSwitch(const std::vector<vigilsim::Token> &t, Json &out) {
    out["batch"] = PacketSocket::kBatch;
    out["ports"] = bridge_->Describe();
    out["fdb"] = bridge_->FdbJson();
+   out["fdbLimit"] = opts.fdbLimit;
+   out["fdbFull"] = bridge_->FdbFull();
    out["clients"] = control_.Clients();
    out["commands"] = commands_;
 }
