@@ -10,6 +10,8 @@
 
 extern u64 numFilters;
 
+/* Empty lists and the default limits and life times of a new filter. */
+void VigilFilterSetDefaults(VigilFilter *filter);
 zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
                               VigilFilter **filter);
 extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID);

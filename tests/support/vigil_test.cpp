@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "vigil_lifecycle.h"
 #include "vigil_workers.h"
 
 void VigilTestFailureHook(const std::string &what) {
@@ -92,19 +93,7 @@ VigilFilter *VigilTest::AddFilter(u32 portID) {
    VigilFilter *filter = (VigilFilter *)Vigil_HeapAlloc(sizeof(VigilFilter));
    filter->portID = portID;
    memcpy(filter->portsetName, "vs0", 4);
-   VigilListInit(&filter->vmiList);
-   VigilListInit(&filter->expiredVmiList);
-   VigilListInit(&filter->dhcpReqList);
-   VigilListInit(&filter->v6VmiList);
-   VigilListInit(&filter->v6ExpiredNdList);
-   VigilListInit(&filter->dhcpV6ReqList);
-   filter->arpExpiry = VIGIL_DEFAULT_ARP_EXPIRY;
-   filter->portDbArpEntriesSize = VIGIL_DEFAULT_ARP_ENTRIES;
-   filter->ndExpiry = VIGIL_DEFAULT_ND_EXPIRY;
-   filter->portDbNdEntriesSize = VIGIL_DEFAULT_ND_ENTRIES;
-   filter->portDbDhcpV6EntriesSize = VIGIL_DEFAULT_DHCPV6_ENTRIES;
-   filter->maxDhcpV6Reqs = VIGIL_DEFAULT_DHCPV6_REQS;
-   filter->agingKey = VIGIL_AGING_KEY_NONE;
+   VigilFilterSetDefaults(filter);
    filter->configLock = CreateLock("vigil.config", ZEK_SPINLOCK_RW, 1);
    filter->rateLimitLock = CreateLock("vigil.ratelimit", ZEK_SPINLOCK_ORDINARY, 3);
    EXPECT_EQ(oxa_PortVoltaliteDataSet(portID, VIGIL_FILTER_SLOT, filter,

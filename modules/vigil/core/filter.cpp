@@ -57,16 +57,7 @@ static zek_Status VigilCreateFilterLocks(VigilFilter *filter) {
    return status;
 }
 
-zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
-                              VigilFilter **out) {
-   VigilFilter *filter = (VigilFilter *)Vigil_HeapAlloc(sizeof(VigilFilter));
-   if (filter == nullptr) {
-      VIGIL_LOG_ERROR("Failed to allocate memory for filter creation on port %u",
-                      portID);
-      return VIGIL_STATUS_NO_MEMORY;
-   }
-   zek_Strncpy(filter->portsetName, zek_PortsetName(portset), VIGIL_PORTSET_NAME_LEN);
-   filter->portID = portID;
+void VigilFilterSetDefaults(VigilFilter *filter) {
    VigilListInit(&filter->vmiList);
    VigilListInit(&filter->expiredVmiList);
    VigilListInit(&filter->dhcpReqList);
@@ -80,6 +71,19 @@ zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
    filter->portDbDhcpV6EntriesSize = VIGIL_DEFAULT_DHCPV6_ENTRIES;
    filter->maxDhcpV6Reqs = VIGIL_DEFAULT_DHCPV6_REQS;
    filter->agingKey = VIGIL_AGING_KEY_NONE;
+}
+
+zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
+                              VigilFilter **out) {
+   VigilFilter *filter = (VigilFilter *)Vigil_HeapAlloc(sizeof(VigilFilter));
+   if (filter == nullptr) {
+      VIGIL_LOG_ERROR("Failed to allocate memory for filter creation on port %u",
+                      portID);
+      return VIGIL_STATUS_NO_MEMORY;
+   }
+   zek_Strncpy(filter->portsetName, zek_PortsetName(portset), VIGIL_PORTSET_NAME_LEN);
+   filter->portID = portID;
+   VigilFilterSetDefaults(filter);
 
    zek_VNICHandle vnic;
    u32 vnicType = 0;
