@@ -38,6 +38,15 @@ static i64 VigilUptimeSecs(void) {
    return now.sec;
 }
 
+/* A heap copy of a client identifier, or null. */
+static u8 *VigilCopyClientId(const u8 *clientId, u32 len) {
+   u8 *copy = (u8 *)Vigil_HeapAlloc(len);
+   if (copy != nullptr) {
+      memcpy(copy, clientId, len);
+   }
+   return copy;
+}
+
 static u32 VigilReadU32(const u8 *p) {
    u32 value;
    memcpy(&value, p, 4);
@@ -226,14 +235,13 @@ zek_Status VigilAddDhcpReq(VigilFilter *filter, VigilPacketContext *ctx) {
       return VIGIL_STATUS_NO_MEMORY;
    }
    if (ctx->dhcpClientIdLen != 0) {
-      req->clientIdStr = (u8 *)Vigil_HeapAlloc(ctx->dhcpClientIdLen);
+      req->clientIdStr = VigilCopyClientId(ctx->dhcpClientId, ctx->dhcpClientIdLen);
       if (req->clientIdStr == nullptr) {
          VIGIL_LOG_THROTTLED("Filter %#x Alloc of dhcpReq clientIdStr failed",
                              filter->portID);
          Vigil_HeapFree(req);
          return VIGIL_STATUS_NO_MEMORY;
       }
-      memcpy(req->clientIdStr, ctx->dhcpClientId, ctx->dhcpClientIdLen);
    }
    req->vlanId = ctx->vlanId;
    req->xid = VigilReadU32(hdr + VIGIL_DHCP_XID);
@@ -321,12 +329,8 @@ zek_Status VigilUpdateVmiIp(VigilFilter *filter, VigilVmi *vmi, u32 newIp) {
       clone->expiryLinks.next = nullptr;
       clone->clientIdStr = nullptr;
       if (old->discMethod == VIGIL_DISC_DHCP && old->clientIdLen > 0) {
-         clone->clientIdStr = (u8 *)Vigil_HeapAlloc(old->clientIdLen);
-         if (clone->clientIdStr == nullptr) {
-            cloned = false;
-         } else {
-            memcpy(clone->clientIdStr, old->clientIdStr, old->clientIdLen);
-         }
+         clone->clientIdStr = VigilCopyClientId(old->clientIdStr, old->clientIdLen);
+         cloned = clone->clientIdStr != nullptr;
       }
    }
    if (!cloned) {
@@ -382,14 +386,13 @@ static zek_Status VigilBindDhcpClient(VigilFilter *filter, VigilPacketContext *c
       return VIGIL_STATUS_NO_MEMORY;
    }
    if (req->clientIdLen != 0) {
-      vmi->clientIdStr = (u8 *)Vigil_HeapAlloc(req->clientIdLen);
+      vmi->clientIdStr = VigilCopyClientId(req->clientIdStr, req->clientIdLen);
       if (vmi->clientIdStr == nullptr) {
          VIGIL_LOG_THROTTLED("Filter %#x Vmi clientIdStr alloc failed",
                              filter->portID);
          Vigil_HeapFree(vmi);
          return VIGIL_STATUS_NO_MEMORY;
       }
-      memcpy(vmi->clientIdStr, req->clientIdStr, req->clientIdLen);
    }
    vmi->vlanId = req->vlanId;
    memcpy(vmi->mac, req->chaddr, 6);
