@@ -9,7 +9,7 @@ BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 
-.PHONY: all deps build build-asan test test-default test-asan bench demo clean
+.PHONY: all deps build build-asan build-tsan test test-default test-asan test-tsan bench demo clean
 
 all: build
 
@@ -32,6 +32,19 @@ test-asan: build-asan
 	@echo "== tests: AddressSanitizer + UndefinedBehaviorSanitizer build"
 	@cd $(BUILD_DIR)/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
+
+# ThreadSanitizer: only the race test (property writes racing with traffic)
+# and what it needs; tsan.supp names the intended lossy counters.
+TSAN_OPTIONS_RACE = halt_on_error=1 second_deadlock_stack=1 \
+	suppressions=$(CURDIR)/tests/race/tsan.supp
+
+build-tsan: deps
+	@cmake -S . -B $(BUILD_DIR)/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIGIL_TSAN=ON >/dev/null
+	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests
+
+test-tsan: build-tsan
+	@echo "== tests: ThreadSanitizer build, race tests"
+	@cd $(BUILD_DIR)/tsan && TSAN_OPTIONS="$(TSAN_OPTIONS_RACE)" ctest $(CTEST_FLAGS) -R "^race\."
 
 test: test-default test-asan
 
