@@ -65,12 +65,19 @@ live_pid() {
    echo "$pid"
 }
 
+# Whether PID runs (an ended process that its parent has not reaped yet
+# counts as ended).
+alive() {
+   [ -r "/proc/$1/stat" ] || return 1
+   ! sed 's/.*) //' "/proc/$1/stat" 2>/dev/null | grep -q '^[ZX]'
+}
+
 # Sends SIGTERM to PID and waits up to SECONDS for it to end; SIGKILL after.
 stop_pid() {
    pid=$1
    kill -TERM "$pid" 2>/dev/null || return 0
    i=0
-   while kill -0 "$pid" 2>/dev/null; do
+   while alive "$pid"; do
       i=$((i + 1))
       if [ "$i" -gt $(($2 * 10)) ]; then
          echo "  pid $pid did not end after ${2}s: SIGKILL" >&2
@@ -106,11 +113,16 @@ down() {
          ip netns del "$ns" && echo "removed namespace $ns"
       fi
    done
-   # Deleting a namespace deletes its veth ends and with them their peers;
-   # these are only left after a half-made "up".
+   # Deleting a namespace deletes its veth ends and with them their peers
+   # (a moment later); these are only left after a half-made "up".
    for ifname in $HOST_IFS; do
+      i=0
+      while [ "$i" -lt 20 ] && ip link show "$ifname" >/dev/null 2>&1; do
+         i=$((i + 1))
+         sleep 0.1
+      done
       if ip link show "$ifname" >/dev/null 2>&1; then
-         ip link del "$ifname" && echo "removed interface $ifname"
+         ip link del "$ifname" 2>/dev/null && echo "removed interface $ifname"
       fi
    done
    # A socket left by a vigild that died (a live one is never removed).
