@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "config_blobs.h"
 #include "test_frames.h"
 #include "vigil_test.h"
 #include "vigil_warden.h"
@@ -22,50 +23,16 @@ constexpr u32 kPort = 0x10;
 constexpr u16 kVlan = 5;
 constexpr u16 kOtherVlan = 6;
 
-using Addr = std::array<u8, 16>;
-using MacAddr = std::array<u8, 6>;
-
-MacAddr Mac(const char *text) {
-   MacAddr mac{};
-   unsigned v[6];
-   EXPECT_EQ(sscanf(text, "%x:%x:%x:%x:%x:%x", &v[0], &v[1], &v[2], &v[3], &v[4],
-                    &v[5]),
-             6)
-      << text;
-   for (int i = 0; i < 6; i++) {
-      mac[i] = (u8)v[i];
-   }
-   return mac;
-}
-
-/* An IPv4 address in the first four bytes, the rest zero. */
-Addr V4(const char *text) {
-   Addr addr{};
-   EXPECT_EQ(inet_pton(AF_INET, text, addr.data()), 1) << text;
-   return addr;
-}
-
-Addr V6(const char *text) {
-   Addr addr{};
-   EXPECT_EQ(inet_pton(AF_INET6, text, addr.data()), 1) << text;
-   return addr;
-}
+using blobs::Addr;
+using blobs::Entry;
+using blobs::Mac;
+using blobs::MacAddr;
+using blobs::V4;
+using blobs::V6;
 
 const MacAddr kVm = Mac("02:00:00:00:00:10");
 const MacAddr kOtherMac = Mac("02:00:00:00:00:11");
 const MacAddr kSenderMac = Mac("02:00:00:00:00:20");
-
-VigilWhiteListEntry Entry(u32 flags, const Addr &ip = Addr{}, u32 prefixLen = 0,
-                          u16 vlan = 0, const MacAddr &mac = MacAddr{}) {
-   VigilWhiteListEntry entry;
-   memset(&entry, 0, sizeof entry);
-   entry.flags = flags;
-   entry.vlan = vlan;
-   memcpy(entry.mac, mac.data(), 6);
-   memcpy(entry.ip, ip.data(), 16);
-   entry.prefixLen = prefixLen;
-   return entry;
-}
 
 void PutLe32(std::vector<u8> &raw, size_t at, u32 value) {
    for (int i = 0; i < 4; i++) {
