@@ -23,21 +23,6 @@
 
 namespace {
 
-std::string DefaultModulePath() {
-   char exe[4096];
-   ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-   if (n > 0) {
-      std::string dir(exe, static_cast<size_t>(n));
-      dir = dir.substr(0, dir.rfind('/') + 1);
-      if (access((dir + "vigil.so").c_str(), R_OK) == 0) return dir + "vigil.so";
-   }
-#ifdef VIGIL_DEFAULT_MODULE
-   return VIGIL_DEFAULT_MODULE;
-#else
-   return "vigil.so";
-#endif
-}
-
 } // namespace
 
 int main(int argc, char **argv) {
@@ -79,7 +64,7 @@ int main(int argc, char **argv) {
       }
    }
    if (debug) vigild::SetLogLevel(vigild::Level::Debug);
-   options.modulePath = modulePath.empty() ? DefaultModulePath() : modulePath;
+   options.modulePath = modulePath.empty() ? vigilsim::DefaultModulePath() : modulePath;
    options.bridge.budget = budget;
    options.bridge.ageingSeconds = ageing;
    vigild::Daemon daemon(options);

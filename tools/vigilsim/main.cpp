@@ -20,21 +20,6 @@ namespace {
 
 using vigilsim::Json;
 
-std::string DefaultModulePath() {
-   char exe[4096];
-   ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-   if (n > 0) {
-      std::string dir(exe, static_cast<size_t>(n));
-      dir = dir.substr(0, dir.rfind('/') + 1);
-      if (access((dir + "vigil.so").c_str(), R_OK) == 0) return dir + "vigil.so";
-   }
-#ifdef VIGIL_DEFAULT_MODULE
-   return VIGIL_DEFAULT_MODULE;
-#else
-   return "vigil.so";
-#endif
-}
-
 struct Runner {
    vigilsim::Session &session;
    bool text;
@@ -122,7 +107,7 @@ int main(int argc, char **argv) {
    }
 
    vigilsim::Settings settings;
-   settings.modulePath = modulePath.empty() ? DefaultModulePath() : modulePath;
+   settings.modulePath = modulePath.empty() ? vigilsim::DefaultModulePath() : modulePath;
    settings.verbose = verbose;
    vigilsim::Session session(settings);
    Runner runner{session, text, stopOnError};

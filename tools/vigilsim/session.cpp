@@ -1,5 +1,7 @@
 #include "session.h"
 
+#include <unistd.h>
+
 #include <cstdio>
 
 #include "sim_core.h"
@@ -145,6 +147,22 @@ void Session::ForgetPortset(const std::string &name) {
          break;
       }
    }
+}
+
+/* The vigil.so beside the executable, else the one of the same build. */
+std::string DefaultModulePath() {
+   char exe[4096];
+   ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+   if (n > 0) {
+      std::string dir(exe, static_cast<size_t>(n));
+      dir = dir.substr(0, dir.rfind('/') + 1);
+      if (access((dir + "vigil.so").c_str(), R_OK) == 0) return dir + "vigil.so";
+   }
+#ifdef VIGIL_DEFAULT_MODULE
+   return VIGIL_DEFAULT_MODULE;
+#else
+   return "vigil.so";
+#endif
 }
 
 } // namespace vigilsim

@@ -23,6 +23,9 @@ struct VigilFilter;
 
 namespace vigilsim {
 
+/* Where the module is loaded from when no --module is given. */
+std::string DefaultModulePath();
+
 struct Settings {
    std::string modulePath;
    bool verbose = false;
