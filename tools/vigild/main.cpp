@@ -21,10 +21,6 @@
 #include "daemon.h"
 #include "log.h"
 
-namespace {
-
-} // namespace
-
 int main(int argc, char **argv) {
    /* Before anything starts a thread: every thread inherits the mask, and
     * only the switching thread takes the signals, through signalfd. */
