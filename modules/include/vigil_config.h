@@ -50,6 +50,9 @@ static_assert(sizeof(VigilGlxPortConf) == 137, "137-byte command");
 static_assert(offsetof(VigilGlxPortConf, isPortWardenEnabled) == 136, "at 136");
 
 zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *cfg);
+/* Frees the port white list and takes its entries out of the flow cache's
+ * warden hash.  The caller holds the write lock. */
+void VigilDropPortWhiteList(VigilFilter *filter);
 zek_Status VigilValidateWhiteList(VigilFilter *filter,
                                   const VigilWhiteListEntry *entries, u32 count);
 zek_Status VigilGetBpduFilterList(VigilFilter *filter, const VigilSecurityConfig *cfg,

@@ -12,7 +12,19 @@
 #include "vigil_types.h"
 
 #define VIGIL_FILTER_SLOT 6
-#define VIGIL_PORTSET_NAME_LEN 128
+/* The longest portset name the switch gives, and the size of every field
+ * that keeps one: a byte more, so that a kept name always ends in a NUL and
+ * can be handed on as a string. */
+#define VIGIL_PORTSET_NAME_MAX 128
+#define VIGIL_PORTSET_NAME_LEN (VIGIL_PORTSET_NAME_MAX + 1)
+
+/* Keeps a portset name in a field of VIGIL_PORTSET_NAME_LEN bytes: its first
+ * VIGIL_PORTSET_NAME_MAX bytes, NUL-padded, and a NUL in the last byte. */
+static inline void VigilCopyPortsetName(char (&field)[VIGIL_PORTSET_NAME_LEN],
+                                        const char *name) {
+   zek_Strncpy(field, name, VIGIL_PORTSET_NAME_MAX);
+   field[VIGIL_PORTSET_NAME_MAX] = '\0';
+}
 
 /* Feature bits of featuresEnabled. */
 #define VIGIL_FEAT_SWITCH_WARDEN 0x0001u
@@ -96,6 +108,11 @@ struct VigilFilter {
    u32 vnicType;
    u8 enableCleanedUp;
    u32 discoveryFlags;
+   /* 1 once the filter has left its port but an I/O chain that points at
+    * it could not be removed: it waits on the retired list, and frames that
+    * reach its chains pass untouched.  Read without a lock. */
+   u8 retired;
+   VigilListLinks retiredLinks;
 
    /* IPv4 port database */
    VigilVmiHash *vmiHash;

@@ -24,6 +24,12 @@ void Vigil_RemoveIOChainAndFeatures(u32 portID);
 zek_Status Vigil_InstallIOChain(VigilFilter *filter);
 zek_Status Vigil_RemoveIOChain(VigilFilter *filter);
 void VigilRemoveIOChainCB(void *ctx, void *priv, zek_IOChainHandle handle);
+/* The list of retired filters: filters gone from their ports whose chains
+ * could not be removed.  Retrying removes what it can and frees the filters
+ * left without chains; it gives the number still waiting. */
+zek_Status Vigil_FilterLifecycleInit(void);
+void Vigil_FilterLifecycleCleanup(void);
+u32 Vigil_RetryRetiredFilters(void);
 
 /* Module start and stop. */
 extern "C" int init_module(void);

@@ -13,6 +13,7 @@
 #define VIGIL_RANK_AGING_Q 4
 #define VIGIL_RANK_CP_WORLD_Q 5
 #define VIGIL_RANK_LOG_THROTTLE 6
+#define VIGIL_RANK_RETIRED_FILTERS 7
 
 /* A lock handle that names no lock. */
 #define VIGIL_NO_LOCK ((zek_SpinlockHandle)(~(uintptr_t)0))

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "vigil_dhcp.h"
+#include "vigil_lifecycle.h"
 #include "vigil_test.h"
 #include "vigil_throttle.h"
 #include "vigil_vmi.h"
@@ -410,65 +411,85 @@ TEST_F(AgingWorldTest, EarlierRecordRekeysTheFilterAndShortensTheWait) {
    EXPECT_TRUE(sim::PriQContents(filterAgingQ).empty());
 }
 
-TEST_F(AgingWorldTest, KeyEqualToNowExpiresNothingAndTheWorldLoopsUntilTheSecondPasses) {
+TEST_F(AgingWorldTest, KeyEqualToNowExpiresNothingAndTheWorldSleepsUntilTheSecondPasses) {
    VigilFilter *filter = MakeFilter(kPort);
    ASSERT_TRUE(sim::WaitIdle(5.0));
    u64 wakes = Wakes();
    u64 writes = sim::GetLockCounts(filter->configLock).writes;
 
    AddBinding(filter, 1, VIGIL_DISC_DHCP, kStart); /* due now, ends after now */
-   EXPECT_TRUE(SpinUntil([&] {
-      return sim::GetLockCounts(filter->configLock).writes >= writes + 200;
-   })) << "the world takes the filter again and again";
-   EXPECT_FALSE(sim::WorldsIdle());
-   EXPECT_EQ(Wakes(), wakes + 1) << "woken by the insert, and no sleep since";
+   ASSERT_TRUE(sim::WaitIdle(5.0)) << "the world sleeps instead of looping";
+   /* The add, then one pass of the world that ended nothing. */
+   EXPECT_EQ(sim::GetLockCounts(filter->configLock).writes, writes + 2);
+   EXPECT_EQ(Wakes(), wakes + 1) << "woken by the insert";
    EXPECT_EQ(NumVmis(filter), 1u);
    auto queue = sim::PriQContents(filterAgingQ);
    ASSERT_EQ(queue.size(), 1u);
-   EXPECT_EQ(queue[0].first, kStart);
+   EXPECT_EQ(queue[0].first, kStart) << "the key is unchanged";
 
+   sim::SetTime((double)kStart + 0.9);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(NumVmis(filter), 1u) << "still within its last second";
    sim::SetTime((double)kStart + 1.0);
    ASSERT_TRUE(sim::WaitIdle(5.0));
    EXPECT_EQ(NumVmis(filter), 0u);
    EXPECT_TRUE(sim::PriQContents(filterAgingQ).empty());
-   /* The second that passed, then the wake its own change left pending. */
-   EXPECT_EQ(Wakes(), wakes + 2);
 }
 
-TEST_F(AgingWorldTest, StaticBindingKeepsTheWorldOnItsFilterWithoutSleeping) {
+TEST_F(AgingWorldTest, StaticBindingGivesNoKeySoTheWorldRestsAndOtherPortsAge) {
+   VigilFilter *filter = MakeFilter(kPort);
+   VigilFilter *other = MakeFilter(kOtherPort);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+
+   VigilVmi *vmi = AddBinding(filter, 1, VIGIL_DISC_STATIC, 0);
+   AddBinding(filter, 2, VIGIL_DISC_DHCP, kStart + 5);
+   AddBinding(other, 3, VIGIL_DISC_DHCP, kStart + 2);
+   ASSERT_TRUE(sim::WaitIdle(5.0)) << "nothing keeps the world busy";
+   u32 agingPortID;
+   i64 key;
+   QueueFields(filter, &agingPortID, &key);
+   EXPECT_EQ(agingPortID, 0u) << "the static binding stops its IPv4 walk";
+   EXPECT_EQ(key, VIGIL_AGING_KEY_NONE);
+   EXPECT_EQ(Queue(), (std::map<void *, i64>{{&other->agingPortID, kStart + 2}}));
+
+   /* A pending request is aged all the same. */
+   AddRequest(filter, 4, kStart + 4);
+   EXPECT_EQ(Queue(), (std::map<void *, i64>{{&other->agingPortID, kStart + 2},
+                                            {&filter->agingPortID, kStart + 4}}));
+   sim::SetTime((double)kStart + 6.0);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(NumVmis(other), 0u) << "the other port aged on time";
+   EXPECT_EQ(filter->numDhcpReqs, 0u);
+   EXPECT_EQ(NumVmis(filter), 2u) << "the walk still stops at the static binding";
+   EXPECT_TRUE(Queue().empty());
+
+   /* Without the static binding the next record is the candidate: due
+    * already, it ends at once. */
+   u64 wakes = Wakes();
+   DelBinding(filter, vmi);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_GT(Wakes(), wakes) << "the world was woken";
+   EXPECT_EQ(NumVmis(filter), 0u);
+   EXPECT_TRUE(Queue().empty());
+}
+
+TEST_F(AgingWorldTest, FarKeyGivesAWaitCappedAtOneHourNeverZero) {
    VigilFilter *filter = MakeFilter(kPort);
    ASSERT_TRUE(sim::WaitIdle(5.0));
    u64 wakes = Wakes();
-   u64 writes = sim::GetLockCounts(filter->configLock).writes;
-
-   VigilVmi *vmi = AddBinding(filter, 1, VIGIL_DISC_STATIC, 0);
-   auto queue = sim::PriQContents(filterAgingQ);
-   ASSERT_EQ(queue.size(), 1u);
-   EXPECT_EQ(queue[0].first, 0);
-   EXPECT_EQ(queue[0].second, &filter->agingPortID);
-
-   EXPECT_TRUE(SpinUntil([&] {
-      return sim::GetLockCounts(filter->configLock).writes >= writes + 200;
-   })) << "the filter is aged at every pass";
-   EXPECT_FALSE(sim::WorldsIdle());
-   EXPECT_EQ(Wakes(), wakes + 1) << "woken by the insert, and no sleep since";
-   VigilFilter *locked = Vigil_LockFilter(kPort, true);
-   EXPECT_EQ(locked->numVmis, 1u);
-   EXPECT_EQ(locked->numStaticVmis, 1u);
-   EXPECT_EQ(locked->agingKey, 0);
-   Vigil_UnlockFilter(locked, true);
-   u64 later = sim::GetLockCounts(filter->configLock).writes;
-   EXPECT_TRUE(SpinUntil([&] {
-      return sim::GetLockCounts(filter->configLock).writes >= later + 200;
-   })) << "and it goes on";
+   /* 536870912 seconds are 2^32 milliseconds times 125: in 32 bits the
+    * wait would come out as 0. */
+   AddBinding(filter, 1, VIGIL_DISC_DHCP, kStart + 536870911);
+   ASSERT_TRUE(sim::WaitIdle(5.0)) << "the world sleeps";
+   EXPECT_EQ(Wakes(), wakes + 1) << "woken by the insert";
+   sim::SetTime((double)kStart + 3599.5);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
    EXPECT_EQ(Wakes(), wakes + 1);
-
-   /* Taking the filter out of the queue is what lets the world rest. */
-   VigilRemoveFilterAging(filter);
+   sim::SetTime((double)kStart + 3600.0);
    ASSERT_TRUE(sim::WaitIdle(5.0));
-   EXPECT_TRUE(sim::PriQContents(filterAgingQ).empty());
-   DelBinding(filter, vmi);
-   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(Wakes(), wakes + 2) << "it looks again after the hour";
+   EXPECT_EQ(NumVmis(filter), 1u);
+   EXPECT_EQ(sim::PriQContents(filterAgingQ).size(), 1u);
 }
 
 TEST_F(AgingWorldTest, PortBeingDestroyedWhileDueDelaysTheWorldByHalfASecondAtATime) {
@@ -615,6 +636,51 @@ TEST_F(AgingWorldFullQueueTest, FiveThousandOneHundredTwentyPortsAllEndOnTime) {
    EXPECT_TRUE(lost.empty()) << lost.size() << " messages lost";
 }
 
+TEST_F(AgingWorldFullQueueTest, FilterThatFoundTheQueueFullIsQueuedAtItsNextChange) {
+   std::vector<VigilFilter *> full;
+   u32 n = 0;
+   for (u32 i = 0; i < VIGIL_AGING_Q_CAPACITY; i++) {
+      full.push_back(MakeFilter(0x1000 + i));
+      AddBinding(full.back(), ++n, VIGIL_DISC_DHCP, kStart + 100);
+      if (i % 100 == 99) {
+         ASSERT_TRUE(sim::WaitIdle(5.0));
+      }
+   }
+   VigilFilter *late = MakeFilter(0x1000 + VIGIL_AGING_Q_CAPACITY);
+   AddBinding(late, ++n, VIGIL_DISC_DHCP, kStart + 10);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   u32 agingPortID;
+   i64 key;
+   QueueFields(late, &agingPortID, &key);
+   EXPECT_EQ(agingPortID, 0u) << "the 5121st filter did not fit";
+   EXPECT_EQ(key, VIGIL_AGING_KEY_NONE);
+
+   /* Room is made, and the late filter's next change queues it. */
+   DelBinding(full[0], VIGIL_VMI_FROM_EXPIRY(full[0]->vmiList.next));
+   AddBinding(late, ++n, VIGIL_DISC_DHCP, kStart + 20);
+   QueueFields(late, &agingPortID, &key);
+   EXPECT_EQ(agingPortID, late->portID);
+   EXPECT_EQ(key, kStart + 10) << "keyed by its earliest binding";
+   EXPECT_EQ(sim::PriQContents(filterAgingQ).size(), (size_t)VIGIL_AGING_Q_CAPACITY);
+   sim::TakePortsetMessages();
+
+   sim::SetTime((double)kStart + 11.0);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(NumVmis(late), 1u) << "the first binding ended on time";
+   sim::SetTime((double)kStart + 21.0);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(NumVmis(late), 0u);
+   sim::SetTime((double)kStart + 101.0);
+   ASSERT_TRUE(sim::WaitIdle(10.0));
+   u32 left = 0;
+   for (VigilFilter *filter : full) {
+      left += NumVmis(filter);
+   }
+   EXPECT_EQ(left, 0u) << "every other binding ended on time";
+   EXPECT_TRUE(sim::PriQContents(filterAgingQ).empty());
+   EXPECT_EQ(sim::TakePortsetMessages().size(), (size_t)VIGIL_AGING_Q_CAPACITY + 1u);
+}
+
 using LogList = std::vector<std::pair<int, std::string>>;
 
 /* Start and stop of the world, with the fixture's world out of the way. */
@@ -739,4 +805,34 @@ TEST_F(AgingWorldInitTest, QueueDestroyFailureIsLoggedAndKeepsTheHandle) {
    EXPECT_EQ(agingWorldID, 0u);
    EXPECT_EQ(VigilAgingWorldDestroy(), ZEK_OK);
    EXPECT_EQ(filterAgingQ, nullptr);
+}
+
+TEST_F(AgingWorldInitTest, QueueThatCannotBeDestroyedIsLoggedByTheCommonCleanupWhichGoesOn) {
+   u32 queues = sim::LivePriQs();
+   ASSERT_EQ(VigilAgingWorldInit(), ZEK_OK);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   TakeLines();
+   zek_PriQHandle queue = filterAgingQ;
+   sim::FaultCall("PriQDestroy", VIGIL_STATUS_FAILURE);
+   VigilGenericCleanup();
+   EXPECT_EQ((LogList{{1, "Starting VigilGenericCleanup"},
+                    {1, "Error destroying PriQ (0x2bad0000): Failure"},
+                    {2, "Error destroying Aging World"}}),
+             TakeLines());
+   EXPECT_EQ(agingWorldID, 0u);
+   EXPECT_EQ(cpWorldID, 0u);
+   EXPECT_EQ(sim::LiveWorlds(), 0u);
+   EXPECT_EQ(filterAgingQ, queue);
+   EXPECT_EQ(sim::LivePriQs(), queues + 1);
+   EXPECT_EQ(filterAgingQLock, VIGIL_NO_LOCK);
+   EXPECT_EQ(taskQLock, VIGIL_NO_LOCK) << "the control-plane world went first";
+   EXPECT_EQ(lockDomain, VIGIL_INVALID_LOCK_DOMAIN);
+   EXPECT_EQ(logHandle, nullptr);
+   EXPECT_FALSE(sim::LogHandleExists("vigil"));
+   EXPECT_EQ(heapID, nullptr);
+
+   EXPECT_EQ(VigilAgingWorldDestroy(), ZEK_OK);
+   EXPECT_EQ(filterAgingQ, nullptr);
+   EXPECT_EQ(sim::LivePriQs(), queues);
+   RecreateHeapLogAndLockDomain();
 }

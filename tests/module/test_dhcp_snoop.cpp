@@ -133,6 +133,28 @@ TEST_F(DhcpSnoopTest, FullExchangeRelocksEachFrameAndBindsTheLeaseOnTheAck) {
    ExpectNoLeak();
 }
 
+TEST_F(DhcpSnoopTest, FailedRelockForwardsTheRestOfTheBatchUntouchedAndHoldsNoLock) {
+   Client other = ClientOf("02:00:00:00:00:77", 0x77);
+   sim::LockCounts before = Locks();
+   /* The batch's own lookup works; the one of the relock does not. */
+   sim::FaultCall("PortVoltaliteDataGet", 0xbad0003, 1, 1);
+   std::vector<std::string> verdicts =
+      Tx(kPort, {frames::Make(Request(vm)), frames::Make(Discover(other)),
+                 frames::Make(Request(other))});
+   sim::FaultClear();
+   EXPECT_EQ(verdicts, (std::vector<std::string>{"forward", "forward", "forward"}));
+   sim::LockCounts after = Locks();
+   EXPECT_EQ(after.reads - before.reads, 1u);
+   EXPECT_EQ(after.writes - before.writes, 0u) << "the write lock was never had";
+   EXPECT_EQ(sim::LocksHeldByThread(), 0u);
+   EXPECT_EQ(filter->numDhcpReqs, 0u) << "no table changed";
+   EXPECT_EQ(filter->agingKey, VIGIL_AGING_KEY_NONE);
+
+   /* The next batch judges again. */
+   EXPECT_EQ(Tx1(Request(vm)), "forward");
+   EXPECT_EQ(filter->numDhcpReqs, 1u);
+}
+
 TEST_F(DhcpSnoopTest, UnicastRenewalWithCiaddrKeepsTheBindingAndExtendsIt) {
    Bind(vm);
    VigilVmi *bound = Find(0, vm.mac, kLeaseIp);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "config_blobs.h"
+#include "ipv4_db_test.h"
 #include "sim_switch.h"
 #include "test_frames.h"
 #include "vigil_config.h"
@@ -150,12 +151,12 @@ TEST_F(FilterLifecycle, CreateSetsDefaultsAndAttachesTheFilterToSlotSix) {
    EXPECT_EQ(lines[0].text, "Filter 0x10 Filter created: " + PtrText(filter) + ", type: 0x2");
 }
 
-TEST_F(FilterLifecycle, LongPortsetNameIsCutAt128Bytes) {
+TEST_F(FilterLifecycle, LongPortsetNameIsCutAt128BytesAndEndsInANul) {
    std::string name(140, 'p');
    sim::AddPortset(name);
    VigilFilter *filter = Create(kPort, sim::PortOptions(), name.c_str());
    ASSERT_NE(filter, nullptr);
-   EXPECT_EQ(std::string(filter->portsetName, 128), name.substr(0, 128));
+   EXPECT_EQ(std::string(filter->portsetName), name.substr(0, 128));
 }
 
 TEST_F(FilterLifecycle, UnreadableVnicGivesTypeZeroAndRemovalWithoutFlush) {
@@ -304,6 +305,61 @@ TEST_F(FilterLifecycle, DestroyFreesEverythingAndDeletesBindings) {
    EXPECT_EQ(msgs[0].portID, kPort);
    EXPECT_TRUE(LogTexts().empty()); /* the tables were empty when freed */
    EXPECT_EQ(Vigil_DestroyFilter(kPort), kNotFound);
+}
+
+TEST_F(FilterLifecycle, DestroyRemovesArpBindingsKeptExpiredByDeleteOnExpiryOff) {
+   struct RestoreDeleteExpiry {
+      ~RestoreDeleteExpiry() { SetDeleteExpiry(1); }
+   } restore;
+   SetDeleteExpiry(0);
+   u32 locks = sim::LiveLocks();
+   u64 live = sim::GetHeapStats(heapID).allocations;
+   VigilFilter *filter = Create(kPort);
+   ASSERT_NE(filter, nullptr);
+   ASSERT_EQ(Vigil_InstallIOChain(filter), ZEK_OK);
+   Locked(filter, [](VigilFilter *f) {
+      EXPECT_EQ(VigilConfigIpv4Discovery(f, false, true, true), ZEK_OK);
+   });
+   const char *const macA = "02:00:00:00:00:0a";
+   const char *const macB = "02:00:00:00:00:0b";
+   EXPECT_TRUE(Passes(kPort, frames::Arp(macA, macA, "192.0.2.11", "192.0.2.1"), true));
+   sim::Advance(10);
+   EXPECT_TRUE(Passes(kPort, frames::Arp(macB, macB, "192.0.2.12", "192.0.2.1"), true));
+   /* The first has passed its 600 seconds, the second not yet. */
+   sim::Advance(591);
+   Locked(filter, [](VigilFilter *f) {
+      zek_Uptime now;
+      zek_GetUptime(&now);
+      VigilPortDbDoAging(f, now.sec);
+   });
+   ASSERT_EQ(filter->numExpiredVmis, 1u);
+   ASSERT_EQ(filter->numArpVmis, 2u);
+   ASSERT_EQ(sim::PriQContents(filterAgingQ).size(), 1u);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   sim::TakePortsetMessages();
+   LogTexts();
+
+   /* The chains go first, as always; discovery stays on, so nothing but
+    * the destruction takes the bindings. */
+   ASSERT_EQ(Vigil_RemoveIOChain(filter), ZEK_OK);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+   EXPECT_EQ(filter->discoveryFlags, (u32)VIGIL_DISC_ARP);
+   EXPECT_EQ(Vigil_DestroyFilter(kPort), ZEK_OK);
+   EXPECT_EQ(sim::PortData(kPort, VIGIL_FILTER_SLOT), nullptr);
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_EQ(sim::LiveLocks(), locks);
+   EXPECT_TRUE(sim::PriQContents(filterAgingQ).empty());
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(sim::GetHeapStats(heapID).allocations, live);
+   std::vector<frames::Bytes> removed;
+   for (const sim::PortsetMessage &msg : sim::TakePortsetMessages()) {
+      EXPECT_EQ(msg.portID, kPort);
+      removed.push_back(msg.bytes);
+   }
+   EXPECT_EQ(removed, (std::vector<frames::Bytes>{v4db::ArpRemoved(0, macA, "192.0.2.11"),
+                                                  v4db::ArpRemoved(0, macB, "192.0.2.12")}))
+      << "the expired binding first, then the running one";
+   EXPECT_TRUE(LogTexts().empty()) << "the table was empty when freed";
 }
 
 TEST_F(FilterLifecycle, DestroyWhenTheSlotIsAlreadyGoneStillFrees) {
@@ -648,6 +704,150 @@ TEST_F(FilterLifecycle, DeleteOnExpirySwitchStoresASignedByte) {
    EXPECT_TRUE(GetDeleteExpiry());
    SetDeleteExpiry(1);
    EXPECT_EQ(delOnExpiry, 1);
+}
+
+} // namespace
+
+namespace {
+
+/* -------------------------------------- chains that can't be removed */
+
+/* A port whose input chain refuses to go once: the disable leaves the filter
+ * retired, gone from the port, its chain still installed. */
+class RetiredFilter : public FilterLifecycle {
+protected:
+   VigilFilter *EnableThenDisableWithAStuckChain(u32 port) {
+      VigilFilter *filter = Create(port);
+      EXPECT_EQ(Vigil_InstallIOChain(filter), ZEK_OK);
+      ConfigureBpduFilter(filter);
+      TakeModuleLogs();
+      sim::FaultCall("IOChainRemove", kInvalidData);
+      Vigil_RemoveIOChainAndFeatures(port);
+      EXPECT_EQ(Vigil_DestroyFilter(port), ZEK_OK);
+      return filter;
+   }
+};
+
+TEST_F(RetiredFilter, DisableWithAStuckChainKeepsTheFilterAndItsFramesPassUntouched) {
+   VigilFilter *filter = EnableThenDisableWithAStuckChain(kPort);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Failed to remove input IOChain on port 16",
+                            "Filter 0x10 kept until its I/O chains are removed"}));
+   EXPECT_EQ(Vigil_GetPortFilter(kPort), nullptr) << "gone from the port";
+   EXPECT_EQ(numFilters, 1u) << "but alive";
+   EXPECT_EQ(filter->retired, 1u);
+   ASSERT_EQ(sim::PortChains(kPort).size(), 1u);
+   EXPECT_EQ(sim::PortChains(kPort)[0].label, "vigil-input");
+   EXPECT_EQ(filter->featuresEnabled, 0u);
+   EXPECT_EQ(filter->portWhiteList, nullptr);
+
+   /* The stuck chain still calls in; a BPDU passes untouched. */
+   EXPECT_TRUE(Passes(kPort, frames::Bpdu(frames::kVmMac, "01:80:c2:00:00:00"), true));
+   EXPECT_TRUE(Passes(kPort, frames::Bpdu(frames::kVmMac, "01:80:c2:00:00:00"), false));
+   EXPECT_TRUE(LogTexts().empty());
+
+   /* Removing the port takes the chain, and with it the filter. */
+   ASSERT_TRUE(sim::RemovePort(kPort));
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Filter 0x10 freed: its I/O chains are removed"}));
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+}
+
+TEST_F(RetiredFilter, NextDisableRetriesTheRemovalAndFreesTheFilter) {
+   VigilFilter *old = EnableThenDisableWithAStuckChain(kPort);
+   /* Enabled again: a new filter with chains of its own beside the old one. */
+   VigilFilter *filter = nullptr;
+   ASSERT_EQ(Vigil_CreateFilter(sim::FindPortset("vs0"), kPort, &filter), ZEK_OK);
+   ASSERT_EQ(Vigil_InstallIOChain(filter), ZEK_OK);
+   EXPECT_NE(filter, old);
+   ConfigureBpduFilter(filter);
+   EXPECT_EQ(sim::PortChains(kPort).size(), 3u);
+   EXPECT_FALSE(Passes(kPort, frames::Bpdu(frames::kVmMac, "01:80:c2:00:00:00"), true)) << "the new filter judges";
+   EXPECT_EQ(numFilters, 2u);
+   TakeModuleLogs();
+
+   Vigil_RemoveIOChainAndFeatures(kPort);
+   EXPECT_EQ(Vigil_DestroyFilter(kPort), ZEK_OK);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Filter 0x10 freed: its I/O chains are removed"}));
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+}
+
+TEST_F(RetiredFilter, ModuleStopRetriesTheRemovalAndFreesTheFilter) {
+   EnableThenDisableWithAStuckChain(kPort);
+   TakeModuleLogs();
+   EXPECT_EQ(Vigil_CleanupFilters(), ZEK_OK);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Cleaning up 1 filters",
+                            "Filter 0x10 freed: its I/O chains are removed"}));
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+}
+
+TEST_F(RetiredFilter, ChainThatStillCannotBeRemovedAtModuleStopIsLogged) {
+   EnableThenDisableWithAStuckChain(kPort);
+   TakeModuleLogs();
+   sim::FaultCall("IOChainRemove", kInvalidData);
+   EXPECT_EQ(Vigil_CleanupFilters(), ZEK_OK);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Cleaning up 1 filters",
+                            "Failed to remove input IOChain on port 16",
+                            "Filter 0x10 still has I/O chains at module stop"}));
+   EXPECT_EQ(numFilters, 1u);
+   EXPECT_EQ(Vigil_RetryRetiredFilters(), 0u);
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+}
+
+TEST_F(RetiredFilter, FailedInstallWhoseRollbackCannotRemoveTheInputKeepsItsHandle) {
+   VigilFilter *filter = Create(kPort);
+   sim::FaultCall("IOChainInsert", kNoMemory, 1, 1);
+   sim::FaultCall("IOChainRemove", kInvalidData);
+   EXPECT_EQ(Vigil_InstallIOChain(filter), kNoMemory);
+   EXPECT_NE(filter->ioChainInput, nullptr) << "the chain is still there";
+   EXPECT_EQ(filter->ioChainOutput, nullptr);
+   EXPECT_EQ(sim::PortChains(kPort).size(), 1u);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Failed to insert output IOChain on port 16",
+                            "Failed to remove input IOChain on port 16"}));
+
+   /* As the enable handler does after a failed install. */
+   VigilClearFeaturesWithOptFlush(filter, false);
+   EXPECT_EQ(Vigil_DestroyFilter(kPort), ZEK_OK);
+   EXPECT_EQ(filter->retired, 1u);
+   EXPECT_TRUE(Passes(kPort, frames::Bpdu(frames::kVmMac, "01:80:c2:00:00:00"), true));
+   EXPECT_EQ(Vigil_RetryRetiredFilters(), 0u);
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+}
+
+TEST_F(RetiredFilter, DestroyTakesStaticBindingsAndTheWardenHashEntries) {
+   VigilFilter *filter = Create(kPort);
+   blobs::Security s;
+   s.features = VIGIL_FEAT_PORT_WARDEN;
+   s.portList = {blobs::Entry(VIGIL_WL_IPV4, blobs::V4("192.0.2.10"), 32)};
+   blobs::Bytes blob = s.Build();
+   Vigil_LockPortAndFilter(kPort, true);
+   ASSERT_EQ(VigilConfigSecurity(filter, (const VigilSecurityConfig *)blob.data()), ZEK_OK);
+   VigilVmi *vmi = (VigilVmi *)Vigil_HeapAlloc(sizeof(VigilVmi));
+   memcpy(vmi->mac, blobs::Mac(frames::kVmMac).data(), 6);
+   vmi->ip = v4db::Ip("192.0.2.10");
+   vmi->discMethod = VIGIL_DISC_STATIC;
+   ASSERT_EQ(VigilAddVmi(filter, vmi), ZEK_OK);
+   Vigil_UnlockPortAndFilter(filter, true);
+   ASSERT_EQ(sim::FlowCacheEntries("vs0").size(), 1u);
+   ASSERT_EQ(filter->numStaticVmis, 1u);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   sim::TakePortsetMessages();
+
+   /* The port goes without a disable first. */
+   ASSERT_TRUE(sim::RemovePort(kPort));
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_TRUE(sim::FlowCacheEntries("vs0").empty());
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(sim::TakePortsetMessages().size(), 1u) << "the static binding's removal";
 }
 
 } // namespace

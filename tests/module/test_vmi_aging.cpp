@@ -126,7 +126,9 @@ TEST_F(AgingTest, StaticBindingAtTheHeadStopsTheWalkButRequestsStillAge) {
    AddStatic(0, kMacC, "192.0.2.99");
    Learn(kMacA, "192.0.2.11");
    EXPECT_EQ(Tx1(Request(ClientOf(kMacB, 3))), "forward");
-   EXPECT_EQ(filter->agingKey, 0) << "a static binding keys the filter at 0";
+   ASSERT_EQ(filter->numDhcpReqs, 1u);
+   EXPECT_EQ(filter->agingKey, VIGIL_DHCP_REQ_FROM_LINKS(filter->dhcpReqList.next)->expiryTs)
+      << "the bindings behind a static one give no key; the request does";
    TakeMessages();
    sim::Advance(700);
    Age();
@@ -134,7 +136,64 @@ TEST_F(AgingTest, StaticBindingAtTheHeadStopsTheWalkButRequestsStillAge) {
    EXPECT_EQ(filter->numStaticVmis, 1u);
    EXPECT_EQ(filter->numDhcpReqs, 0u);
    EXPECT_EQ(TakeMessages().size(), 0u);
-   EXPECT_EQ(filter->agingKey, 0);
+   EXPECT_EQ(filter->agingKey, VIGIL_AGING_KEY_NONE) << "nothing left that can end";
+   EXPECT_EQ(filter->agingPortID, 0u);
+}
+
+/* The same database with the aging world running. */
+class AgingWorldRunningTest : public AgingTest {
+protected:
+   bool RunAgingWorld() override { return true; }
+
+   /* An ARP binding as a restore hands it in, ending at `expiryTs`. */
+   VigilVmi *AddArp(const std::string &mac, const std::string &ip, i64 expiryTs) {
+      VigilVmi *vmi = (VigilVmi *)Vigil_HeapAlloc(sizeof(VigilVmi));
+      MacAddr m = MacOf(mac);
+      memcpy(vmi->mac, m.data(), 6);
+      vmi->ip = Ip(ip);
+      vmi->discMethod = VIGIL_DISC_ARP;
+      vmi->expiryTs = expiryTs;
+      WithWriteLock([&] { EXPECT_EQ(VigilAddVmi(filter, vmi), ZEK_OK); });
+      return vmi;
+   }
+};
+
+TEST_F(AgingWorldRunningTest, PastExpiryArpBindingAddedWithDeleteOnExpiryOffIsKeptExpiredWithoutWakingTheWorld) {
+   SetDeleteExpiry(0);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   const zek_WorldID world = agingWorldID;
+   ASSERT_NE(world, 0u);
+   const u64 wakes = sim::WorldWakes(world);
+   const u64 queueLocks = sim::GetLockCounts(filterAgingQLock).exclusives;
+   const i64 now = Uptime();
+
+   VigilVmi *past = AddArp(kMacA, "192.0.2.11", now - 30);
+   /* Ending at this very second is not later than now: expired too. */
+   VigilVmi *due = AddArp(kMacB, "192.0.2.12", now);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(sim::WorldWakes(world), wakes) << "the aging world was woken";
+   EXPECT_EQ(sim::GetLockCounts(filterAgingQLock).exclusives, queueLocks)
+      << "the aging queue was looked at";
+   EXPECT_EQ(ExpiredList(), (std::vector<VigilVmi *>{past, due}));
+   EXPECT_TRUE(VmiList().empty());
+   EXPECT_EQ(filter->numExpiredVmis, 2u);
+   EXPECT_EQ(filter->numArpVmis, 2u);
+   EXPECT_EQ(filter->numVmis, 2u);
+   EXPECT_EQ(filter->agingPortID, 0u);
+   EXPECT_EQ(filter->agingKey, VIGIL_AGING_KEY_NONE);
+   EXPECT_EQ(QueuedKey(), -1);
+   EXPECT_EQ(MessageBytes(), (std::vector<Bytes>{ArpAdded(0, kMacA, "192.0.2.11"),
+                                                 ArpAdded(0, kMacB, "192.0.2.12")}))
+      << "announced all the same";
+   EXPECT_EQ(Violations(), std::vector<std::string>());
+
+   /* One with time left is queued, and the world is told. */
+   AddArp(kMacC, "192.0.2.13", now + 60);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(sim::WorldWakes(world), wakes + 1);
+   EXPECT_EQ(filter->agingKey, now + 60);
+   EXPECT_EQ(QueuedKey(), now + 60);
+   EXPECT_EQ(filter->numExpiredVmis, 2u);
 }
 
 /* ------------------------------------------------------------------------

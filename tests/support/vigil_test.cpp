@@ -37,6 +37,7 @@ void VigilTest::SetUp() {
    ASSERT_EQ(zek_LockDomainCreate(moduleID, heapID, &domainName, &lockDomain),
              ZEK_OK);
    ppPktAttrHandle = VIGIL_PP_PKT_ATTR_ID;
+   ASSERT_EQ(Vigil_FilterLifecycleInit(), ZEK_OK);
    ASSERT_EQ(VigilAgingWorldInit(), ZEK_OK);
    if (!RunAgingWorld()) {
       /* Keep the queue, stop the world: tests then decide when aging runs. */
@@ -61,6 +62,8 @@ void VigilTest::TearDown() {
    EXPECT_EQ(sim::FramesLive(), 0u) << "a frame was not released";
    EXPECT_EQ(sim::PortsetsAcquired(), 0u) << "a portset is still acquired";
    EXPECT_TRUE(sim::LockViolations().empty());
+   EXPECT_EQ(Vigil_RetryRetiredFilters(), 0u) << "a retired filter was left";
+   Vigil_FilterLifecycleCleanup();
    zek_LockDomainDestroy(lockDomain);
    lockDomain = VIGIL_INVALID_LOCK_DOMAIN;
    zek_LogUnregister(vigilThrottledLogHandle);
@@ -71,6 +74,26 @@ void VigilTest::TearDown() {
    heapID = nullptr;
    EXPECT_EQ(sim::LeaksSinceReset(), 0u) << "the module heap was not empty";
    sim::SetFailureHook(nullptr);
+}
+
+void VigilTest::RecreateHeapLogAndLockDomain() {
+   ASSERT_EQ(heapID, nullptr);
+   ASSERT_EQ(logHandle, nullptr);
+   ASSERT_EQ(lockDomain, VIGIL_INVALID_LOCK_DOMAIN);
+   zek_HeapProps heapProps = {};
+   zek_NameInitialize(&heapProps.name, "vigil");
+   heapProps.module = moduleID;
+   heapProps.minSize = 4096;
+   heapProps.maxSize = 64 << 20;
+   ASSERT_EQ(zek_HeapCreate(&heapProps, &heapID), ZEK_OK);
+   zek_LogProps logProps = {};
+   zek_NameInitialize(&logProps.name, "vigil");
+   logProps.module = moduleID;
+   logProps.heap = heapID;
+   ASSERT_EQ(zek_LogRegister(&logProps, &logHandle), ZEK_OK);
+   zek_Name domainName;
+   zek_NameInitialize(&domainName, "vigil");
+   ASSERT_EQ(zek_LockDomainCreate(moduleID, heapID, &domainName, &lockDomain), ZEK_OK);
 }
 
 static zek_SpinlockHandle CreateLock(const char *name, u32 kind, u32 rank) {

@@ -3,21 +3,34 @@
  * I/O chains, and the clearing of its configuration.
  *
  * A filter is reached only through its port's data slot.  Chains always go
- * before the filter: the packet loop does not check the filter pointer.
+ * before the filter.  A chain that can't be removed keeps its filter alive:
+ * the filter leaves its port, waits on the retired list with its frames
+ * passing untouched, and is freed once its last chain is gone, whether a
+ * later retry removes it or the platform does at port removal.
  */
-#include <atomic>
 #include <cstring>
 
+#include "vigil_atomic.h"
 #include "vigil_config.h"
 #include "vigil_dhcp.h"
 #include "vigil_lifecycle.h"
 #include "vigil_log.h"
 #include "vigil_packet.h"
 #include "vigil_throttle.h"
+#include "vigil_vmi.h"
 #include "vigil_workers.h"
 
 u64 numFilters = 0;
 i64 delOnExpiry = 1;
+
+/* Retired filters, linked through retiredLinks.  The lock also guards the
+ * chain handles and the retired mark of every filter against the removal
+ * callback, which may run on the platform's thread at port removal. */
+static VigilListLinks retiredFilters = {&retiredFilters, &retiredFilters};
+static zek_SpinlockHandle retiredFiltersLock = VIGIL_NO_LOCK;
+
+#define VIGIL_RETIRED_WAITING 1u  /* on the list, chains still installed */
+#define VIGIL_RETIRED_RETRYING 2u /* taken off the list by a retry */
 
 bool GetDeleteExpiry(void) {
    return delOnExpiry != 0;
@@ -38,6 +51,98 @@ static void VigilFreeFilterParts(VigilFilter *filter) {
    VigilFreeHash(filter->vmiHash);
    VigilFreeHash(filter->v6VmiHash);
    Vigil_HeapFree(filter);
+}
+
+/* Frees a filter that nothing reaches any more. */
+static void VigilFreeFilter(VigilFilter *filter) {
+   zek_SpinlockDestroy(filter->configLock);
+   zek_SpinlockDestroy(filter->rateLimitLock);
+   VigilFreeFilterParts(filter);
+   VigilAtomicAdd(&numFilters, (u64)-1);
+}
+
+static void VigilRetiredLock(void) {
+   if (retiredFiltersLock != VIGIL_NO_LOCK) {
+      zek_SpinlockLock(retiredFiltersLock);
+   }
+}
+
+static void VigilRetiredUnlock(void) {
+   if (retiredFiltersLock != VIGIL_NO_LOCK) {
+      zek_SpinlockUnlock(retiredFiltersLock);
+   }
+}
+
+zek_Status Vigil_FilterLifecycleInit(void) {
+   VigilListInit(&retiredFilters);
+   zek_Status status = VigilCreateLock("vigil.retiredFilters", ZEK_SPINLOCK_ORDINARY,
+                                       VIGIL_RANK_RETIRED_FILTERS,
+                                       &retiredFiltersLock);
+   if (status != ZEK_OK) {
+      retiredFiltersLock = VIGIL_NO_LOCK;
+      VIGIL_LOG_ERROR("Could not allocate retired filters lock, status: %s",
+                      zek_StatusToString(status));
+   }
+   return status;
+}
+
+void Vigil_FilterLifecycleCleanup(void) {
+   if (retiredFiltersLock != VIGIL_NO_LOCK) {
+      zek_SpinlockDestroy(retiredFiltersLock);
+      retiredFiltersLock = VIGIL_NO_LOCK;
+   }
+}
+
+/* Puts a filter that has left its port on the retired list if a chain
+ * still points at it; false when it has none and may be freed. */
+static bool VigilRetireIfChained(VigilFilter *filter) {
+   VigilRetiredLock();
+   bool chained = filter->ioChainInput != nullptr || filter->ioChainOutput != nullptr;
+   if (chained) {
+      VigilAtomicStore(&filter->retired, (u8)VIGIL_RETIRED_WAITING);
+      VigilListInsertBefore(&retiredFilters, &filter->retiredLinks);
+   }
+   VigilRetiredUnlock();
+   if (chained) {
+      VIGIL_LOG_ERROR("Filter %#x kept until its I/O chains are removed",
+                      filter->portID);
+   }
+   return chained;
+}
+
+u32 Vigil_RetryRetiredFilters(void) {
+   /* Take the whole list: the removal callback leaves a filter that is
+    * being retried to this function. */
+   VigilListLinks retrying;
+   VigilListInit(&retrying);
+   VigilRetiredLock();
+   VIGIL_LIST_FOR_EACH_SAFE(pos, next, &retiredFilters) {
+      VigilFilter *filter = VIGIL_LIST_ENTRY(pos, VigilFilter, retiredLinks);
+      VigilListRemove(pos);
+      VigilListInsertBefore(&retrying, pos);
+      VigilAtomicStore(&filter->retired, (u8)VIGIL_RETIRED_RETRYING);
+   }
+   VigilRetiredUnlock();
+
+   u32 left = 0;
+   VIGIL_LIST_FOR_EACH_SAFE(pos, next, &retrying) {
+      VigilFilter *filter = VIGIL_LIST_ENTRY(pos, VigilFilter, retiredLinks);
+      (void)Vigil_RemoveIOChain(filter); /* failures are logged there */
+      VigilRetiredLock();
+      VigilListRemove(pos);
+      bool gone = filter->ioChainInput == nullptr && filter->ioChainOutput == nullptr;
+      if (!gone) {
+         VigilAtomicStore(&filter->retired, (u8)VIGIL_RETIRED_WAITING);
+         VigilListInsertBefore(&retiredFilters, pos);
+         left++;
+      }
+      VigilRetiredUnlock();
+      if (gone) {
+         VIGIL_LOG_INFO("Filter %#x freed: its I/O chains are removed", filter->portID);
+         VigilFreeFilter(filter);
+      }
+   }
+   return left;
 }
 
 static zek_Status VigilCreateFilterLocks(VigilFilter *filter) {
@@ -81,7 +186,7 @@ zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
                       portID);
       return VIGIL_STATUS_NO_MEMORY;
    }
-   zek_Strncpy(filter->portsetName, zek_PortsetName(portset), VIGIL_PORTSET_NAME_LEN);
+   VigilCopyPortsetName(filter->portsetName, zek_PortsetName(portset));
    filter->portID = portID;
    VigilFilterSetDefaults(filter);
 
@@ -119,29 +224,36 @@ zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
       return status;
    }
    filter->enableCleanedUp = 0;
-   std::atomic_ref<u64>(numFilters).fetch_add(1);
+   VigilAtomicAdd(&numFilters, (u64)1);
    VIGIL_LOG_VERBOSE(1, "Filter %#x Filter created: %p, type: %#x", portID,
                      (void *)filter, filter->vnicType);
    *out = filter;
    return ZEK_OK;
 }
 
-/* Frees what a filter owns beyond its bindings: pending DHCP requests,
- * white lists and the ignore list.  The caller holds the write lock. */
+/* Frees what a filter owns beyond its learnt bindings: static bindings,
+ * pending DHCP requests, white lists (and the port list's entries in the
+ * flow cache's warden hash) and the ignore list.  The caller holds the
+ * write lock. */
 static void VigilReleaseFilterConfig(VigilFilter *filter) {
+   VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->vmiList) {
+      VigilDelVmi(filter, VIGIL_VMI_FROM_EXPIRY(pos));
+   }
    VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->dhcpReqList) {
       VigilDelDhcpReq(filter, VIGIL_DHCP_REQ_FROM_LINKS(pos));
    }
    Vigil_HeapFree(filter->switchWhiteList);
    filter->switchWhiteList = nullptr;
-   Vigil_HeapFree(filter->portWhiteList);
-   filter->portWhiteList = nullptr;
+   VigilDropPortWhiteList(filter);
    Vigil_HeapFree(filter->portIgnoreList);
    filter->portIgnoreList = nullptr;
 }
 
 extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID) {
    VIGIL_LOG_VERBOSE(1, "Destroying Filter for port %#x", portID);
+   /* Disable, port removal and module stop all come through here: the
+    * moment to try again the chains that could not be removed before. */
+   (void)Vigil_RetryRetiredFilters();
    VigilFilter *filter = Vigil_GetPortFilter(portID);
    if (filter == nullptr) {
       VIGIL_LOG_INFO("Unable to get filter from NCS for destroy");
@@ -171,14 +283,17 @@ extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID) {
    /* Nothing reaches the filter through its port any more; the aging world
     * may still hold the pointer it read before, until it lets go. */
    VigilAgingWorldQuiesce(portID);
+   /* A batch on a chain that could not be removed may still hold the
+    * filter: take the lock to free what it might read. */
+   zek_SpinlockWriteLock(filter->configLock);
    filter->configWriteHeld = 1;
    VigilReleaseFilterConfig(filter);
    filter->configWriteHeld = 0;
+   zek_SpinlockWriteUnlock(filter->configLock);
    VigilRemoveFilterAging(filter);
-   zek_SpinlockDestroy(filter->configLock);
-   zek_SpinlockDestroy(filter->rateLimitLock);
-   VigilFreeFilterParts(filter);
-   std::atomic_ref<u64>(numFilters).fetch_sub(1);
+   if (!VigilRetireIfChained(filter)) {
+      VigilFreeFilter(filter);
+   }
    return ZEK_OK;
 }
 
@@ -243,12 +358,20 @@ zek_Status Vigil_CleanupFiltersPS(zek_PortsetHandle portset, void *data) {
 }
 
 zek_Status Vigil_CleanupFilters(void) {
-   if (numFilters == 0) {
+   u64 count = VigilAtomicLoad(&numFilters);
+   if (count == 0) {
       return ZEK_OK;
    }
-   VIGIL_LOG_INFO("Cleaning up %lu filters", (unsigned long)numFilters);
-   return zek_PortsetForAllPortsets(ZEK_PORTSET_MODE_READ, Vigil_CleanupFiltersPS,
-                                    nullptr);
+   VIGIL_LOG_INFO("Cleaning up %lu filters", (unsigned long)count);
+   zek_Status status = zek_PortsetForAllPortsets(ZEK_PORTSET_MODE_READ,
+                                                 Vigil_CleanupFiltersPS, nullptr);
+   if (Vigil_RetryRetiredFilters() != 0) {
+      VIGIL_LIST_FOR_EACH(pos, &retiredFilters) {
+         VIGIL_LOG_ERROR("Filter %#x still has I/O chains at module stop",
+                         VIGIL_LIST_ENTRY(pos, VigilFilter, retiredLinks)->portID);
+      }
+   }
+   return status;
 }
 
 static void VigilFillChainDesc(VigilFilter *filter, zek_IOChainDesc *desc,
@@ -268,8 +391,27 @@ static void VigilFillChainDesc(VigilFilter *filter, zek_IOChainDesc *desc,
    desc->priv = filter;
 }
 
+/* Removes the chain of `handle` and clears the handle; a chain that can't
+ * be removed keeps its handle (and so its filter alive), logged. */
+static zek_Status VigilRemoveOneChain(VigilFilter *filter,
+                                      zek_IOChainHandle *handle) {
+   zek_Status status = zek_IOChainRemove(*handle);
+   if (status == ZEK_OK) {
+      VigilRetiredLock();
+      *handle = nullptr;
+      VigilRetiredUnlock();
+   } else if (handle == &filter->ioChainInput) {
+      VIGIL_LOG_ERROR_CODE(status, "Failed to remove input IOChain on port %u",
+                           filter->portID);
+   } else {
+      VIGIL_LOG_ERROR_CODE(status, "Failed to remove ouput IOChain on port %u",
+                           filter->portID);
+   }
+   return status;
+}
+
 /* Inserts one chain and asks for its minimum mapping; on failure nothing of
- * it stays. */
+ * it stays unless the platform refuses to remove it. */
 static zek_Status VigilInsertChain(VigilFilter *filter, zek_IOChainDesc *desc,
                                    zek_IOChainHandle *handle) {
    zek_Status status = zek_IOChainInsert(desc, handle);
@@ -287,9 +429,7 @@ static zek_Status VigilInsertChain(VigilFilter *filter, zek_IOChainDesc *desc,
    status = zek_IOChainSetMinPktMappedLen(*handle, VIGIL_MIN_PKT_MAPPED_LEN);
    if (status != ZEK_OK) {
       VIGIL_LOG_ERROR_CODE(status, "Could not set minimum mapped packet length");
-      zek_IOChainHandle chain = *handle;
-      *handle = nullptr;
-      zek_IOChainRemove(chain);
+      (void)VigilRemoveOneChain(filter, handle); /* logged there */
    }
    return status;
 }
@@ -309,10 +449,8 @@ zek_Status Vigil_InstallIOChain(VigilFilter *filter) {
    if (filter->ioChainOutput == nullptr) {
       zek_Status status = VigilInsertChain(filter, &output, &filter->ioChainOutput);
       if (status != ZEK_OK) {
-         /* Leave the port with no chain at all. */
-         zek_IOChainHandle chain = filter->ioChainInput;
-         filter->ioChainInput = nullptr;
-         zek_IOChainRemove(chain);
+         /* Leave the port with no chain at all, if the platform lets us. */
+         (void)VigilRemoveOneChain(filter, &filter->ioChainInput); /* logged */
          return status;
       }
    }
@@ -323,34 +461,34 @@ zek_Status Vigil_RemoveIOChain(VigilFilter *filter) {
    VIGIL_LOG_VERBOSE(1, "Remove IOChains for port %#x", filter->portID);
    zek_Status status = ZEK_OK;
    if (filter->ioChainInput != nullptr) {
-      status = zek_IOChainRemove(filter->ioChainInput);
-      if (status == ZEK_OK) {
-         filter->ioChainInput = nullptr;
-      } else {
-         VIGIL_LOG_ERROR_CODE(status, "Failed to remove input IOChain on port %u",
-                              filter->portID);
-      }
+      status = VigilRemoveOneChain(filter, &filter->ioChainInput);
    }
    if (filter->ioChainOutput == nullptr) {
       return status;
    }
-   zek_Status outStatus = zek_IOChainRemove(filter->ioChainOutput);
-   if (outStatus == ZEK_OK) {
-      filter->ioChainOutput = nullptr;
-      return ZEK_OK;
-   }
-   VIGIL_LOG_ERROR_CODE(outStatus, "Failed to remove ouput IOChain on port %u",
-                        filter->portID);
-   return outStatus;
+   return VigilRemoveOneChain(filter, &filter->ioChainOutput);
 }
 
 void VigilRemoveIOChainCB(void *ctx, void *priv, zek_IOChainHandle handle) {
    (void)ctx;
    VigilFilter *filter = (VigilFilter *)priv;
+   VigilRetiredLock();
    if (filter->ioChainInput == handle) {
       filter->ioChainInput = nullptr;
    }
    if (filter->ioChainOutput == handle) {
       filter->ioChainOutput = nullptr;
+   }
+   /* The last chain of a retired filter that no retry is working on: it
+    * can go now (the platform removes a port's chains when the port goes). */
+   bool freeNow = filter->retired == VIGIL_RETIRED_WAITING &&
+                  filter->ioChainInput == nullptr && filter->ioChainOutput == nullptr;
+   if (freeNow) {
+      VigilListRemove(&filter->retiredLinks);
+   }
+   VigilRetiredUnlock();
+   if (freeNow) {
+      VIGIL_LOG_INFO("Filter %#x freed: its I/O chains are removed", filter->portID);
+      VigilFreeFilter(filter);
    }
 }

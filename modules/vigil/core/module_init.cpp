@@ -78,6 +78,10 @@ static zek_Status VigilGenericInit(void) {
                       zek_StatusToString(status));
       return status;
    }
+   status = Vigil_FilterLifecycleInit();
+   if (status != ZEK_OK) {
+      return status;
+   }
 
    status = VigilAgingWorldInit();
    if (status != ZEK_OK) {
@@ -145,6 +149,7 @@ void VigilGenericCleanup(void) {
    if (VigilAgingWorldDestroy() != ZEK_OK) {
       VIGIL_LOG_ERROR("Error destroying Aging World");
    }
+   Vigil_FilterLifecycleCleanup();
    if (lockDomain != VIGIL_INVALID_LOCK_DOMAIN) {
       zek_LockDomainDestroy(lockDomain);
       lockDomain = VIGIL_INVALID_LOCK_DOMAIN;

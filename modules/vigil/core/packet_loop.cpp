@@ -11,6 +11,7 @@
 
 #include "oxa.h"
 #include "pathprobe.h"
+#include "vigil_atomic.h"
 #include "vigil_log.h"
 #include "vigil_packet.h"
 
@@ -23,16 +24,27 @@ static_assert(ZEK_PKT_LIST_ITER_MAX_SIZE >= 16, "iterator room");
 #define VIGIL_MIN_UDP_HDR 8u
 #define VIGIL_MIN_ICMPV6_HDR 4u
 
+/* Whether the chain's filter has left its port: a chain that could not be
+ * removed still calls in, and its frames pass untouched.  The filter stays
+ * allocated while any of its chains is installed. */
+static bool VigilChainIsRetired(void *priv) {
+   return priv != nullptr && VigilAtomicLoad(&((VigilFilter *)priv)->retired) != 0;
+}
+
 extern "C" zek_Status Vigil_ProcessPacketsToSwitch(zek_PortID portID, void *priv,
                                                    zek_PktList *list) {
-   (void)priv;
+   if (VigilChainIsRetired(priv)) {
+      return ZEK_OK;
+   }
    return VigilProcessPackets(portID, list, true);
 }
 
 extern "C" zek_Status Vigil_ProcessPacketsFromSwitch(zek_PortID portID,
                                                      void *priv,
                                                      zek_PktList *list) {
-   (void)priv;
+   if (VigilChainIsRetired(priv)) {
+      return ZEK_OK;
+   }
    return VigilProcessPackets(portID, list, false);
 }
 
@@ -195,8 +207,8 @@ done:
       zek_PktRelease(copy);
    }
    if (status != ZEK_OK) {
-      VIGIL_LOG_ERROR("Unable to extract Pathprobe metadata from packet: %s",
-                      zek_StatusToString(status));
+      VIGIL_LOG_THROTTLED("Unable to extract Pathprobe metadata from packet: %s",
+                          zek_StatusToString(status));
       ctx->ppMetadata = nullptr;
    }
 }
@@ -214,8 +226,11 @@ zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch) {
    zek_PktListIter *iter = (zek_PktListIter *)iterMem;
 
    memset(&ctx, 0, sizeof ctx);
-   /* The chains exist only while the filter does, so it is not checked. */
+   /* A chain that outlived its port's filter finds no filter: pass. */
    VigilFilter *filter = Vigil_LockFilter(portID, false);
+   if (filter == nullptr) {
+      return ZEK_OK;
+   }
    ctx.holdsReadLock = 1;
    if (filter->featuresEnabled == 0 && filter->discoveryFlags == 0) {
       Vigil_UnlockFilter(filter, false);
@@ -251,10 +266,14 @@ zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch) {
       }
       if (status == ZEK_OK && action == VIGIL_ACTION_RELOCK &&
           ctx.holdsReadLock == 1) {
-         /* Run the same frame again under the write lock; the chains keep
-          * the filter alive, so the pointer held stays valid. */
-         Vigil_RelockFilterForWrite(filter);
+         /* Run the same frame again under the write lock.  Without it (the
+          * filter left its port meanwhile) the batch holds no lock any more:
+          * it stops judging, and the rest of the list passes untouched. */
          VigilFreeFlatCopy(&ctx);
+         filter = Vigil_RelockFilterForWrite(filter);
+         if (filter == nullptr) {
+            return ZEK_OK;
+         }
          ctx.holdsReadLock = 0;
          ctx.flags = 0;
          continue;
@@ -316,8 +335,8 @@ u8 *VigilGetMappedPtr(zek_Pkt *pkt, u32 *offset, u32 length,
    u32 start = *offset;
    u64 end = (u64)start + length;
    if (end > ctx->frameLen) {
-      VIGIL_LOG_ERROR("Header offset (%u + %u) exceeds framelen: %u", start,
-                      length, ctx->frameLen);
+      VIGIL_LOG_THROTTLED("Header offset (%u + %u) exceeds framelen: %u", start,
+                          length, ctx->frameLen);
       return nullptr;
    }
    if (ctx->flatCopy != nullptr) {

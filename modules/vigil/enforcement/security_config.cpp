@@ -146,16 +146,41 @@ static void VigilSendGlxPortConf(VigilFilter *filter, bool isPortWardenEnabled) 
    }
 }
 
+/* The flow cache's warden hash of the filter's portset, null without one. */
+static FC_WardenHash *VigilWardenHashOf(zek_PortID portID, zek_PortsetHandle *portset) {
+   if (zek_PortsetFindByPortID(portID, portset) != ZEK_OK) {
+      *portset = nullptr;
+      return nullptr;
+   }
+   FC_PortsetData *fcData = FC_GetPortsetData(*portset);
+   return fcData != nullptr ? fcData->wardenHash : nullptr;
+}
+
+/* Takes the entries of the port white list out of the warden hash. */
+static void VigilRemovePortListFromWardenHash(VigilFilter *filter,
+                                              FC_WardenHash *wardenHash) {
+   if (filter->portWhiteList == nullptr || wardenHash == nullptr) {
+      return;
+   }
+   for (u32 i = 0; i < filter->portWhiteListSize; i++) {
+      const VigilWhiteListEntry *entry = &filter->portWhiteList[i];
+      FC_WardenHashRemove(wardenHash, entry, entry->flags & VIGIL_WL_IPV6,
+                          filter->portID);
+   }
+}
+
+void VigilDropPortWhiteList(VigilFilter *filter) {
+   Vigil_AssertFilterIsLocked(filter, true);
+   zek_PortsetHandle portset;
+   VigilRemovePortListFromWardenHash(filter, VigilWardenHashOf(filter->portID, &portset));
+   Vigil_HeapFree(filter->portWhiteList);
+   filter->portWhiteList = nullptr;
+}
+
 zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *cfg) {
    Vigil_AssertFilterIsLocked(filter, true);
-   zek_PortsetHandle portset = nullptr;
-   FC_WardenHash *wardenHash = nullptr;
-   if (zek_PortsetFindByPortID(filter->portID, &portset) == ZEK_OK) {
-      FC_PortsetData *fcData = FC_GetPortsetData(portset);
-      wardenHash = fcData != nullptr ? fcData->wardenHash : nullptr;
-   } else {
-      portset = nullptr;
-   }
+   zek_PortsetHandle portset;
+   FC_WardenHash *wardenHash = VigilWardenHashOf(filter->portID, &portset);
    u32 features = cfg->featuresEnabled;
    bool switchWarden = (features & VIGIL_FEAT_SWITCH_WARDEN) != 0;
    bool portWarden = (features & VIGIL_FEAT_PORT_WARDEN) != 0;
@@ -245,16 +270,8 @@ zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *c
    }
 
    Vigil_HeapFree(filter->switchWhiteList);
-   if (filter->portWhiteList != nullptr) {
-      for (u32 i = 0; i < filter->portWhiteListSize; i++) {
-         const VigilWhiteListEntry *entry = &filter->portWhiteList[i];
-         if (wardenHash != nullptr) {
-            FC_WardenHashRemove(wardenHash, entry, entry->flags & VIGIL_WL_IPV6,
-                                filter->portID);
-         }
-      }
-      Vigil_HeapFree(filter->portWhiteList);
-   }
+   VigilRemovePortListFromWardenHash(filter, wardenHash);
+   Vigil_HeapFree(filter->portWhiteList);
 
    filter->featuresEnabled = cfg->featuresEnabled;
    filter->rxBcastRateLimit = cfg->rxBcastRateLimit;

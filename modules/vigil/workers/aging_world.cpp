@@ -7,6 +7,7 @@
  * through VigilUpdateFilterAging, so a filter's key always equals its
  * earliest expiry.
  */
+#include "vigil_atomic.h"
 #include "vigil_dhcp.h"
 #include "vigil_log.h"
 #include "vigil_throttle.h"
@@ -14,6 +15,12 @@
 #include "vigil_workers.h"
 
 #define VIGIL_AGING_BUSY_PORT_WAIT_MS 500u
+/* The longest sleep before the world looks at the queue again on its own;
+ * any change that moves a key wakes it earlier. */
+#define VIGIL_AGING_MAX_WAIT_MS 3600000u
+/* The sleep after a pass that left records due in this very second: they
+ * end only once the second has passed. */
+#define VIGIL_AGING_NEXT_SECOND_MS 1000u
 
 zek_PriQHandle filterAgingQ = nullptr;
 zek_SpinlockHandle filterAgingQLock = VIGIL_NO_LOCK;
@@ -36,8 +43,13 @@ static bool VigilEarliestExpiry(VigilFilter *filter, i64 *key) {
    bool found = false;
    i64 candidates[4];
    u32 n = 0;
+   /* A static binding heads vmiList and stops the IPv4 walk, so while one
+    * is there no IPv4 binding can end: they give no candidate. */
    if (filter->numVmis != filter->numExpiredVmis) {
-      candidates[n++] = VIGIL_VMI_FROM_EXPIRY(filter->vmiList.next)->expiryTs;
+      VigilVmi *first = VIGIL_VMI_FROM_EXPIRY(filter->vmiList.next);
+      if (first->discMethod != VIGIL_DISC_STATIC) {
+         candidates[n++] = first->expiryTs;
+      }
    }
    if (filter->numDhcpReqs != 0) {
       candidates[n++] = VIGIL_DHCP_REQ_FROM_LINKS(filter->dhcpReqList.next)->expiryTs;
@@ -77,10 +89,17 @@ void VigilUpdateFilterAging(VigilFilter *filter) {
       return;
    }
    if (filter->agingPortID != 0) {
-      zek_PriQRekey(filterAgingQ, &filter->agingPortID, key);
+      (void)zek_PriQRekey(filterAgingQ, &filter->agingPortID, key);
    } else {
       filter->agingPortID = filter->portID;
-      zek_PriQInsert(filterAgingQ, key, &filter->agingPortID);
+      if (zek_PriQInsert(filterAgingQ, key, &filter->agingPortID) != ZEK_OK) {
+         /* The queue is full: the filter stays out of it and is inserted
+          * at its next change. */
+         filter->agingPortID = 0;
+         filter->agingKey = VIGIL_AGING_KEY_NONE;
+         zek_SpinlockUnlock(filterAgingQLock);
+         return;
+      }
    }
    filter->agingKey = key;
    zek_SpinlockUnlock(filterAgingQLock);
@@ -92,6 +111,16 @@ static void VigilAgingWorldLetGo(void) {
    zek_SpinlockLock(filterAgingQLock);
    agingWorldBusyPort = 0;
    zek_SpinlockUnlock(filterAgingQLock);
+}
+
+/* The sleep until one second after `key`, when a record expiring at `key`
+ * has ended: computed in 64 bits and capped, never 0. */
+static u32 VigilAgingWaitMs(i64 key, i64 now) {
+   u64 secs = (u64)key - (u64)now + 1;
+   if (key < now || secs > VIGIL_AGING_MAX_WAIT_MS / 1000u) {
+      return VIGIL_AGING_MAX_WAIT_MS;
+   }
+   return (u32)(secs * 1000u);
 }
 
 /* Ages the filter at the head of the queue if it is due.  Returns the time
@@ -132,11 +161,16 @@ static u32 VigilAgeFirstFilter(void) {
    zek_GetUptime(&now);
    u32 waitMs = 0;
    if (now.sec < filter->agingKey) {
-      /* Computed in 32 bits, as the wait takes it. */
-      waitMs = (u32)(((u64)filter->agingKey + 1 - (u64)now.sec) * 1000u);
+      waitMs = VigilAgingWaitMs(filter->agingKey, now.sec);
    } else {
       VigilPortDbDoAging(filter, now.sec);
       VigilPortDbV6DoAging(filter, now.sec);
+      /* What is still due now ends only once this second has passed: the
+       * queue's head can't end anything sooner, so sleep instead of
+       * looking again. */
+      if (filter->agingPortID != 0 && filter->agingKey <= now.sec) {
+         waitMs = VIGIL_AGING_NEXT_SECOND_MS;
+      }
    }
    Vigil_UnlockPsPortFilter(filter, true, portset);
    VigilAgingWorldLetGo();
@@ -147,9 +181,9 @@ void VigilAgingWorld(void *data) {
    (void)data;
    VIGIL_LOG_INFO("Aging World is Started");
    for (;;) {
-      if (exitAgingWorld) {
+      if (VigilAtomicLoad(&exitAgingWorld)) {
          VIGIL_LOG_INFO("Exiting Aging World");
-         agingWorldID = 0;
+         VigilAtomicStore(&agingWorldID, 0u);
          zek_WorldExit(ZEK_OK);
       }
       u32 waitMs;
@@ -178,11 +212,11 @@ zek_Status VigilAgingWorldInit(void) {
       return status;
    }
    VIGIL_LOG_INFO("Aginglock created");
-   exitAgingWorld = 0;
-   status = VigilCreateWorld("VigilAgingWorld", VigilAgingWorld,
-                             &agingWorldID);
+   VigilAtomicStore(&exitAgingWorld, (u8)0);
+   zek_WorldID id = 0;
+   status = VigilCreateWorld("VigilAgingWorld", VigilAgingWorld, &id);
+   VigilAtomicStore(&agingWorldID, status == ZEK_OK ? id : 0u);
    if (status != ZEK_OK) {
-      agingWorldID = 0;
       VIGIL_LOG_ERROR("Failed to create aging world: %s", zek_StatusToString(status));
       return status;
    }
@@ -190,8 +224,8 @@ zek_Status VigilAgingWorldInit(void) {
 }
 
 zek_Status VigilAgingWorldDestroy(void) {
-   exitAgingWorld = 1;
-   zek_Status waitStatus = VigilStopWorld(agingWorldID);
+   VigilAtomicStore(&exitAgingWorld, (u8)1);
+   zek_Status waitStatus = VigilStopWorld(VigilAtomicLoad(&agingWorldID));
    if (filterAgingQLock != VIGIL_NO_LOCK) {
       zek_SpinlockDestroy(filterAgingQLock);
       filterAgingQLock = VIGIL_NO_LOCK;

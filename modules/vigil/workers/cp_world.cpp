@@ -8,6 +8,7 @@
  */
 #include <cstring>
 
+#include "vigil_atomic.h"
 #include "vigil_log.h"
 #include "vigil_throttle.h"
 #include "vigil_vmi.h"
@@ -63,7 +64,7 @@ zek_Status VigilPostPortsetMessage(const char *portsetName, u32 portID,
       return VIGIL_STATUS_NO_MEMORY;
    }
    task->type = VIGIL_CP_TASK_PORTSET_MSG;
-   zek_Strncpy(task->portsetName, portsetName, VIGIL_PORTSET_NAME_LEN);
+   VigilCopyPortsetName(task->portsetName, portsetName);
    task->portID = portID;
    memcpy(task->msg, payload, length);
    zek_Status status = VigilCPWorldPostTask(task);
@@ -79,7 +80,7 @@ zek_Status VigilCPWorldPostTask(VigilCpTask *task) {
    if (task == nullptr) {
       return VIGIL_STATUS_BAD_PARAM;
    }
-   if (cpWorldID == 0) {
+   if (VigilAtomicLoad(&cpWorldID) == 0) {
       return VIGIL_STATUS_NOT_INITIALIZED;
    }
    if (task->type != VIGIL_CP_TASK_PORTSET_MSG) {
@@ -147,10 +148,11 @@ void VigilCPWorld(void *data) {
    u32 handled = 0;
    VIGIL_LOG_INFO("CPWorld is Started");
    for (;;) {
-      if (exitCPWorld) {
-         VIGIL_LOG_INFO("Exiting CPWorld - exit: %#x", exitCPWorld);
+      u8 exitFlag = VigilAtomicLoad(&exitCPWorld);
+      if (exitFlag) {
+         VIGIL_LOG_INFO("Exiting CPWorld - exit: %#x", exitFlag);
          VigilCPWorldFlushTaskQ();
-         cpWorldID = 0;
+         VigilAtomicStore(&cpWorldID, 0u);
          zek_WorldExit(ZEK_OK);
       }
       zek_SpinlockLock(taskQLock);
@@ -188,10 +190,11 @@ zek_Status VigilCPWorldInit(void) {
                       zek_StatusToString(status));
       return status;
    }
-   exitCPWorld = 0;
-   status = VigilCreateWorld("VigilCPWorld", VigilCPWorld, &cpWorldID);
+   VigilAtomicStore(&exitCPWorld, (u8)0);
+   zek_WorldID id = 0;
+   status = VigilCreateWorld("VigilCPWorld", VigilCPWorld, &id);
+   VigilAtomicStore(&cpWorldID, status == ZEK_OK ? id : 0u);
    if (status != ZEK_OK) {
-      cpWorldID = 0;
       VIGIL_LOG_ERROR("Failed to create cpWorld: %s", zek_StatusToString(status));
       return status;
    }
@@ -199,8 +202,8 @@ zek_Status VigilCPWorldInit(void) {
 }
 
 zek_Status VigilCPWorldDestroy(void) {
-   exitCPWorld = 1;
-   zek_Status status = VigilStopWorld(cpWorldID);
+   VigilAtomicStore(&exitCPWorld, (u8)1);
+   zek_Status status = VigilStopWorld(VigilAtomicLoad(&cpWorldID));
    if (taskQLock != VIGIL_NO_LOCK) {
       VigilCPWorldFlushTaskQ();
       zek_SpinlockDestroy(taskQLock);
