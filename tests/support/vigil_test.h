@@ -40,6 +40,11 @@ protected:
    /* The frames left in the list of the last batch. */
    std::vector<zek_Pkt *> lastSurvivors;
 
+   /* After the module's own common clean-up has taken the heap, the plain
+    * log and the lock domain away: makes them again, as SetUp does, for the
+    * rest of the test and for TearDown. */
+   void RecreateHeapLogAndLockDomain();
+
    /* Log lines written since the last call, as their text behind the tag. */
    std::vector<std::string> LogTexts();
    /* The same lines whole, waiting for the worlds to settle first. */
