@@ -163,6 +163,9 @@ bool WaitIdle(double realSeconds);
 /* How many times the world's waits have returned (kept after its death,
  * until Reset). */
 uint64_t WorldWakes(zek_WorldID id);
+/* How many times the world has called zek_WorldYield (kept after its death,
+ * until Reset); calls from threads that are not worlds are not counted. */
+uint64_t WorldYields(zek_WorldID id);
 /* Worlds created and not yet joined by zek_WorldWaitForDeath.  Worlds left at
  * Reset are destroyed and joined there, and reported as a failure. */
 uint32_t LiveWorlds();

@@ -68,6 +68,7 @@ std::condition_variable gSleepCv; /* sleepers: wakes, destroys, clock */
 std::condition_variable gHostCv;  /* the host: idle changes, deaths */
 std::map<zek_WorldID, std::shared_ptr<World>> gWorlds; /* not yet joined */
 std::map<zek_WorldID, uint64_t> gWakes; /* returns of waits, since Reset */
+std::map<zek_WorldID, uint64_t> gYields; /* zek_WorldYield calls, since Reset */
 std::set<void *> gPending;
 std::set<Waiter *> gOutside; /* sleeping threads that are not worlds */
 zek_WorldID gNextId = 1;     /* never reused in a process */
@@ -144,6 +145,7 @@ void ResetWorlds() {
       }
    }
    gWakes.clear();
+   gYields.clear();
    gPending.clear();
 }
 
@@ -204,6 +206,12 @@ uint64_t WorldWakes(zek_WorldID id) {
    std::lock_guard<std::mutex> guard(gWorldMutex);
    auto it = gWakes.find(id);
    return it == gWakes.end() ? 0 : it->second;
+}
+
+uint64_t WorldYields(zek_WorldID id) {
+   std::lock_guard<std::mutex> guard(gWorldMutex);
+   auto it = gYields.find(id);
+   return it == gYields.end() ? 0 : it->second;
 }
 
 uint32_t LiveWorlds() {
@@ -352,6 +360,12 @@ void zek_WorldExit(zek_Status) {
    LeaveWorld(self);
 }
 
-void zek_WorldYield(void) { std::this_thread::yield(); }
+void zek_WorldYield(void) {
+   if (tWorld != nullptr) {
+      std::lock_guard<std::mutex> guard(gWorldMutex);
+      gYields[tWorld->id]++;
+   }
+   std::this_thread::yield();
+}
 
 } /* extern "C" */

@@ -11,6 +11,7 @@
 
 #include "test_frames.h"
 #include "vigil_dhcp.h"
+#include "vigil_lifecycle.h"
 #include "vigil_test.h"
 #include "vigil_throttle.h"
 #include "vigil_vmi.h"
@@ -509,6 +510,114 @@ TEST_F(CpWorldTest, StopDropsTheTasksStillQueued) {
    EXPECT_TRUE(sim::TakePortsetMessages().empty());
 }
 
+/* The world handling tasks that were queued while it was away. */
+class CpWorldBatchTest : public CpWorldTest {
+protected:
+   /* Stops the world and keeps a queue without it, so that posted tasks
+    * wait until StartWorld. */
+   void HoldTasks() {
+      ASSERT_EQ(VigilCPWorldDestroy(), ZEK_OK);
+      ASSERT_EQ(VigilCreateLock("vigil.cpWorldQ", ZEK_SPINLOCK_ORDINARY,
+                                VIGIL_RANK_CP_WORLD_Q, &taskQLock),
+                ZEK_OK);
+      cpWorldID = 0xfffffff0u; /* taken for running */
+   }
+
+   /* Queues `n` messages, each to a binding of its own. */
+   void PostMessages(u32 n) {
+      for (u32 i = 0; i < n; i++) {
+         char ip[32];
+         snprintf(ip, sizeof ip, "10.1.%u.%u", next_ / 256, next_ % 256);
+         Bytes msg = V4Message(0, 1, "02:00:00:00:04:00", ip, 1, 0, 1);
+         next_++;
+         ASSERT_EQ(VigilPostPortsetMessage("vs0", kPort, msg.data(), 80), ZEK_OK);
+      }
+   }
+
+   /* Starts a world on the queue as it stands and waits until it has run
+    * dry.  The posts woke a world that wasn't there; that wake is taken
+    * first, so that the new world looks at the queue only for its tasks. */
+   zek_WorldID StartWorld() {
+      EXPECT_EQ(zek_WorldWait(&cpWorldID, nullptr, 0, "test"), ZEK_OK);
+      cpWorldID = 0;
+      exitCPWorld = 0;
+      zek_WorldID id = 0;
+      EXPECT_EQ(VigilCreateWorld("VigilCPWorld", VigilCPWorld, &id), ZEK_OK);
+      cpWorldID = id;
+      EXPECT_TRUE(sim::WaitIdle(5.0));
+      return id;
+   }
+
+   /* Level and text of the world's own lines since the last look. */
+   static LogList WorldLines() {
+      EXPECT_TRUE(sim::WaitIdle(5.0));
+      LogList out;
+      for (const sim::LogLine &line : sim::TakeLogs()) {
+         if (line.func == "VigilCPWorld") {
+            EXPECT_EQ(line.log, "vigil");
+            out.emplace_back(line.level, line.text);
+         }
+      }
+      return out;
+   }
+
+   u32 next_ = 0;
+};
+
+TEST_F(CpWorldBatchTest, WorldGivesWayAfterEveryThirtyTwoTasksInARow) {
+   HoldTasks();
+   PostMessages(100);
+   zek_WorldID id = StartWorld();
+   EXPECT_EQ(Delivered().size(), 100u);
+   EXPECT_EQ(taskQueue.count, 0u);
+   EXPECT_EQ(sim::WorldYields(id), 3u) << "after the 32nd, the 64th and the 96th";
+
+   HoldTasks();
+   PostMessages(32);
+   id = StartWorld();
+   EXPECT_EQ(Delivered().size(), 32u);
+   EXPECT_EQ(sim::WorldYields(id), 1u);
+}
+
+TEST_F(CpWorldBatchTest, QueueRunningDryStartsTheCountOfTasksAfresh) {
+   HoldTasks();
+   PostMessages(31);
+   zek_WorldID id = StartWorld();
+   EXPECT_EQ(Delivered().size(), 31u);
+   EXPECT_EQ(sim::WorldYields(id), 0u);
+   /* The 32nd task of this world, but the first since its queue was
+    * empty. */
+   PostMessages(1);
+   EXPECT_EQ(Delivered().size(), 1u);
+   EXPECT_EQ(sim::WorldYields(id), 0u);
+   PostMessages(1);
+   EXPECT_EQ(Delivered().size(), 1u);
+   EXPECT_EQ(sim::WorldYields(id), 0u);
+}
+
+TEST_F(CpWorldBatchTest, AtVerbosityTwoTheWorldTellsTheQueueLengthEachTimeItLooks) {
+   HoldTasks();
+   PostMessages(3);
+   ASSERT_TRUE(sim::SetLogLevel("vigil", 2));
+   sim::TakeLogs();
+   StartWorld();
+   EXPECT_EQ((LogList{{1, "CPWorld is Started"},
+                      {1, "taskQ has 3 tasks"},
+                      {1, "taskQ has 2 tasks"},
+                      {1, "taskQ has 1 tasks"},
+                      {1, "taskQ has 0 tasks"},
+                      {1, "Task queue empty"}}),
+             WorldLines());
+   EXPECT_EQ(Delivered().size(), 3u);
+
+   /* Below verbosity 2 the world looks at its queue without saying so. */
+   ASSERT_TRUE(sim::SetLogLevel("vigil", 1));
+   PostMessages(1);
+   EXPECT_EQ(Delivered().size(), 1u);
+   EXPECT_EQ((LogList{{1, "Task queue empty"}}), WorldLines());
+   ASSERT_TRUE(sim::SetLogLevel("vigil", 0));
+}
+
 /* Start and stop of the world, with the fixture's world out of the way. */
 class CpWorldInitTest : public VigilTest {
 protected:
@@ -590,4 +699,43 @@ TEST_F(CpWorldInitTest, WorldCreationFailureIsLoggedAndDestroyRemovesTheLock) {
    EXPECT_EQ(sim::LiveLocks(), locks_);
    EXPECT_EQ((LogList{{1, "Unable to post portDB portset message to CPWorld: Not initialized"}}),
              Texts(TakeModuleLogs()));
+}
+
+TEST_F(CpWorldInitTest, FailedWaitForTheWorldsEndIsLoggedByTheCommonCleanupWhichGoesOn) {
+   ASSERT_EQ(VigilCPWorldInit(), ZEK_OK);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   zek_WorldID id = cpWorldID;
+   ASSERT_NE(id, 0u);
+   /* The world ends first, so that nothing of it runs while the clean-up
+    * takes its lock away; the host keeps it until its death is waited
+    * for. */
+   exitCPWorld = 1;
+   zek_WorldWakeup(&cpWorldID);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   ASSERT_EQ(cpWorldID, 0u);
+   cpWorldID = id;
+   sim::TakeLogs();
+
+   sim::FaultCall("WorldWaitForDeath", VIGIL_STATUS_FAILURE);
+   VigilGenericCleanup();
+   EXPECT_EQ((LogList{{1, "Starting VigilGenericCleanup"}, {2, "Error destroying CPWorld"}}),
+             Texts(TakeModuleLogs()));
+   EXPECT_EQ(taskQLock, VIGIL_NO_LOCK);
+   EXPECT_EQ(filterAgingQLock, VIGIL_NO_LOCK) << "the aging world went after it";
+   EXPECT_EQ(filterAgingQ, nullptr);
+   EXPECT_EQ(lockDomain, VIGIL_INVALID_LOCK_DOMAIN);
+   EXPECT_EQ(logHandle, nullptr);
+   EXPECT_FALSE(sim::LogHandleExists("vigil"));
+   EXPECT_EQ(heapID, nullptr);
+
+   /* The world is still the host's until its death is waited for. */
+   EXPECT_EQ(sim::LiveWorlds(), worlds_ + 1);
+   zek_Status status;
+   do {
+      status = zek_WorldWaitForDeath(id);
+   } while (status == VIGIL_STATUS_WAIT_AGAIN || status == VIGIL_STATUS_INTERRUPTED);
+   EXPECT_EQ(status, ZEK_OK);
+   EXPECT_EQ(sim::LiveWorlds(), worlds_);
+   cpWorldID = 0;
+   RecreateHeapLogAndLockDomain();
 }
