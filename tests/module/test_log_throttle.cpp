@@ -1,8 +1,13 @@
 /*
  * The throttled log: five messages per three-second window, shared by all.
  */
+#include <unistd.h>
+
+#include <cstdio>
+
 #include "vigil_test.h"
 #include "vigil_throttle.h"
+#include "vigil_workers.h"
 
 class LogThrottleTest : public VigilTest {
 protected:
@@ -155,4 +160,95 @@ TEST_F(LogThrottleInitTest, NameFailureIsLoggedAndReturned) {
    sim::FaultCall("NameFormat", VIGIL_STATUS_BAD_PARAM);
    EXPECT_EQ(VigilLogThrottleInit(), VIGIL_STATUS_BAD_PARAM);
    EXPECT_EQ(LogTexts(), std::vector<std::string>{"zek_NameFormat failed: Bad parameter"});
+}
+
+TEST_F(LogThrottleInitTest, LockNameFailureIsLoggedAndUnregistersTheHandle) {
+   u32 locks = sim::LiveLocks();
+   sim::FaultCall("NameInitialize", VIGIL_STATUS_BAD_PARAM);
+   EXPECT_EQ(VigilLogThrottleInit(), VIGIL_STATUS_BAD_PARAM);
+   EXPECT_EQ(LogTexts(), std::vector<std::string>{"zek_NameFormat failed: Bad parameter"});
+   EXPECT_EQ(vigilThrottledLogHandle, nullptr);
+   EXPECT_EQ(vigilThrottleSpinLock, VIGIL_NO_LOCK);
+   EXPECT_FALSE(sim::LogHandleExists("vigil.throttle"));
+   EXPECT_EQ(sim::LiveLocks(), locks);
+   /* Nothing is left for the clean-up either. */
+   VigilLogThrottleCleanup();
+   EXPECT_EQ(sim::LiveLocks(), locks);
+}
+
+/* ------------------------------------------------ the lock of the record */
+
+/* A lock of the module's domain. */
+static zek_SpinlockHandle DomainLock(const char *name, u32 rank) {
+   zek_SpinlockProps props = {};
+   props.module = moduleID;
+   props.heap = heapID;
+   zek_NameInitialize(&props.name, name);
+   props.kind = ZEK_SPINLOCK_ORDINARY;
+   props.domain = lockDomain;
+   props.rank = rank;
+   zek_SpinlockHandle lock = nullptr;
+   EXPECT_EQ(zek_SpinlockCreate(&props, &lock), ZEK_OK);
+   return lock;
+}
+
+TEST_F(LogThrottleTest, ThrottleLockMayBeTakenUnderEveryOtherLockOfTheModule) {
+   VigilFilter *filter = AddFilter(0x10);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   sim::SetTime(2000.0);
+   /* The switch clients' lock isn't part of this fixture: one of its rank
+    * stands in for it. */
+   zek_SpinlockHandle fabClient = DomainLock("fabClient", 2);
+   u64 before = sim::GetLockCounts(vigilThrottleSpinLock).exclusives;
+   zek_SpinlockWriteLock(filter->configLock);
+   zek_SpinlockLock(fabClient);
+   zek_SpinlockLock(filter->rateLimitLock);
+   zek_SpinlockLock(filterAgingQLock);
+   zek_SpinlockLock(taskQLock);
+   EXPECT_EQ(Offer(), 1);
+   zek_SpinlockUnlock(taskQLock);
+   zek_SpinlockUnlock(filterAgingQLock);
+   zek_SpinlockUnlock(filter->rateLimitLock);
+   zek_SpinlockUnlock(fabClient);
+   zek_SpinlockWriteUnlock(filter->configLock);
+   EXPECT_EQ(sim::GetLockCounts(vigilThrottleSpinLock).exclusives, before + 1);
+   EXPECT_TRUE(sim::LockViolations().empty());
+
+   /* Nothing of a rank above 6 exists in the module; one would be allowed
+    * under the throttle lock. */
+   zek_SpinlockHandle above = DomainLock("above", 7);
+   zek_SpinlockLock(vigilThrottleSpinLock);
+   zek_SpinlockLock(above);
+   zek_SpinlockUnlock(above);
+   zek_SpinlockUnlock(vigilThrottleSpinLock);
+   EXPECT_TRUE(sim::LockViolations().empty());
+   zek_SpinlockDestroy(above);
+   zek_SpinlockDestroy(fabClient);
+}
+
+TEST_F(LogThrottleTest, ThrottleLockIsOfRankSixInTheModulesDomain) {
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   zek_SpinlockHandle peer = DomainLock("peer", 6);
+   /* A lock of the same rank and domain held: taking the throttle lock is
+    * an order violation, which the host names with both ranks.  Run in a
+    * child process of its own, so that the violation stays there. */
+   GTEST_FLAG_SET(death_test_style, "threadsafe");
+   EXPECT_EXIT(
+      {
+         sim::SetLockFailFast(false);
+         zek_SpinlockLock(peer);
+         Offer();
+         zek_SpinlockUnlock(peer);
+         std::vector<std::string> violations = sim::LockViolations();
+         bool named = violations.size() == 1 &&
+                      violations[0] == "lock order violation: taking vigil.logThrottle "
+                                       "(rank 6) while holding peer (rank 6)";
+         if (!named) {
+            for (const std::string &text : violations) fprintf(stderr, "%s\n", text.c_str());
+         }
+         _exit(named ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+   EXPECT_TRUE(sim::LockViolations().empty());
+   zek_SpinlockDestroy(peer);
 }
