@@ -7,9 +7,11 @@
  */
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <mutex>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -340,6 +342,207 @@ TEST_F(ModuleLoad, HeapFailureIsToldWithoutALogHandle) {
    ExpectNothingLeft();
    Unload();
 }
+
+/* ------------------------------------------------ order of the start */
+
+/* One log line as the order checks compare it. */
+struct Said {
+   std::string log;
+   int level;
+   std::string func;
+   std::string text;
+   bool operator==(const Said &) const = default;
+};
+
+void PrintTo(const Said &said, std::ostream *os) {
+   *os << "{" << said.log << ", " << said.level << ", " << said.func << ", \"" << said.text
+       << "\"}";
+}
+
+bool FromWorld(const sim::LogLine &line) {
+   return line.func == "VigilCPWorld" || line.func == "VigilAgingWorld";
+}
+
+/* What the switch clients' clean-up says about each portset is left to the
+ * tests of the clients. */
+bool FromClientCleanup(const sim::LogLine &line) {
+   return line.func == "VigilFabUnregisterClients" ||
+          line.func == "VigilFabUnregisterClientsCB" ||
+          line.func == "Vigil_FabPropUnregister" || line.func == "Vigil_TransitUnregister";
+}
+
+/* The start's own lines, in order: none of the worlds, none of the
+ * clients' clean-up. */
+std::vector<Said> StartLines(const std::vector<sim::LogLine> &lines) {
+   std::vector<Said> out;
+   for (const sim::LogLine &line : lines) {
+      if (!FromWorld(line) && !FromClientCleanup(line)) {
+         out.push_back(Said{line.log, line.level, line.func, line.text});
+      }
+   }
+   return out;
+}
+
+/* The worlds' lines about their end, in order; those that come before the
+ * first line with `text` are marked "early". */
+std::vector<Said> WorldExitsAfter(const std::vector<sim::LogLine> &lines,
+                                  const std::string &text) {
+   std::vector<Said> out;
+   bool seen = false;
+   for (const sim::LogLine &line : lines) {
+      seen = seen || line.text == text;
+      if (FromWorld(line) && line.text.rfind("Exiting", 0) == 0) {
+         out.push_back(Said{seen ? line.log : "early", line.level, line.func, line.text});
+      }
+   }
+   return out;
+}
+
+/* What registering the two portsets of the class says in a normal start. */
+std::vector<Said> PortsetsRegistered() {
+   std::vector<Said> out;
+   for (const char *portset : {"vs0", "vs1"}) {
+      out.push_back({"vigil", 1, "Vigil_FabPropRegister",
+                     std::string("Vigil Registering FAB CBs for ps ") + portset});
+      for (const std::string &prop : kAll) {
+         out.push_back(
+            {"vigil", 1, "Vigil_FabPropRegister", "Registered vigil property handler " + prop});
+      }
+   }
+   out.push_back({"vigil", 1, "VigilFabRegisterClientsCB",
+                  "Skipping FAB Client registration for portset class hostonly"});
+   return out;
+}
+
+const Said kAgingLock{"vigil", 1, "VigilAgingWorldInit", "Aginglock created"};
+const Said kGenericCleanup{"vigil", 1, "VigilGenericCleanup", "Starting VigilGenericCleanup"};
+const Said kCPWorldExit{"vigil", 1, "VigilCPWorld", "Exiting CPWorld - exit: 0x1"};
+const Said kAgingWorldExit{"vigil", 1, "VigilAgingWorld", "Exiting Aging World"};
+
+TEST_F(ModuleLoad, LiveUpgradeStartLogsItsStepsInOrder) {
+   ASSERT_EQ(Load({{"isLiveUpgrade", 1}}), 0);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   std::vector<sim::LogLine> lines = sim::TakeLogs();
+   EXPECT_EQ(StartLines(lines),
+             (std::vector<Said>{kAgingLock,
+                                {"vigil", 1, "init_module",
+                                 "Port Vigil module init for ULM 6.7 completed, "
+                                 "isLiveUpgrade: True"}}));
+   /* The worlds are made after the aging queue's lock, and say so. */
+   ASSERT_FALSE(lines.empty());
+   EXPECT_EQ(lines[0].text, kAgingLock.text);
+   std::vector<Said> worlds;
+   for (const sim::LogLine &line : lines) {
+      if (FromWorld(line) && line.text.find("Started") != std::string::npos) {
+         worlds.push_back(Said{line.log, line.level, line.func, line.text});
+      }
+   }
+   std::sort(worlds.begin(), worlds.end(),
+             [](const Said &a, const Said &b) { return a.func < b.func; });
+   EXPECT_EQ(worlds, (std::vector<Said>{{"vigil", 1, "VigilAgingWorld", "Aging World is Started"},
+                                        {"vigil", 1, "VigilCPWorld", "CPWorld is Started"}}));
+   EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
+   EXPECT_EQ(sim::Subscriptions().size(), 2u);
+   EXPECT_TRUE(sim::LogHandleExists("vigil.throttle"));
+   Unload();
+}
+
+/* A start that fails at one step: the lines of the steps before it, the
+ * failure, and the clean-up of what was made. */
+struct OrderFault {
+   const char *what;
+   void (*arm)();
+   int step;               /* of the start, 1 to 12 */
+   std::vector<Said> said; /* the start's lines, for a live upgrade */
+   std::vector<Said> exits; /* the worlds' ends, all after the clean-up began */
+};
+
+void PrintTo(const OrderFault &fault, std::ostream *os) {
+   *os << fault.what;
+}
+
+const OrderFault kOrderFaults[] = {
+   {"heap", [] { sim::FaultCall("HeapCreate", kNoMemory); }, 1,
+    {{"-", 2, "", "Failed to create heap (0xbad0014): Out of memory"},
+     {"-", 1, "", "Starting VigilGenericCleanup"}},
+    {}},
+   {"log", [] { sim::FaultCall("LogRegister", kNoMemory); }, 2,
+    {{"-", 2, "", "Failed to allocate log handle (0xbad0014): Out of memory"},
+     {"-", 1, "", "Starting VigilGenericCleanup"}},
+    {}},
+   {"lock domain", [] { sim::FaultCall("LockDomainCreate", kNoMemory); }, 3,
+    {{"vigil", 2, "VigilGenericInit", "Failed to create lock domain (0xbad0014): Out of memory"},
+     kGenericCleanup},
+    {}},
+   {"aging world", [] { sim::FaultCall("WorldCreate", kNoMemory); }, 4,
+    {kAgingLock,
+     {"vigil", 2, "VigilAgingWorldInit", "Failed to create aging world: Out of memory"},
+     {"vigil", 2, "VigilGenericInit", "Unable to init Aging World: Out of memory"},
+     kGenericCleanup},
+    {}},
+   {"control-plane world", [] { sim::FaultCall("WorldCreate", kNoMemory, 1, 1); }, 5,
+    {kAgingLock,
+     {"vigil", 2, "VigilCPWorldInit", "Failed to create cpWorld: Out of memory"},
+     {"vigil", 2, "VigilGenericInit", "Unable to init CPWorld: Out of memory"},
+     kGenericCleanup},
+    {kAgingWorldExit}},
+   {"activate subscription", [] { sim::FaultCall("NetEventPortsetEventSubscribe", kNoMemory); },
+    8,
+    {kAgingLock,
+     {"vigil", 2, "Vigil_FabClientInit", "Failed to subscribe to Vswitch Activate Event"},
+     kGenericCleanup},
+    {kCPWorldExit, kAgingWorldExit}},
+   {"deactivate subscription",
+    [] { sim::FaultCall("NetEventPortsetEventSubscribe", kNoMemory, 1, 1); }, 8,
+    {kAgingLock,
+     {"vigil", 2, "Vigil_FabClientInit", "Failed to subscribe to Vswitch Deactivate Event"},
+     kGenericCleanup},
+    {kCPWorldExit, kAgingWorldExit}},
+   {"throttle log", [] { sim::FaultCall("LogRegister", kNoMemory, 1, 1); }, 9,
+    {kAgingLock,
+     {"vigil", 2, "VigilLogThrottleInit", "zek_LogRegister failed: Out of memory"},
+     kGenericCleanup},
+    {kCPWorldExit, kAgingWorldExit}},
+};
+
+class ModuleStartOrder
+   : public ModuleLoad,
+     public ::testing::WithParamInterface<std::tuple<OrderFault, bool>> {};
+
+TEST_P(ModuleStartOrder, FailedStepIsLoggedAfterTheStepsBeforeItAsInANormalStart) {
+   const OrderFault &fault = std::get<0>(GetParam());
+   const bool liveUpgrade = std::get<1>(GetParam());
+   /* A live upgrade changes only step 8: it visits no portset.  A normal
+    * start registers with the portsets of the class there. */
+   std::vector<Said> said = fault.said;
+   if (!liveUpgrade && fault.step > 8) {
+      std::vector<Said> registered = PortsetsRegistered();
+      said.insert(said.end() - 2, registered.begin(), registered.end());
+   }
+   fault.arm();
+   EXPECT_EQ(Load({{"isLiveUpgrade", liveUpgrade ? 1 : 0}}), 1);
+   sim::FaultClear();
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   std::vector<sim::LogLine> lines = sim::TakeLogs();
+   EXPECT_EQ(StartLines(lines), said);
+   EXPECT_EQ(WorldExitsAfter(lines, kGenericCleanup.text), fault.exits);
+   ExpectNothingLeft();
+   Unload();
+}
+
+std::string OrderFaultName(
+   const ::testing::TestParamInfo<std::tuple<OrderFault, bool>> &info) {
+   std::string name;
+   for (const char *p = std::get<0>(info.param).what; *p; p++) {
+      name += isalnum((unsigned char)*p) ? *p : '_';
+   }
+   return name + (std::get<1>(info.param) ? "_liveUpgrade" : "_normal");
+}
+
+INSTANTIATE_TEST_SUITE_P(StartSteps, ModuleStartOrder,
+                         ::testing::Combine(::testing::ValuesIn(kOrderFaults),
+                                            ::testing::Bool()),
+                         OrderFaultName);
 
 /* --------------------------------------------------- through properties */
 
