@@ -56,7 +56,6 @@ void Vigil_FabClientCleanup(void);
 zek_Status VigilFabRegisterClients(const char *portsetName);
 zek_Status VigilFabUnregisterClients(const char *portsetName);
 zek_Status VigilFabRegisterClientsCB(zek_PortsetHandle ps, void *data);
-zek_Status VigilFabUnregisterClientsCB(zek_PortsetHandle ps, void *data);
 zek_Status VigilFabVswitchActivateCB(void *ctx, const char *eventName, void *cbData,
                                void *eventData);
 zek_Status VigilFabVswitchDeactivateCB(void *ctx, const char *eventName, void *cbData,

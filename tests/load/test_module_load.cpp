@@ -220,7 +220,12 @@ TEST_F(ModuleLoad, StartRegistersEveryVswitchPortsetAndStopTakesAllAway) {
    ASSERT_GE(lines.size(), 2u);
    EXPECT_EQ(lines.front().text, "Starting Cleanup");
    EXPECT_TRUE(Has(lines, 1, "Starting VigilGenericCleanup"));
-   EXPECT_TRUE(Has(lines, 1, "Skipping FAB prop unregistration for portset class hostonly"));
+   /* The stop unregisters what the start registered, and looks at no
+    * other portset. */
+   EXPECT_TRUE(Has(lines, 1, "Vigil Unegistering FAB CBs for ps vs0"));
+   EXPECT_TRUE(Has(lines, 1, "Vigil Unegistering FAB CBs for ps vs1"));
+   EXPECT_FALSE(Has(lines, 1, "Skipping FAB prop unregistration for portset class hostonly"));
+   EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
 }
 
 TEST_F(ModuleLoad, PortsetEventsAfterStartRegisterAndUnregister) {
@@ -237,6 +242,22 @@ TEST_F(ModuleLoad, PortsetEventsAfterStartRegisterAndUnregister) {
    EXPECT_EQ(sim::LiveChains(), 0u);
    EXPECT_EQ(sim::LiveClientRegistrations(), 5u);
    Logs();
+}
+
+TEST_F(ModuleLoad, StopTakesBackTheHandlersOfAPortsetOfAnotherClassActivatedAfterStart) {
+   ASSERT_EQ(Load({}), 0);
+   /* The activate event registers a portset whatever its class. */
+   sim::AddPortset("other0", "other");
+   EXPECT_EQ(sim::RegisteredProperties("other0"), kAll);
+   ASSERT_TRUE(sim::AddPort("other0", kPort));
+   ASSERT_EQ(Write(kPort, kEnabled, Text("true")), ZEK_OK);
+   EXPECT_EQ(sim::LiveClientRegistrations(), 15u);
+   Logs();
+   /* Unload finds no record left in the heap and no handler installed. */
+   Unload();
+   std::vector<sim::LogLine> lines = Logs();
+   EXPECT_TRUE(Has(lines, 1, "Vigil Unegistering FAB CBs for ps other0"));
+   EXPECT_TRUE(sim::RegisteredProperties("other0").empty());
 }
 
 TEST_F(ModuleLoad, LiveUpgradeStartWaitsForActivateEvents) {

@@ -2,7 +2,8 @@
  * Registration with every active portset of the class "vswitch": once for
  * the portsets that exist at start, then through the events the switch
  * raises when a portset is activated or deactivated.  Each registered
- * portset has one record with the handles of its registrations.
+ * portset has one record with the handles of its registrations, and at stop
+ * every record of that table is unregistered, whatever its portset's class.
  */
 #include <cstring>
 
@@ -71,14 +72,20 @@ out:
    return status;
 }
 
+/* Ends a registered portset's registrations and frees its record.  Called
+ * with vigilFabClientLock held. */
+static void VigilFabReleaseClient(VigilFabClientHandles *client) {
+   Vigil_TransitUnregister(client);
+   Vigil_FabPropUnregister(client);
+   VigilListRemove(&client->links);
+   Vigil_HeapFree(client);
+}
+
 zek_Status VigilFabUnregisterClients(const char *portsetName) {
    zek_SpinlockLock(vigilFabClientLock);
    VigilFabClientHandles *client = VigilFindClient(portsetName);
    if (client != nullptr) {
-      Vigil_TransitUnregister(client);
-      Vigil_FabPropUnregister(client);
-      VigilListRemove(&client->links);
-      Vigil_HeapFree(client);
+      VigilFabReleaseClient(client);
    } else {
       VIGIL_LOG_INFO("Clients not registered for ps %s", portsetName);
    }
@@ -106,22 +113,6 @@ zek_Status VigilFabRegisterClientsCB(zek_PortsetHandle ps, void *data) {
       return ZEK_OK;
    }
    return VigilFabRegisterClients(zek_PortsetName(ps));
-}
-
-zek_Status VigilFabUnregisterClientsCB(zek_PortsetHandle ps, void *data) {
-   (void)data;
-   char cls[VIGIL_PORTSET_NAME_LEN];
-   zek_Status status = VigilPortsetClass(ps, cls);
-   if (status != ZEK_OK) {
-      VIGIL_LOG_INFO("Skipping FAB Prop unregistration for ps %s: %s",
-                     zek_PortsetName(ps), zek_StatusToString(status));
-      return ZEK_OK;
-   }
-   if (zek_Strncmp(cls, VIGIL_PORTSET_CLASS, VIGIL_PORTSET_NAME_LEN) != 0) {
-      VIGIL_LOG_INFO("Skipping FAB prop unregistration for portset class %s", cls);
-      return ZEK_OK;
-   }
-   return VigilFabUnregisterClients(zek_PortsetName(ps));
 }
 
 zek_Status VigilFabVswitchActivateCB(void *ctx, const char *eventName, void *cbData,
@@ -156,6 +147,19 @@ static zek_Status VigilSubscribeVswitchEvent(const char *format, zek_NetEventFn 
       return status;
    }
    return zek_NetEventPortsetEventSubscribe(0, name, fn, nullptr, handle);
+}
+
+/* Unregisters every portset in the table, oldest registration first.  The
+ * table, not the portsets' classes, tells what the module registered: an
+ * activate event registers a portset of any class, and no handler may stay
+ * installed once the module is gone. */
+static void VigilFabUnregisterAllClients(void) {
+   zek_SpinlockLock(vigilFabClientLock);
+   while (!VigilListIsEmpty(&vigilFabClientHandlesList)) {
+      VigilFabReleaseClient(VIGIL_LIST_ENTRY(vigilFabClientHandlesList.prev,
+                                             VigilFabClientHandles, links));
+   }
+   zek_SpinlockUnlock(vigilFabClientLock);
 }
 
 zek_Status Vigil_FabClientInit(void) {
@@ -218,8 +222,7 @@ void Vigil_FabClientCleanup(void) {
       vigilFabVswitchDeactivateEventHandle = nullptr;
    }
    if (vigilFabClientLock != VIGIL_NO_LOCK) {
-      zek_PortsetForAllPortsets(ZEK_PORTSET_MODE_READ, VigilFabUnregisterClientsCB,
-                                nullptr);
+      VigilFabUnregisterAllClients();
       zek_SpinlockDestroy(vigilFabClientLock);
       vigilFabClientLock = VIGIL_NO_LOCK;
    }
