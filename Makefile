@@ -34,17 +34,19 @@ test-asan: build-asan
 	@cd $(BUILD_DIR)/asan && ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 \
 	   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
 
-# ThreadSanitizer: only the race test (property writes racing with traffic
-# on one port) and what it needs.
+# ThreadSanitizer: the race test (property writes racing with traffic on
+# one port), and the tests of the two worlds and of the filter lifecycle,
+# where the worlds, the clean-up and the callbacks meet.
 TSAN_OPTIONS_RACE = halt_on_error=1 second_deadlock_stack=1
+TSAN_TESTS = ^race\.|^(AgingWorld|AgingWorldRunning|AgingWorldInit|CpWorld|CpWorldInit|FilterLifecycle|RetiredFilter)[A-Za-z]*\.
 
 build-tsan: deps
 	@cmake -S . -B $(BUILD_DIR)/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIGIL_TSAN=ON >/dev/null
-	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests
+	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests vigil_tests
 
 test-tsan: build-tsan
-	@echo "== tests: ThreadSanitizer build, race tests"
-	@cd $(BUILD_DIR)/tsan && TSAN_OPTIONS="$(TSAN_OPTIONS_RACE)" ctest $(CTEST_FLAGS) -R "^race\."
+	@echo "== tests: ThreadSanitizer build, race, world and lifecycle tests"
+	@cd $(BUILD_DIR)/tsan && TSAN_OPTIONS="$(TSAN_OPTIONS_RACE)" ctest $(CTEST_FLAGS) -R "$(TSAN_TESTS)"
 
 test: test-default test-asan test-tsan
 

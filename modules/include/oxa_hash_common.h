@@ -6,9 +6,9 @@
 #ifndef OXA_HASH_COMMON_H
 #define OXA_HASH_COMMON_H
 
-#include <atomic>
 #include <cstring>
 
+#include "vigil_atomic.h"
 #include "vigil_list.h"
 #include "vigil_types.h"
 
@@ -139,7 +139,7 @@ static inline void *OxaHashFind(OxaHashCommon *hash, const void *key) {
 static inline void OxaHashInsert(OxaHashCommon *hash, void *record) {
    OxaHashBucket *bucket = OxaHashBucketOf(hash, OxaHashRecordKey(hash, record));
    VigilListInsertBefore(&bucket->head, OxaHashRecordLinks(hash, record));
-   std::atomic_ref<u32>(hash->count).fetch_add(1);
+   VigilAtomicAdd(&hash->count, 1u);
    bucket->count++;
 }
 
@@ -147,7 +147,7 @@ static inline void OxaHashRemove(OxaHashCommon *hash, void *record) {
    OxaHashBucket *bucket = OxaHashBucketOf(hash, OxaHashRecordKey(hash, record));
    VigilListRemove(OxaHashRecordLinks(hash, record));
    bucket->count--;
-   std::atomic_ref<u32>(hash->count).fetch_sub(1);
+   VigilAtomicAdd(&hash->count, (u32)-1);
 }
 
 #endif /* OXA_HASH_COMMON_H */

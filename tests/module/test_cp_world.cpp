@@ -12,6 +12,7 @@
 #include "test_frames.h"
 #include "vigil_dhcp.h"
 #include "vigil_lifecycle.h"
+#include "vigil_atomic.h"
 #include "vigil_test.h"
 #include "vigil_throttle.h"
 #include "vigil_vmi.h"
@@ -386,11 +387,11 @@ TEST_F(CpWorldTest, FiveHundredThirteenthTaskIsRefusedAndTheFirstFiveHundredTwel
    /* The world is stopped and a queue kept without it, so that nothing is
     * taken off while the queue fills. */
    ASSERT_EQ(VigilCPWorldDestroy(), ZEK_OK);
-   ASSERT_EQ(cpWorldID, 0u);
+   ASSERT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
    ASSERT_EQ(VigilCreateLock("vigil.cpWorldQ", ZEK_SPINLOCK_ORDINARY, VIGIL_RANK_CP_WORLD_Q,
                              &taskQLock),
              ZEK_OK);
-   cpWorldID = 0xfffffff0u; /* taken for running */
+   VigilAtomicStore(&cpWorldID, (u32)(0xfffffff0u)); /* taken for running */
    sim::TakeLogs();
 
    std::vector<Bytes> sent;
@@ -422,7 +423,7 @@ TEST_F(CpWorldTest, FiveHundredThirteenthTaskIsRefusedAndTheFirstFiveHundredTwel
              Texts(TakeModuleLogs()));
    EXPECT_TRUE(sim::TakePortsetMessages().empty());
 
-   exitCPWorld = 0;
+   VigilAtomicStore(&exitCPWorld, (u8)(0));
    ASSERT_EQ(VigilCreateWorld("VigilCPWorld", VigilCPWorld, &cpWorldID), ZEK_OK);
    auto msgs = Delivered();
    ASSERT_EQ(msgs.size(), (size_t)VIGIL_TASK_Q_MAX);
@@ -440,7 +441,7 @@ TEST_F(CpWorldTest, AfterDestroyPostsFailAsNotRunningAndNothingElseChanges) {
                                kStart + 60);
    ASSERT_EQ(Delivered().size(), 1u);
    ASSERT_EQ(VigilCPWorldDestroy(), ZEK_OK);
-   EXPECT_EQ(cpWorldID, 0u);
+   EXPECT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
    EXPECT_EQ(taskQLock, VIGIL_NO_LOCK);
    EXPECT_EQ(sim::LiveWorlds(), 0u);
    sim::TakeLogs();
@@ -477,7 +478,7 @@ TEST_F(CpWorldTest, AfterDestroyPostsFailAsNotRunningAndNothingElseChanges) {
    EXPECT_EQ(taskQueue.head, nullptr);
    EXPECT_EQ(taskQueue.tail, nullptr);
    EXPECT_EQ(taskQueue.count, 0u);
-   EXPECT_EQ(cpWorldID, 0u);
+   EXPECT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
    EXPECT_EQ(taskQLock, VIGIL_NO_LOCK);
    EXPECT_EQ(sim::LiveWorlds(), 0u);
    EXPECT_EQ(VigilCPWorldDestroy(), ZEK_OK) << "a second stop finds nothing to do";
@@ -497,13 +498,13 @@ TEST_F(CpWorldTest, StopDropsTheTasksStillQueued) {
    ASSERT_EQ(VigilCreateLock("vigil.cpWorldQ", ZEK_SPINLOCK_ORDINARY, VIGIL_RANK_CP_WORLD_Q,
                              &taskQLock),
              ZEK_OK);
-   cpWorldID = 0xfffffff0u;
+   VigilAtomicStore(&cpWorldID, (u32)(0xfffffff0u));
    Bytes payload = V4Message(0, 1, "02:00:00:00:00:a1", "192.0.2.161", 1, 0, 1);
    for (int i = 0; i < 3; i++) {
       ASSERT_EQ(VigilPostPortsetMessage("vs0", kPort, payload.data(), 80), ZEK_OK);
    }
    sim::TakeLogs();
-   cpWorldID = 0; /* nothing to wait for */
+   VigilAtomicStore(&cpWorldID, (u32)(0)); /* nothing to wait for */
    EXPECT_EQ(VigilCPWorldDestroy(), ZEK_OK);
    EXPECT_EQ((LogList{{1, "cpWorld taskQ flushed, cnt: 3"}}), Texts(TakeModuleLogs()));
    EXPECT_EQ(taskQueue.count, 0u);
@@ -520,7 +521,7 @@ protected:
       ASSERT_EQ(VigilCreateLock("vigil.cpWorldQ", ZEK_SPINLOCK_ORDINARY,
                                 VIGIL_RANK_CP_WORLD_Q, &taskQLock),
                 ZEK_OK);
-      cpWorldID = 0xfffffff0u; /* taken for running */
+      VigilAtomicStore(&cpWorldID, (u32)(0xfffffff0u)); /* taken for running */
    }
 
    /* Queues `n` messages, each to a binding of its own. */
@@ -539,11 +540,11 @@ protected:
     * first, so that the new world looks at the queue only for its tasks. */
    zek_WorldID StartWorld() {
       EXPECT_EQ(zek_WorldWait(&cpWorldID, nullptr, 0, "test"), ZEK_OK);
-      cpWorldID = 0;
-      exitCPWorld = 0;
+      VigilAtomicStore(&cpWorldID, (u32)(0));
+      VigilAtomicStore(&exitCPWorld, (u8)(0));
       zek_WorldID id = 0;
       EXPECT_EQ(VigilCreateWorld("VigilCPWorld", VigilCPWorld, &id), ZEK_OK);
-      cpWorldID = id;
+      VigilAtomicStore(&cpWorldID, (u32)(id));
       EXPECT_TRUE(sim::WaitIdle(5.0));
       return id;
    }
@@ -625,7 +626,7 @@ protected:
       VigilTest::SetUp();
       ASSERT_EQ(VigilCPWorldDestroy(), ZEK_OK);
       ASSERT_EQ(taskQLock, VIGIL_NO_LOCK);
-      ASSERT_EQ(cpWorldID, 0u);
+      ASSERT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
       locks_ = sim::LiveLocks();
       worlds_ = sim::LiveWorlds();
       sim::TakeLogs();
@@ -645,8 +646,8 @@ TEST_F(CpWorldInitTest, InitCreatesTheRankFiveLockAndTheWorld) {
    ASSERT_TRUE(sim::WaitIdle(5.0));
    EXPECT_EQ(taskQueue.count, 0u);
    EXPECT_EQ(sim::LockName(taskQLock), "vigil.cpWorldQ");
-   EXPECT_NE(cpWorldID, 0u);
-   EXPECT_EQ(exitCPWorld, 0);
+   EXPECT_NE(VigilAtomicLoad(&cpWorldID), 0u);
+   EXPECT_EQ(VigilAtomicLoad(&exitCPWorld), 0);
    EXPECT_EQ(sim::LiveWorlds(), worlds_ + 1);
    LogList world;
    for (const sim::LogLine &line : sim::TakeLogs()) {
@@ -657,7 +658,7 @@ TEST_F(CpWorldInitTest, InitCreatesTheRankFiveLockAndTheWorld) {
              world);
 
    EXPECT_EQ(VigilCPWorldDestroy(), ZEK_OK);
-   EXPECT_EQ(cpWorldID, 0u);
+   EXPECT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
    EXPECT_EQ(taskQLock, VIGIL_NO_LOCK);
    EXPECT_EQ(sim::LiveWorlds(), worlds_);
    EXPECT_EQ(sim::LiveLocks(), locks_);
@@ -674,7 +675,7 @@ TEST_F(CpWorldInitTest, LockCreationFailureIsLoggedAndReturned) {
    EXPECT_EQ((LogList{{2, "Could not create cpWorld TaskQ lock, status: Out of memory"}}),
              Texts(TakeModuleLogs()));
    EXPECT_EQ(taskQLock, VIGIL_NO_LOCK);
-   EXPECT_EQ(cpWorldID, 0u);
+   EXPECT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
    EXPECT_EQ(sim::LiveWorlds(), worlds_);
    EXPECT_EQ(sim::LiveLocks(), locks_);
 
@@ -688,7 +689,7 @@ TEST_F(CpWorldInitTest, WorldCreationFailureIsLoggedAndDestroyRemovesTheLock) {
    EXPECT_EQ((LogList{{2, "Failed to create cpWorld: Out of memory"}}), Texts(TakeModuleLogs()));
    EXPECT_NE(taskQLock, VIGIL_NO_LOCK);
    EXPECT_EQ(sim::LiveLocks(), locks_ + 1);
-   EXPECT_EQ(cpWorldID, 0u);
+   EXPECT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
    EXPECT_EQ(sim::LiveWorlds(), worlds_);
    Bytes payload = V4Message(0, 1, "02:00:00:00:00:b1", "192.0.2.177", 1, 0, 1);
    EXPECT_EQ(VigilPostPortsetMessage("vs0", kPort, payload.data(), 80),
@@ -704,16 +705,16 @@ TEST_F(CpWorldInitTest, WorldCreationFailureIsLoggedAndDestroyRemovesTheLock) {
 TEST_F(CpWorldInitTest, FailedWaitForTheWorldsEndIsLoggedByTheCommonCleanupWhichGoesOn) {
    ASSERT_EQ(VigilCPWorldInit(), ZEK_OK);
    ASSERT_TRUE(sim::WaitIdle(5.0));
-   zek_WorldID id = cpWorldID;
+   zek_WorldID id = VigilAtomicLoad(&cpWorldID);
    ASSERT_NE(id, 0u);
    /* The world ends first, so that nothing of it runs while the clean-up
     * takes its lock away; the host keeps it until its death is waited
     * for. */
-   exitCPWorld = 1;
+   VigilAtomicStore(&exitCPWorld, (u8)(1));
    zek_WorldWakeup(&cpWorldID);
    ASSERT_TRUE(sim::WaitIdle(5.0));
-   ASSERT_EQ(cpWorldID, 0u);
-   cpWorldID = id;
+   ASSERT_EQ(VigilAtomicLoad(&cpWorldID), 0u);
+   VigilAtomicStore(&cpWorldID, (u32)(id));
    sim::TakeLogs();
 
    sim::FaultCall("WorldWaitForDeath", VIGIL_STATUS_FAILURE);
@@ -736,6 +737,6 @@ TEST_F(CpWorldInitTest, FailedWaitForTheWorldsEndIsLoggedByTheCommonCleanupWhich
    } while (status == VIGIL_STATUS_WAIT_AGAIN || status == VIGIL_STATUS_INTERRUPTED);
    EXPECT_EQ(status, ZEK_OK);
    EXPECT_EQ(sim::LiveWorlds(), worlds_);
-   cpWorldID = 0;
+   VigilAtomicStore(&cpWorldID, (u32)(0));
    RecreateHeapLogAndLockDomain();
 }

@@ -161,7 +161,7 @@ protected:
 TEST_F(AgingWorldRunningTest, PastExpiryArpBindingAddedWithDeleteOnExpiryOffIsKeptExpiredWithoutWakingTheWorld) {
    SetDeleteExpiry(0);
    ASSERT_TRUE(sim::WaitIdle(5.0));
-   const zek_WorldID world = agingWorldID;
+   const zek_WorldID world = VigilAtomicLoad(&agingWorldID);
    ASSERT_NE(world, 0u);
    const u64 wakes = sim::WorldWakes(world);
    const u64 queueLocks = sim::GetLockCounts(filterAgingQLock).exclusives;

@@ -1,3 +1,4 @@
+#include "vigil_atomic.h"
 #include "vigil_test.h"
 
 #include <algorithm>
@@ -41,8 +42,8 @@ void VigilTest::SetUp() {
    ASSERT_EQ(VigilAgingWorldInit(), ZEK_OK);
    if (!RunAgingWorld()) {
       /* Keep the queue, stop the world: tests then decide when aging runs. */
-      exitAgingWorld = 1;
-      ASSERT_EQ(VigilStopWorld(agingWorldID), ZEK_OK);
+      VigilAtomicStore(&exitAgingWorld, (u8)(1));
+      ASSERT_EQ(VigilStopWorld(VigilAtomicLoad(&agingWorldID)), ZEK_OK);
    }
    ASSERT_EQ(VigilCPWorldInit(), ZEK_OK);
    sim::AddPortset("vs0");
