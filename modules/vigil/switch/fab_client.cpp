@@ -13,6 +13,7 @@
 #include "vigil_throttle.h"
 
 #define VIGIL_PORTSET_CLASS "vswitch"
+#define VIGIL_PORTSET_CLASS_LEN 128 /* with its NUL */
 #define VIGIL_EVENT_NAME_LEN 64
 
 VigilListLinks vigilFabClientHandlesList;
@@ -23,7 +24,7 @@ zek_NetEventHandle vigilFabVswitchDeactivateEventHandle = nullptr;
 static VigilFabClientHandles *VigilFindClient(const char *portsetName) {
    VIGIL_LIST_FOR_EACH(pos, &vigilFabClientHandlesList) {
       VigilFabClientHandles *client = VIGIL_LIST_ENTRY(pos, VigilFabClientHandles, links);
-      if (zek_Strncmp(client->portsetName, portsetName, VIGIL_PORTSET_NAME_LEN) == 0) {
+      if (zek_Strncmp(client->portsetName, portsetName, VIGIL_PORTSET_NAME_MAX) == 0) {
          return client;
       }
    }
@@ -51,7 +52,7 @@ zek_Status VigilFabRegisterClients(const char *portsetName) {
          status = VIGIL_STATUS_NO_MEMORY;
          goto out;
       }
-      zek_Strncpy(client->portsetName, portsetName, VIGIL_PORTSET_NAME_LEN);
+      VigilCopyPortsetName(client->portsetName, portsetName);
       status = Vigil_FabPropRegister(portsetName, client);
       if (status != ZEK_OK) {
          VIGIL_LOG_ERROR("Failed to register FAB Props CBs for ps %s", portsetName);
@@ -94,21 +95,21 @@ zek_Status VigilFabUnregisterClients(const char *portsetName) {
 }
 
 /* Reads a portset's class; false (logged by the caller) if it can't. */
-static zek_Status VigilPortsetClass(zek_PortsetHandle ps, char cls[VIGIL_PORTSET_NAME_LEN]) {
-   memset(cls, 0, VIGIL_PORTSET_NAME_LEN);
-   return zek_PortsetLookupFABClassName(ps, cls, VIGIL_PORTSET_NAME_LEN);
+static zek_Status VigilPortsetClass(zek_PortsetHandle ps, char cls[VIGIL_PORTSET_CLASS_LEN]) {
+   memset(cls, 0, VIGIL_PORTSET_CLASS_LEN);
+   return zek_PortsetLookupFABClassName(ps, cls, VIGIL_PORTSET_CLASS_LEN);
 }
 
 zek_Status VigilFabRegisterClientsCB(zek_PortsetHandle ps, void *data) {
    (void)data;
-   char cls[VIGIL_PORTSET_NAME_LEN];
+   char cls[VIGIL_PORTSET_CLASS_LEN];
    zek_Status status = VigilPortsetClass(ps, cls);
    if (status != ZEK_OK) {
       VIGIL_LOG_INFO("Skipping FAB Client registration for ps %s %s",
                      zek_PortsetName(ps), zek_StatusToString(status));
       return ZEK_OK;
    }
-   if (zek_Strncmp(cls, VIGIL_PORTSET_CLASS, VIGIL_PORTSET_NAME_LEN) != 0) {
+   if (zek_Strncmp(cls, VIGIL_PORTSET_CLASS, VIGIL_PORTSET_CLASS_LEN) != 0) {
       VIGIL_LOG_INFO("Skipping FAB Client registration for portset class %s", cls);
       return ZEK_OK;
    }

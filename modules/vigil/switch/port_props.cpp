@@ -325,8 +325,7 @@ zek_Status Vigil_FabPropRegister(const char *portsetName, VigilFabClientHandles 
 }
 
 zek_Status Vigil_FabPropUnregister(VigilFabClientHandles *client) {
-   /* The name fills its 128 bytes without a terminator when it is that long. */
-   VIGIL_LOG_INFO("Vigil Unegistering FAB CBs for ps %.128s", client->portsetName);
+   VIGIL_LOG_INFO("Vigil Unegistering FAB CBs for ps %s", client->portsetName);
    for (u32 i = VIGIL_NUM_PROPS; i-- > 0;) {
       if (client->propHandles[i] == nullptr) {
          continue;
