@@ -641,7 +641,8 @@ TEST_F(PathprobeTest, TracedFrameOfAnotherEtherTypeLogsNotSupported) {
    std::vector<sim::LogLine> lines = sim::TakeLogs();
    ASSERT_EQ(lines.size(), 1u);
    EXPECT_EQ(lines[0].text, NoMetadataLog("Not supported"));
-   EXPECT_EQ(lines[0].log, "vigil");
+   /* A frame causes it: the throttled log takes it. */
+   EXPECT_EQ(lines[0].log, "vigil.throttle");
    EXPECT_EQ(lines[0].level, 2);
 }
 
@@ -740,11 +741,16 @@ protected:
    sim::HeapStats heapBefore;
 };
 
-TEST_F(MappedPtrTest, RangeBeyondTheFrameGivesNullLogsAndLeavesTheOffset) {
+TEST_F(MappedPtrTest, RangeBeyondTheFrameGivesNullLogsThrottledAndLeavesTheOffset) {
    u32 offset = 90;
    EXPECT_EQ(VigilGetMappedPtr(pkt, &offset, 11, &ctx), nullptr);
    EXPECT_EQ(offset, 90u);
-   EXPECT_EQ(LogTexts(), std::vector<std::string>{"Header offset (90 + 11) exceeds framelen: 100"});
+   std::vector<sim::LogLine> lines = TakeModuleLogs();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].text, "Header offset (90 + 11) exceeds framelen: 100");
+   /* The frame's own bytes cause it: the throttled log takes it. */
+   EXPECT_EQ(lines[0].log, "vigil.throttle");
+   EXPECT_EQ(lines[0].level, 2);
    EXPECT_EQ(ctx.flatCopy, nullptr);
 
    offset = 90;
