@@ -216,6 +216,36 @@ TEST_F(PortProps, InvalidEnableTextChangesNothing) {
    EXPECT_EQ(Vigil_GetPortFilter(kPort), filter);
 }
 
+TEST_F(PortProps, EnableValueIsLoggedWholeUpToItsLength) {
+   const std::string value = "truthfully, this is not one of the two words";
+   EXPECT_EQ(Write(kEnabled, Text(value)), kBadParam);
+   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.enable write on port 0x10, value: " + value},
+                             {2, "Invalid data " + value + " for port 10 vigil.enable"}}));
+   /* A value need not end in a NUL: what follows it is not shown. */
+   const char bytes[] = "tr_eXYZ";
+   zek_PortsetHandle ps = sim::FindPortset("vs0");
+   EXPECT_EQ(VigilPortPropEnableWrite(ps, kPort, kEnabled.c_str(), bytes, 4), kBadParam);
+   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.enable write on port 0x10, value: tr_e"},
+                             {2, "Invalid data tr_e for port 10 vigil.enable"}}));
+   /* Nor anything behind a NUL inside it. */
+   EXPECT_EQ(Write(kEnabled, Text("x\0true", 6)), kBadParam);
+   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.enable write on port 0x10, value: x"},
+                             {2, "Invalid data x for port 10 vigil.enable"}}));
+   EXPECT_EQ(Vigil_GetPortFilter(kPort), nullptr);
+}
+
+TEST_F(PortProps, EnableWithoutDataShowsAnEmptyValueAndDisables) {
+   ASSERT_NE(Enable(), nullptr);
+   zek_PortsetHandle ps = sim::FindPortset("vs0");
+   EXPECT_EQ(VigilPortPropEnableWrite(ps, kPort, kEnabled.c_str(), nullptr, 4), ZEK_OK);
+   std::vector<std::pair<int, std::string>> lines = Lines();
+   ASSERT_FALSE(lines.empty());
+   EXPECT_EQ(lines[0], (std::pair<int, std::string>{1, "Prop vigil.enable write on port "
+                                                       "0x10, value: "}));
+   EXPECT_EQ(Vigil_GetPortFilter(kPort), nullptr);
+   EXPECT_EQ(sim::LiveChains(), 0u);
+}
+
 TEST_F(PortProps, EnableTwiceKeepsOneFilter) {
    EXPECT_EQ(Write(kEnabled, Text("true")), ZEK_OK);
    EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.enable write on port 0x10, value: true"}}));

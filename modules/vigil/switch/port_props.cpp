@@ -4,6 +4,7 @@
  * configuration operation under the filter's write lock.  A property written
  * before the filter exists is refused and forgotten.
  */
+#include <climits>
 #include <cstring>
 
 #include "vigil_config.h"
@@ -41,15 +42,12 @@ zek_Status VigilPortPropEnableWrite(zek_PortsetHandle portset, zek_PortID portID
                                     u32 dataLen) {
    (void)propName;
    const char *text = (const char *)data;
-   char shown[16];
-   u32 shownLen = dataLen < sizeof shown - 1 ? dataLen : (u32)sizeof shown - 1;
-   if (text != nullptr) {
-      memcpy(shown, text, shownLen);
-   } else {
-      shownLen = 0;
-   }
-   shown[shownLen] = '\0';
-   VIGIL_LOG_INFO("Prop vigil.enable write on port %#x, value: %s", portID, shown);
+   /* The value is shown as written, bounded by its length: it need not end
+    * in a NUL.  Without data there is nothing to show. */
+   const char *shown = text != nullptr ? text : "";
+   int shownLen = text == nullptr ? 0 : dataLen > (u32)INT_MAX ? INT_MAX : (int)dataLen;
+   VIGIL_LOG_INFO("Prop vigil.enable write on port %#x, value: %.*s", portID, shownLen,
+                  shown);
 
    bool disable = dataLen == 0 || text == nullptr ||
                   (text[0] == 'f' && VigilIsWord(text, dataLen, "false"));
@@ -60,7 +58,8 @@ zek_Status VigilPortPropEnableWrite(zek_PortsetHandle portset, zek_PortID portID
       return ZEK_OK;
    }
    if (!enable) {
-      VIGIL_LOG_ERROR("Invalid data %s for port %x vigil.enable", shown, portID);
+      VIGIL_LOG_ERROR("Invalid data %.*s for port %x vigil.enable", shownLen, shown,
+                      portID);
       return VIGIL_STATUS_BAD_PARAM;
    }
    VigilFilter *filter = Vigil_GetPortFilter(portID);
