@@ -102,6 +102,7 @@ struct VigilFilter {
    u32 portID;
    zek_SpinlockHandle configLock;
    u8 configWriteHeld;
+   u32 configReadHolds; /* read holds of configLock, counted in debug builds */
    char portsetName[VIGIL_PORTSET_NAME_LEN];
    zek_IOChainHandle ioChainInput;
    zek_IOChainHandle ioChainOutput;

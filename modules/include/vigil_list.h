@@ -9,6 +9,8 @@
 
 #include <cstddef>
 
+#include "vigil_debug.h"
+
 struct VigilListLinks {
    VigilListLinks *prev;
    VigilListLinks *next;
@@ -27,9 +29,11 @@ static inline bool VigilListIsLinked(const VigilListLinks *links) {
    return links->next != nullptr;
 }
 
-/* Links `elem` between `prev` and `prev->next`. */
+/* Links `elem` between `prev` and `prev->next`; `elem` must be on no list. */
 static inline void VigilListInsertAfter(VigilListLinks *prev,
                                         VigilListLinks *elem) {
+   VIGIL_ASSERT(elem->prev == nullptr && elem->next == nullptr);
+   VIGIL_ASSERT(VigilListIsLinked(prev));
    elem->prev = prev;
    elem->next = prev->next;
    prev->next->prev = elem;
@@ -42,7 +46,9 @@ static inline void VigilListInsertBefore(VigilListLinks *next,
    VigilListInsertAfter(next->prev, elem);
 }
 
+/* Unlinks `elem`, which must be on a list. */
 static inline void VigilListRemove(VigilListLinks *elem) {
+   VIGIL_ASSERT(VigilListIsLinked(elem) && elem->prev != nullptr);
    elem->prev->next = elem->next;
    elem->next->prev = elem->prev;
    elem->prev = nullptr;

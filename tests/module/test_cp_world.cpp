@@ -417,7 +417,9 @@ TEST_F(CpWorldTest, FiveHundredThirteenthTaskIsRefusedAndTheFirstFiveHundredTwel
    /* A binding added now is kept, and its message is lost, logged twice. */
    VigilVmi *vmi = AddBinding(5, "02:00:00:00:03:00", "10.8.8.8", VIGIL_DISC_DHCP, kStart + 60);
    EXPECT_EQ(filter->numVmis, 1u);
-   EXPECT_EQ(VigilFindVmi(filter, 5, vmi->mac, vmi->ip), vmi);
+   EXPECT_EQ(WithReadHold(filter->portID,
+                          [&] { return VigilFindVmi(filter, 5, vmi->mac, vmi->ip); }),
+             vmi);
    EXPECT_EQ((LogList{{1, "Unable to post portDB portset message to CPWorld: Limit exceeded"},
                       {2, "Filter 0x10 Could not post message:portdb.entry.added:Limit exceeded"}}),
              Texts(TakeModuleLogs()));
@@ -466,7 +468,9 @@ TEST_F(CpWorldTest, AfterDestroyPostsFailAsNotRunningAndNothingElseChanges) {
    DelBinding(kept);
    EXPECT_EQ(filter->numVmis, 1u);
    EXPECT_EQ(filter->numArpVmis, 1u);
-   EXPECT_EQ(VigilFindVmi(filter, 1, added->mac, added->ip), added);
+   EXPECT_EQ(WithReadHold(filter->portID,
+                          [&] { return VigilFindVmi(filter, 1, added->mac, added->ip); }),
+             added);
    EXPECT_EQ(sim::GetHeapStats(heapID).allocations, allocations);
    EXPECT_EQ((LogList{
                 {1, "Unable to post portDB portset message to CPWorld: Not initialized"},

@@ -197,7 +197,8 @@ protected:
    }
 
    VigilVmi *Find(u16 vlan, const MacAddr &mac, u32 ip) {
-      return VigilFindVmi(filter, vlan, mac.data(), ip);
+      return WithReadHold(filter->portID,
+                          [&] { return VigilFindVmi(filter, vlan, mac.data(), ip); });
    }
 
    Counters Count() const {
@@ -595,7 +596,9 @@ TEST_F(VmiTableTest, IgnoreListEntryJoinsItsConditionsAndEntriesAreAlternatives)
    auto matches = [&](const std::vector<VigilWhiteListEntry> &entries, u16 vlan,
                       const MacAddr &mac, u32 addr) {
       SetIgnoreList(entries);
-      return VigilMatchV4IgnoreList(filter, vlan, mac.data(), addr);
+      return WithReadHold(filter->portID, [&] {
+         return VigilMatchV4IgnoreList(filter, vlan, mac.data(), addr);
+      });
    };
    /* VLAN and MAC together. */
    auto vlanMac = IgnoreEntry(VIGIL_WL_VLAN | VIGIL_WL_MAC, 5, kVm, 0);
@@ -649,11 +652,11 @@ TEST_F(VmiTableTest, RefreshMovesABindingToItsNewPlace) {
    ASSERT_EQ(Add(5, kVm, IpN(1), VIGIL_DISC_ARP, kNow + 10, "", &a), ZEK_OK);
    ASSERT_EQ(Add(5, kVm, IpN(2), VIGIL_DISC_ARP, kNow + 20, "", &b), ZEK_OK);
    ASSERT_EQ(Add(5, kVm, IpN(3), VIGIL_DISC_DHCP, kNow + 30, "", &c), ZEK_OK);
-   VigilRefreshVmiExpiryTs(filter, a, kNow + 25);
+   WithWriteHold(filter->portID, [&] { VigilRefreshVmiExpiryTs(filter, a, kNow + 25); });
    EXPECT_EQ(a->expiryTs, kNow + 25);
    EXPECT_EQ(VmiList(), (std::vector<VigilVmi *>{b, a, c}));
    /* After the records of equal expiry. */
-   VigilRefreshVmiExpiryTs(filter, c, kNow + 20);
+   WithWriteHold(filter->portID, [&] { VigilRefreshVmiExpiryTs(filter, c, kNow + 20); });
    EXPECT_EQ(VmiList(), (std::vector<VigilVmi *>{b, c, a}));
    EXPECT_EQ(Count(), (Counters{3, 1, 2, 0, 0, 0}));
    EXPECT_EQ(Violations(), std::vector<std::string>{});
@@ -666,7 +669,7 @@ TEST_F(VmiTableTest, RefreshBringsAnExpiredBindingBackToTheVmiList) {
    ASSERT_EQ(Add(5, kVm, IpN(1), VIGIL_DISC_ARP, kNow - 10, "", &old), ZEK_OK);
    ASSERT_EQ(Add(5, kVm, IpN(2), VIGIL_DISC_ARP, kNow + 100, "", &live), ZEK_OK);
    ASSERT_EQ(filter->numExpiredVmis, 1u);
-   VigilRefreshVmiExpiryTs(filter, old, kNow + 50);
+   WithWriteHold(filter->portID, [&] { VigilRefreshVmiExpiryTs(filter, old, kNow + 50); });
    EXPECT_EQ(filter->numExpiredVmis, 0u);
    EXPECT_TRUE(ExpiredList().empty());
    EXPECT_FALSE(VigilListIsLinked(&old->expiredLinks));
@@ -944,7 +947,7 @@ TEST_F(VmiCheckTest, RecordUnlinkedFromItsList) {
                                  ": a record is on no expiry list",
                               "Filter 0x10 numVmis 4, lists hold 3",
                               "Filter 0x10 numArpVmis 2, lists hold 1"}));
-   VigilInsertIntoVmiList(filter, arp);
+   WithWriteHold(filter->portID, [&] { VigilInsertIntoVmiList(filter, arp); });
 }
 
 TEST_F(VmiCheckTest, RecordOnBothLists) {
@@ -984,7 +987,7 @@ TEST_F(VmiCheckTest, NonArpRecordOnTheExpiredList) {
                               "Filter 0x10 expiredVmiList holds 1 records not learnt by ARP",
                               "Filter 0x10 numExpiredVmis 1, list holds 2"}));
    VigilListRemove(&dhcp->expiredLinks);
-   VigilInsertIntoVmiList(filter, dhcp);
+   WithWriteHold(filter->portID, [&] { VigilInsertIntoVmiList(filter, dhcp); });
 }
 
 TEST_F(VmiCheckTest, RecordOfAnUnknownMethod) {
@@ -1253,8 +1256,10 @@ TEST_F(VmiTableTest, RandomOperationsAgreeWithAModel) {
          ASSERT_EQ(vmi != nullptr, it != model.records.end()) << "step " << step;
          if (vmi != nullptr) {
             /* As snooping does: refresh, then re-file for aging. */
-            VigilRefreshVmiExpiryTs(filter, vmi, expiry);
-            VigilUpdateFilterAging(filter);
+            WithWriteHold(filter->portID, [&] {
+               VigilRefreshVmiExpiryTs(filter, vmi, expiry);
+               VigilUpdateFilterAging(filter);
+            });
             it->second.expiry = expiry;
             it->second.onExpired = false;
             it->second.seq = model.nextSeq++;

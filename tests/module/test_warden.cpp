@@ -19,6 +19,11 @@
 
 namespace {
 
+/* The white list match, with the filter held for read as a batch holds it. */
+template <typename... Args> u32 MatchWL(VigilFilter *filter, Args... args) {
+   return WithReadHold(filter->portID, [&] { return WardenMatchWL(filter, args...); });
+}
+
 constexpr u32 kPort = 0x10;
 constexpr u16 kVlan = 5;
 constexpr u16 kOtherVlan = 6;
@@ -252,7 +257,9 @@ protected:
 
    u32 Warden(u16 vlan, const u8 *mac, const u8 *addr, const u8 *sha, u32 kind,
               const u8 *ppMetadata, u32 obsvFlags) {
-      return VigilWarden(filter, vlan, mac, addr, sha, kind, ppMetadata, obsvFlags);
+      return WithReadHold(filter->portID, [&] {
+         return VigilWarden(filter, vlan, mac, addr, sha, kind, ppMetadata, obsvFlags);
+      });
    }
 
    /* The observations since the last call; each must name our metadata. */
@@ -317,7 +324,7 @@ TEST_F(WardenTest, MatchOfOneEntryFollowsTheRulesForEveryKindFlagSetAndPrefix) {
                         const u8 *addr = kind == 4 ? nullptr : pair.probe.data();
                         bool expect = RefMatch(entry, kind, vlan, mac, addr, macsEqual);
                         u32 index = 0x12345678;
-                        u32 result = WardenMatchWL(filter, &entry, 1, vlan, mac, addr,
+                        u32 result = MatchWL(filter, &entry, 1, vlan, mac, addr,
                                                    sha, kind, macsEqual, "P", &index);
                         size_t lines = TakeThrottledLines();
                         size_t expectLines = expect ? 0
@@ -390,7 +397,7 @@ TEST_F(WardenTest, FirstMatchingEntryWinsInRandomLists) {
          }
       }
       u32 index = 0x12345678;
-      u32 result = WardenMatchWL(filter, list.empty() ? nullptr : list.data(), size,
+      u32 result = MatchWL(filter, list.empty() ? nullptr : list.data(), size,
                                  vlan, mac, addr, sha, kind, macsEqual, "S", &index);
       sim::TakeLogs();
       byIndex[expectIndex == 0xffffffffu ? 5 : expectIndex]++;
@@ -413,7 +420,7 @@ TEST_F(WardenTest, FirstMatchingEntryWinsInRandomLists) {
 TEST_F(WardenTest, EmptyListMatchesNothingAndLogsTheDrop) {
    Addr ip = V4("192.0.2.10");
    u32 index = 7;
-   EXPECT_EQ(WardenMatchWL(filter, nullptr, 0, kVlan, kVm.data(), ip.data(), nullptr,
+   EXPECT_EQ(MatchWL(filter, nullptr, 0, kVlan, kVm.data(), ip.data(), nullptr,
                            1, false, "P", &index),
              1u);
    EXPECT_EQ(index, 0xffffffffu);
@@ -428,7 +435,7 @@ TEST_F(WardenTest, OddIpv4PrefixLengthsTakeTheShiftModuloThirtyTwo) {
       VigilWhiteListEntry entry = Entry(VIGIL_WL_IPV4, entryIp, prefix);
       Addr addr = V4(probe);
       u32 index;
-      u32 result = WardenMatchWL(filter, &entry, 1, 0, kVm.data(), addr.data(),
+      u32 result = MatchWL(filter, &entry, 1, 0, kVm.data(), addr.data(),
                                  nullptr, 1, false, "P", &index);
       sim::TakeLogs();
       return result == 2;
@@ -451,7 +458,7 @@ TEST_F(WardenTest, Ipv6PrefixesAboveOneHundredTwentyEightCompareTheWholeAddress)
       VigilWhiteListEntry entry = Entry(VIGIL_WL_IPV6, V6(entryText), prefix);
       Addr addr = V6(probeText);
       u32 index;
-      u32 result = WardenMatchWL(filter, &entry, 1, 0, kVm.data(), addr.data(),
+      u32 result = MatchWL(filter, &entry, 1, 0, kVm.data(), addr.data(),
                                  nullptr, 2, false, "P", &index);
       sim::TakeLogs();
       return result == 2;
@@ -860,7 +867,9 @@ protected:
    }
    u32 Run() {
       u32 action = 0;
-      EXPECT_EQ(VigilProcessTxIpv6Warden(filter, pkt_, &ctx, &action), ZEK_OK);
+      EXPECT_EQ(WithReadHold(filter->portID,
+                             [&] { return VigilProcessTxIpv6Warden(filter, pkt_, &ctx, &action); }),
+                ZEK_OK);
       return action;
    }
    void TearDown() override {

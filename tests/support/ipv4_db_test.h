@@ -316,7 +316,8 @@ protected:
 
    VigilVmi *Find(u16 vlan, const std::string &mac, const std::string &ip) {
       MacAddr m = MacOf(mac);
-      return VigilFindVmi(filter, vlan, m.data(), Ip(ip));
+      return WithReadHold(filter->portID,
+                          [&] { return VigilFindVmi(filter, vlan, m.data(), Ip(ip)); });
    }
 
    VigilDhcpReq *FirstReq() {

@@ -57,6 +57,22 @@ private:
    std::vector<u32> filterPorts_;
 };
 
+/* Runs `fn` with the port's filter held for read, as a batch holds it when
+ * it calls the functions that read the tables; gives what `fn` gives. */
+template <typename Fn> auto WithReadHold(u32 portID, Fn fn) {
+   VigilFilter *held = Vigil_LockFilter(portID, false);
+   auto result = fn();
+   Vigil_UnlockFilter(held, false);
+   return result;
+}
+
+/* Runs `fn` with the port's filter held for write. */
+template <typename Fn> void WithWriteHold(u32 portID, Fn fn) {
+   VigilFilter *held = Vigil_LockFilter(portID, true);
+   fn();
+   Vigil_UnlockFilter(held, true);
+}
+
 /* The failure hook that fails the running test on a host-detected defect. */
 void VigilTestFailureHook(const std::string &what);
 

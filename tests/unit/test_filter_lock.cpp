@@ -106,13 +106,42 @@ TEST_F(FilterLockTest, RelockForWriteOfAFilterGoneFromItsPortGivesNullAndHoldsNo
    oxa_PortVoltaliteDataSet(0x28, VIGIL_FILTER_SLOT, filter, nullptr);
 }
 
-TEST_F(FilterLockTest, AssertFilterIsLockedAcceptsTheWriteHolder) {
+TEST_F(FilterLockTest, AssertFilterIsLockedAcceptsTheWriteHolderAndReadHolders) {
    VigilFilter *filter = AddFilter(0x29);
    Vigil_LockFilter(0x29, true);
    Vigil_AssertFilterIsLocked(filter, true);
-   Vigil_UnlockFilter(filter, true);
    Vigil_AssertFilterIsLocked(filter, false);
+   Vigil_UnlockFilter(filter, true);
+   Vigil_LockFilter(0x29, false);
+   Vigil_AssertFilterIsLocked(filter, false);
+   Vigil_UnlockFilter(filter, false);
 }
+
+#if VIGIL_DEBUG_CHECKS
+TEST_F(FilterLockTest, ReadHoldsAreCountedInDebugBuilds) {
+   VigilFilter *filter = AddFilter(0x2b);
+   Vigil_LockFilter(0x2b, false);
+   EXPECT_EQ(filter->configReadHolds, 1u);
+   Vigil_UnlockFilter(filter, false);
+   EXPECT_EQ(filter->configReadHolds, 0u);
+}
+
+TEST_F(FilterLockTest, AssertFilterIsLockedPanicsWithoutAnyHoldInDebugBuilds) {
+   VigilFilter *filter = AddFilter(0x2c);
+   EXPECT_DEATH(Vigil_AssertFilterIsLocked(filter, false), "Filter 0x2c not locked");
+}
+
+TEST(ListLinks, InsertingALinkedRecordPanicsInDebugBuilds) {
+   VigilListLinks head, elem = {nullptr, nullptr};
+   VigilListInit(&head);
+   VigilListInsertBefore(&head, &elem);
+   EXPECT_DEATH(VigilListInsertBefore(&head, &elem),
+                "Assertion failed: elem->prev == nullptr && elem->next == nullptr");
+   VigilListRemove(&elem);
+   EXPECT_EQ(elem.next, nullptr);
+   EXPECT_DEATH(VigilListRemove(&elem), "Assertion failed: VigilListIsLinked");
+}
+#endif
 
 #if VIGIL_DEBUG_CHECKS
 TEST_F(FilterLockTest, AssertFilterIsLockedPanicsWithoutTheWriteLockInDebugBuilds) {

@@ -5,6 +5,8 @@
  * so the "port and filter" helpers take the filter's lock alone.
  */
 #include "oxa.h"
+#include "vigil_atomic.h"
+#include "vigil_debug.h"
 #include "vigil_filter.h"
 #include "vigil_module.h"
 
@@ -26,6 +28,9 @@ VigilFilter *Vigil_LockFilter(u32 portID, bool forWrite) {
       filter->configWriteHeld = 1;
    } else {
       zek_SpinlockReadLock(filter->configLock);
+#if VIGIL_DEBUG_CHECKS
+      VigilAtomicAdd(&filter->configReadHolds, 1u);
+#endif
    }
    return filter;
 }
@@ -35,6 +40,10 @@ void Vigil_UnlockFilter(VigilFilter *filter, bool forWrite) {
       filter->configWriteHeld = 0;
       zek_SpinlockWriteUnlock(filter->configLock);
    } else {
+#if VIGIL_DEBUG_CHECKS
+      VIGIL_ASSERT(VigilAtomicLoad(&filter->configReadHolds) != 0);
+      VigilAtomicAdd(&filter->configReadHolds, (u32)-1);
+#endif
       zek_SpinlockReadUnlock(filter->configLock);
    }
 }
@@ -60,6 +69,12 @@ void Vigil_AssertFilterIsLocked(VigilFilter *filter, bool forWrite) {
    if (forWrite && filter->configWriteHeld != 1) {
       zek_PanicWithModuleID(moduleID, "Filter %#x not locked for write",
                             filter->portID);
+   }
+   /* A read hold is not tied to a thread: this tells that some batch holds
+    * the lock for read, or that it is held for write. */
+   if (!forWrite && filter->configWriteHeld != 1 &&
+       VigilAtomicLoad(&filter->configReadHolds) == 0) {
+      zek_PanicWithModuleID(moduleID, "Filter %#x not locked", filter->portID);
    }
 #else
    (void)filter;

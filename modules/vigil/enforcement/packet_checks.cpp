@@ -98,6 +98,7 @@ static bool VigilIsIpv4Fragment(const u8 *ipHdr) {
 
 bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
                                  VigilPacketContext *ctx) {
+   Vigil_AssertFilterIsLocked(filter, false);
    if ((filter->featuresEnabled & VIGIL_FEAT_DHCP_SERVER_BLOCK) == 0) {
       return true;
    }
@@ -244,6 +245,7 @@ static zek_Status VigilTxNonIp(VigilFilter *filter, VigilPacketContext *ctx,
 
 zek_Status VigilProcessPktTx(VigilFilter *filter, zek_Pkt *pkt,
                              VigilPacketContext *ctx, u32 *action) {
+   Vigil_AssertFilterIsLocked(filter, false);
    *action = VIGIL_ACTION_FORWARD;
    if (VigilLimitGroupFrame(filter, ctx->ethHdr, VIGIL_FEAT_TX_BCAST_LIMIT,
                             &filter->txBcastLimiter,
@@ -268,6 +270,7 @@ zek_Status VigilProcessPktTx(VigilFilter *filter, zek_Pkt *pkt,
 
 zek_Status VigilProcessPktRx(VigilFilter *filter, zek_Pkt *pkt,
                              VigilPacketContext *ctx, u32 *action) {
+   Vigil_AssertFilterIsLocked(filter, false);
    *action = VIGIL_ACTION_FORWARD;
    if (VigilLimitGroupFrame(filter, ctx->ethHdr, VIGIL_FEAT_RX_BCAST_LIMIT,
                             &filter->rxBcastLimiter,

@@ -318,6 +318,7 @@ zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *c
 }
 
 zek_Status VigilConfigDiscovery(VigilFilter *filter, const u32 *bits, bool flush) {
+   Vigil_AssertFilterIsLocked(filter, true);
    VIGIL_LOG_VERBOSE(2, "Filter %#x new featuresEnabled = %#x", filter->portID, *bits);
    zek_Status status = VigilConfigL3(filter, bits, flush);
    if (status != ZEK_OK) {
@@ -332,6 +333,7 @@ zek_Status VigilConfigDiscovery(VigilFilter *filter, const u32 *bits, bool flush
 
 zek_Status VigilConfigIpv4Discovery(VigilFilter *filter, bool dhcp, bool arp,
                                     bool flush) {
+   Vigil_AssertFilterIsLocked(filter, true);
    u32 bits = (dhcp ? VIGIL_DISC_DHCP : 0) | (arp ? VIGIL_DISC_ARP : 0);
    return VigilConfigDiscovery(filter, &bits, flush);
 }
@@ -350,6 +352,7 @@ zek_Status VigilValidateIgnoreList(VigilFilter *filter,
 
 zek_Status VigilConfigDiscoveryIL(VigilFilter *filter,
                                   const VigilIgnoreListConfig *blob) {
+   Vigil_AssertFilterIsLocked(filter, true);
    if (blob == nullptr || blob->count == 0) {
       Vigil_HeapFree(filter->portIgnoreList);
       filter->portIgnoreList = nullptr;

@@ -150,6 +150,7 @@ u32 WardenMatchWL(VigilFilter *filter, const VigilWhiteListEntry *list,
                   u32 size, u16 vlan, const u8 *mac, const u8 *addr,
                   const u8 *arpSenderMac, u32 kind, bool macsEqual,
                   const char *tag, u32 *matchIndex) {
+   Vigil_AssertFilterIsLocked(filter, false);
    for (u32 i = 0; i < size; i++) {
       if (VigilEntryMatches(&list[i], vlan, mac, addr, kind, macsEqual)) {
          *matchIndex = i;
@@ -188,6 +189,7 @@ static void VigilSendOutputObsv(VigilFilter *filter, const u8 *ppMetadata,
 u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
                 const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
                 u32 obsvFlags) {
+   Vigil_AssertFilterIsLocked(filter, false);
    bool macsEqual = false;
    u32 matchIndex;
    if (kind == VIGIL_WDN_ARP) {
@@ -234,6 +236,7 @@ u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
  * advertisement also its target. */
 zek_Status VigilProcessTxIpv6Warden(VigilFilter *filter, zek_Pkt *pkt,
                                     VigilPacketContext *ctx, u32 *action) {
+   Vigil_AssertFilterIsLocked(filter, false);
    static const u8 unspecified[16] = {0};
    const u8 *srcMac = ctx->ethHdr + 6;
    const u8 *ipSrc = ctx->ipHdr + 8;

@@ -25,6 +25,7 @@ static i64 VigilUptimeSecs(void) {
 
 zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
                          const u8 *arpHdr, u32 *action) {
+   Vigil_AssertFilterIsLocked(filter, false);
    u16 op = VigilGetBe16(arpHdr + 6);
    if (op != VIGIL_ARP_OP_REQUEST && op != VIGIL_ARP_OP_REPLY) {
       return ZEK_OK;
@@ -66,6 +67,7 @@ zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
 }
 
 void VigilExtendAge(VigilFilter *filter, VigilPacketContext *ctx) {
+   Vigil_AssertFilterIsLocked(filter, true);
    u32 ipSrc;
    memcpy(&ipSrc, ctx->ipHdr + 12, 4);
    VigilVmi *vmi = VigilFindVmi(filter, ctx->vlanId, ctx->ethHdr + 6, ipSrc);

@@ -171,6 +171,7 @@ static bool VigilSameClient(u32 recordIdLen, const u8 *recordId,
 VigilVmi *VigilFindDhcpClientVmi(VigilFilter *filter, u16 vlanId,
                                  const u8 *chaddr, u32 clientIdLen,
                                  const u8 *clientId) {
+   Vigil_AssertFilterIsLocked(filter, false);
    VIGIL_LIST_FOR_EACH(pos, &filter->vmiList) {
       VigilVmi *vmi = VIGIL_VMI_FROM_EXPIRY(pos);
       if (vmi->vlanId == vlanId && vmi->discMethod == VIGIL_DISC_DHCP &&
@@ -183,6 +184,7 @@ VigilVmi *VigilFindDhcpClientVmi(VigilFilter *filter, u16 vlanId,
 }
 
 VigilDhcpReq *VigilFindDhcpClientReq(VigilFilter *filter, VigilPacketContext *ctx) {
+   Vigil_AssertFilterIsLocked(filter, false);
    const u8 *chaddr = ctx->dhcpHdr + VIGIL_DHCP_CHADDR;
    VIGIL_LIST_FOR_EACH(pos, &filter->dhcpReqList) {
       VigilDhcpReq *req = VIGIL_DHCP_REQ_FROM_LINKS(pos);
@@ -197,6 +199,7 @@ VigilDhcpReq *VigilFindDhcpClientReq(VigilFilter *filter, VigilPacketContext *ct
 
 VigilDhcpReq *VigilFindMatchingDhcpReq(VigilFilter *filter, u16 vlanId,
                                        const u8 *dhcpHdr) {
+   Vigil_AssertFilterIsLocked(filter, false);
    u32 xid = VigilReadU32(dhcpHdr + VIGIL_DHCP_XID);
    VIGIL_LIST_FOR_EACH(pos, &filter->dhcpReqList) {
       VigilDhcpReq *req = VIGIL_DHCP_REQ_FROM_LINKS(pos);
@@ -220,6 +223,7 @@ void VigilDelDhcpReq(VigilFilter *filter, VigilDhcpReq *req) {
 }
 
 zek_Status VigilAddDhcpReq(VigilFilter *filter, VigilPacketContext *ctx) {
+   Vigil_AssertFilterIsLocked(filter, true);
    const u8 *hdr = ctx->dhcpHdr;
    if (filter->numDhcpReqs >= VIGIL_MAX_DHCP_REQS) {
       VIGIL_LOG_THROTTLED("Filter %#x Max V4 Requests: %u reached", filter->portID,
@@ -264,6 +268,7 @@ zek_Status VigilAddDhcpReq(VigilFilter *filter, VigilPacketContext *ctx) {
 
 zek_Status VigilDhcpSnoopTx(VigilFilter *filter, zek_Pkt *pkt,
                             VigilPacketContext *ctx, u32 *action) {
+   Vigil_AssertFilterIsLocked(filter, false);
    if (ctx->holdsReadLock) {
       *action = VIGIL_ACTION_RELOCK;
       return ZEK_OK;
@@ -317,6 +322,7 @@ zek_Status VigilDhcpSnoopTx(VigilFilter *filter, zek_Pkt *pkt,
 }
 
 zek_Status VigilUpdateVmiIp(VigilFilter *filter, VigilVmi *vmi, u32 newIp) {
+   Vigil_AssertFilterIsLocked(filter, true);
    VigilVmi *old = VigilFindVmi(filter, vmi->vlanId, vmi->mac, vmi->ip);
    if (old == nullptr) {
       old = vmi;
@@ -325,8 +331,10 @@ zek_Status VigilUpdateVmiIp(VigilFilter *filter, VigilVmi *vmi, u32 newIp) {
    bool cloned = clone != nullptr;
    if (cloned) {
       memcpy(clone, old, sizeof(VigilVmi));
-      clone->expiryLinks.prev = nullptr;
-      clone->expiryLinks.next = nullptr;
+      /* The copy is on no list yet, whatever the original's links say. */
+      memset(&clone->hashLinks, 0, sizeof clone->hashLinks);
+      memset(&clone->expiryLinks, 0, sizeof clone->expiryLinks);
+      memset(&clone->expiredLinks, 0, sizeof clone->expiredLinks);
       clone->clientIdStr = nullptr;
       if (old->discMethod == VIGIL_DISC_DHCP && old->clientIdLen > 0) {
          clone->clientIdStr = VigilCopyClientId(old->clientIdStr, old->clientIdLen);
@@ -411,6 +419,7 @@ static zek_Status VigilBindDhcpClient(VigilFilter *filter, VigilPacketContext *c
 }
 
 zek_Status VigilProcessDhcpAck(VigilFilter *filter, VigilPacketContext *ctx) {
+   Vigil_AssertFilterIsLocked(filter, true);
    VigilDhcpReq *req = VigilFindMatchingDhcpReq(filter, ctx->vlanId, ctx->dhcpHdr);
    if (req == nullptr) {
       return ZEK_OK; /* an unsolicited DHCPACK teaches nothing */
@@ -425,6 +434,7 @@ zek_Status VigilProcessDhcpAck(VigilFilter *filter, VigilPacketContext *ctx) {
 
 zek_Status VigilDhcpSnoopRx(VigilFilter *filter, zek_Pkt *pkt,
                             VigilPacketContext *ctx, u32 *action) {
+   Vigil_AssertFilterIsLocked(filter, false);
    if (ctx->holdsReadLock) {
       *action = VIGIL_ACTION_RELOCK;
       return ZEK_OK;

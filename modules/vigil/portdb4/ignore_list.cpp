@@ -11,6 +11,7 @@
  * address compares exactly; an IPv6 entry never matches an IPv4 binding. */
 bool VigilMatchV4IgnoreList(VigilFilter *filter, u16 vlanId, const u8 *mac,
                             u32 ip) {
+   Vigil_AssertFilterIsLocked(filter, false);
    for (u32 i = 0; i < filter->portIgnoreListSize; i++) {
       const VigilWhiteListEntry *entry = &filter->portIgnoreList[i];
       if ((entry->flags & VIGIL_WL_VLAN) && entry->vlan != vlanId) {
@@ -36,6 +37,7 @@ bool VigilMatchV4IgnoreList(VigilFilter *filter, u16 vlanId, const u8 *mac,
 /* Deletes every binding the present ignore list matches, whatever its
  * method: the one operation that removes a static binding. */
 void VigilIgnoreListDelPortDb(VigilFilter *filter) {
+   Vigil_AssertFilterIsLocked(filter, true);
    VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->expiredVmiList) {
       VigilVmi *vmi = VIGIL_VMI_FROM_EXPIRED(pos);
       if (VigilMatchV4IgnoreList(filter, vmi->vlanId, vmi->mac, vmi->ip)) {

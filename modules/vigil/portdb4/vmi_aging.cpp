@@ -48,6 +48,7 @@ void VigilPortDbDoAging(VigilFilter *filter, i64 now) {
  * time counts from when each binding was last seen, then merges them back
  * into vmiList in one pass. */
 void VigilPortDbTimeoutChange(VigilFilter *filter, i32 delta) {
+   Vigil_AssertFilterIsLocked(filter, true);
    if (filter->numArpVmis == filter->numExpiredVmis) {
       return;
    }
@@ -96,6 +97,7 @@ void VigilPortDbTimeoutChange(VigilFilter *filter, i32 delta) {
 }
 
 zek_Status VigilConfigArpExpiry(VigilFilter *filter, u32 minutes) {
+   Vigil_AssertFilterIsLocked(filter, true);
    i32 seconds = (i32)(minutes * 60);
    if (seconds != filter->arpExpiry) {
       VigilPortDbTimeoutChange(filter, (i32)((u32)seconds - (u32)filter->arpExpiry));
@@ -105,6 +107,7 @@ zek_Status VigilConfigArpExpiry(VigilFilter *filter, u32 minutes) {
 }
 
 void VigilDelVmiByDiscMethod(VigilFilter *filter, u32 mask) {
+   Vigil_AssertFilterIsLocked(filter, true);
    u32 walkMask;
    if (mask & VIGIL_DISC_ARP) {
       VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->expiredVmiList) {

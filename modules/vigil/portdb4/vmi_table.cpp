@@ -45,6 +45,7 @@ zek_Status VigilVmiHashAlloc(VigilVmiHash **hash) {
 }
 
 VigilVmi *VigilFindVmi(VigilFilter *filter, u16 vlanId, const u8 *mac, u32 ip) {
+   Vigil_AssertFilterIsLocked(filter, false);
    if (filter->numVmis == 0) {
       return nullptr;
    }
@@ -71,6 +72,7 @@ static void VigilInsertByExpiry(VigilListLinks *head, VigilVmi *vmi,
 }
 
 void VigilInsertIntoVmiList(VigilFilter *filter, VigilVmi *vmi) {
+   Vigil_AssertFilterIsLocked(filter, true);
    VigilInsertByExpiry(&filter->vmiList, vmi, offsetof(VigilVmi, expiryLinks));
 }
 
@@ -222,12 +224,14 @@ void VigilDelVmi(VigilFilter *filter, VigilVmi *vmi) {
 }
 
 void VigilRefreshVmiExpiryTs(VigilFilter *filter, VigilVmi *vmi, i64 expiryTs) {
+   Vigil_AssertFilterIsLocked(filter, true);
    vmi->expiryTs = expiryTs;
    VigilUnlinkFromExpiryLists(filter, vmi);
    VigilInsertIntoVmiList(filter, vmi);
 }
 
 void VigilReduceArpEntries(VigilFilter *filter, u32 target) {
+   Vigil_AssertFilterIsLocked(filter, true);
    VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->expiredVmiList) {
       if (filter->numArpVmis <= target) {
          return;

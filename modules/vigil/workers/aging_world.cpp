@@ -71,6 +71,7 @@ static bool VigilEarliestExpiry(VigilFilter *filter, i64 *key) {
 }
 
 void VigilUpdateFilterAging(VigilFilter *filter) {
+   Vigil_AssertFilterIsLocked(filter, true);
    i64 key = 0;
    bool due = VigilEarliestExpiry(filter, &key);
 
