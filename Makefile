@@ -42,7 +42,7 @@ TSAN_TESTS = ^race\.|^(AgingWorld|AgingWorldRunning|AgingWorldInit|CpWorld|CpWor
 
 build-tsan: deps
 	@cmake -S . -B $(BUILD_DIR)/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIGIL_TSAN=ON >/dev/null
-	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests vigil_tests
+	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests module_tests
 
 test-tsan: build-tsan
 	@echo "== tests: ThreadSanitizer build, race, world and lifecycle tests"

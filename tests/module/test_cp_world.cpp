@@ -2,13 +2,13 @@
  * The control-plane world: the bounded task queue, the portset messages
  * about binding changes byte for byte, and the world's start and stop.
  */
-#include <arpa/inet.h>
 #include <tins/tins.h>
 
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "test_addresses.h"
 #include "test_frames.h"
 #include "vigil_dhcp.h"
 #include "vigil_lifecycle.h"
@@ -26,16 +26,11 @@ constexpr u64 kMsgFlags = 0x8000000000000ull;
 
 using Bytes = std::vector<u8>;
 
-u32 Ip(const char *text) {
-   u32 ip = 0;
-   EXPECT_EQ(inet_pton(AF_INET, text, &ip), 1) << text;
-   return ip;
-}
+using addrtext::Ip;
 
+/* Writes the MAC address `text` into `mac`. */
 void Mac(const char *text, u8 mac[6]) {
-   unsigned v[6];
-   ASSERT_EQ(sscanf(text, "%x:%x:%x:%x:%x:%x", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]), 6);
-   for (int i = 0; i < 6; i++) mac[i] = (u8)v[i];
+   memcpy(mac, addrtext::MacOf(text).data(), 6);
 }
 
 /* The 80-byte message about one IPv4 binding, built field by field. */

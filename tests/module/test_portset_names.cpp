@@ -5,7 +5,6 @@
  * as a string: to acquire the portset for a message, or to a log line.  A
  * longer name is kept to its first 128 bytes.
  */
-#include <arpa/inet.h>
 
 #include <cstring>
 #include <string>
@@ -14,6 +13,7 @@
 #include "sim_switch.h"
 #include "vigil_lifecycle.h"
 #include "vigil_switch.h"
+#include "test_addresses.h"
 #include "vigil_test.h"
 #include "vigil_vmi.h"
 #include "vigil_workers.h"
@@ -50,7 +50,7 @@ protected:
       VigilVmi vmi = {};
       const u8 mac[6] = {0x02, 0, 0, 0, 0, 0x10};
       memcpy(vmi.mac, mac, 6);
-      ASSERT_EQ(inet_pton(AF_INET, "192.0.2.10", &vmi.ip), 1);
+      vmi.ip = addrtext::Ip("192.0.2.10");
       vmi.discMethod = VIGIL_DISC_ARP;
       VigilPostPortDbMsg(filter, VIGIL_PORTDB_MSG_ADDED, &vmi);
       ASSERT_TRUE(sim::WaitIdle(5.0));

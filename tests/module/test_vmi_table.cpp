@@ -3,8 +3,6 @@
  * eviction, the two expiry lists, the ignore list, the consistency check,
  * and a long random run against a model.
  */
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -14,6 +12,7 @@
 #include <tuple>
 #include <vector>
 
+#include "test_addresses.h"
 #include "vigil_test.h"
 #include "vigil_vmi.h"
 #include "vigil_whitelist.h"
@@ -32,11 +31,7 @@ MacAddr MacOf(u8 last) {
 
 const MacAddr kVm = MacOf(0x10);
 
-u32 Ip(const char *text) {
-   u32 ip = 0;
-   EXPECT_EQ(inet_pton(AF_INET, text, &ip), 1) << text;
-   return ip;
-}
+using addrtext::Ip;
 
 /* The n-th address of 192.0.2.0/24 and then 198.51.100.0/24. */
 u32 IpN(u32 n) {

@@ -7,15 +7,13 @@
 #ifndef IPV4_DB_TEST_H
 #define IPV4_DB_TEST_H
 
-#include <arpa/inet.h>
-
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "test_addresses.h"
 #include "test_frames.h"
 #include "vigil_dhcp.h"
 #include "vigil_test.h"
@@ -36,25 +34,10 @@ const char *const kAllOnes = "255.255.255.255";
 using Bytes = frames::Bytes;
 using MacAddr = std::array<u8, 6>;
 
-inline MacAddr MacOf(const std::string &text) {
-   MacAddr mac{};
-   unsigned v[6];
-   EXPECT_EQ(sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &v[0], &v[1], &v[2], &v[3],
-                    &v[4], &v[5]),
-             6)
-      << text;
-   for (int i = 0; i < 6; i++) {
-      mac[i] = (u8)v[i];
-   }
-   return mac;
-}
-
-/* An address in network order, as the database keeps it. */
-inline u32 Ip(const std::string &text) {
-   u32 ip = 0;
-   EXPECT_EQ(inet_pton(AF_INET, text.c_str(), &ip), 1) << text;
-   return ip;
-}
+/* Address texts read as the database keeps them: a MAC's six bytes, an
+ * IPv4 address in network order. */
+using addrtext::MacOf;
+using addrtext::Ip;
 
 /* A client: its MAC (also the frames' source and chaddr), its option 61
  * (type 1 and the MAC, as a common Linux client sends it) and a transaction

@@ -4,10 +4,21 @@
 #include <algorithm>
 
 #include "vigil_lifecycle.h"
+#include "vigil_pipeline.h"
 #include "vigil_workers.h"
 
 void VigilTestFailureHook(const std::string &what) {
    ADD_FAILURE() << "simulated host: " << what;
+}
+
+/* Whether the pipelines call the module's own functions. */
+static bool PipelineCalleesAreTheModules() {
+   const VigilPipelineCallees &now = vigilPipelineCallees;
+   const VigilPipelineCallees &own = vigilPipelineModuleCallees;
+   return now.warden == own.warden && now.dhcpParse == own.dhcpParse &&
+          now.dhcpSnoopTx == own.dhcpSnoopTx && now.dhcpSnoopRx == own.dhcpSnoopRx &&
+          now.arpSnoop == own.arpSnoop && now.processTxIpv6 == own.processTxIpv6 &&
+          now.processRxIpv6 == own.processRxIpv6;
 }
 
 static zek_Status DestroyTestFilter(zek_PortID portID);
@@ -64,6 +75,8 @@ void VigilTest::TearDown() {
    EXPECT_EQ(sim::PortsetsAcquired(), 0u) << "a portset is still acquired";
    EXPECT_TRUE(sim::LockViolations().empty());
    EXPECT_EQ(Vigil_RetryRetiredFilters(), 0u) << "a retired filter was left";
+   EXPECT_TRUE(PipelineCalleesAreTheModules())
+      << "the pipelines' callees were replaced and not put back";
    Vigil_FilterLifecycleCleanup();
    zek_LockDomainDestroy(lockDomain);
    lockDomain = VIGIL_INVALID_LOCK_DOMAIN;

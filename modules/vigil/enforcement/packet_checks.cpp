@@ -10,6 +10,7 @@
 
 #include "vigil_log.h"
 #include "vigil_packet.h"
+#include "vigil_pipeline.h"
 
 #define VIGIL_UDP_PORT_DHCP_SERVER 67
 #define VIGIL_UDP_PORT_DHCP_CLIENT 68
@@ -36,6 +37,19 @@ const u8 supportedBpduFilterMacs[VIGIL_NUM_SUPPORTED_BPDUS][6] = {
    {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc5}, {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc6},
    {0x01, 0x00, 0x0c, 0xcc, 0xcc, 0xc7},
 };
+
+/* Both tables are constant-initialised: filled in by the loader, no code
+ * runs for them at load. */
+constexpr VigilPipelineCallees vigilPipelineModuleCallees = {
+   .warden = VigilWarden,
+   .dhcpParse = VigilDhcpParse,
+   .dhcpSnoopTx = VigilDhcpSnoopTx,
+   .dhcpSnoopRx = VigilDhcpSnoopRx,
+   .arpSnoop = VigilArpSnoop,
+   .processTxIpv6 = VigilProcessTxIpv6,
+   .processRxIpv6 = VigilProcessRxIpv6,
+};
+constinit VigilPipelineCallees vigilPipelineCallees = vigilPipelineModuleCallees;
 
 bool Eth_IsBroadcastAddr(const u8 *addr) {
    for (u32 i = 0; i < VIGIL_ETH_ALEN; i++) {
@@ -102,7 +116,7 @@ bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
    if ((filter->featuresEnabled & VIGIL_FEAT_DHCP_SERVER_BLOCK) == 0) {
       return true;
    }
-   if (VigilDhcpParse(filter, pkt, ctx) != ZEK_OK) {
+   if (vigilPipelineCallees.dhcpParse(filter, pkt, ctx) != ZEK_OK) {
       return true;
    }
    if (VigilGetBe32(ctx->dhcpHdr + 24) != 0) { /* giaddr: relayed */
@@ -120,8 +134,9 @@ bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
    if ((filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) == 0) {
       return true;
    }
-   if (VigilWarden(filter, ctx->vlanId, srcMac, ipSrc, nullptr, VIGIL_WDN_IPV4,
-                   ctx->ppMetadata, 3) == VIGIL_ACTION_FORWARD) {
+   if (vigilPipelineCallees.warden(filter, ctx->vlanId, srcMac, ipSrc, nullptr,
+                                   VIGIL_WDN_IPV4, ctx->ppMetadata,
+                                   3) == VIGIL_ACTION_FORWARD) {
       return true;
    }
    VIGIL_LOG_THROTTLED(
@@ -154,7 +169,7 @@ static zek_Status VigilTxIpv4(VigilFilter *filter, zek_Pkt *pkt,
              VigilIsIpv4Fragment(ctx->ipHdr)) {
             return ZEK_OK;
          }
-         return VigilDhcpSnoopTx(filter, pkt, ctx, action);
+         return vigilPipelineCallees.dhcpSnoopTx(filter, pkt, ctx, action);
       }
       if (dstPort == VIGIL_UDP_PORT_DHCP_CLIENT) {
          if (filter->featuresEnabled & VIGIL_FEAT_DHCP_SERVER_BLOCK) {
@@ -167,8 +182,9 @@ static zek_Status VigilTxIpv4(VigilFilter *filter, zek_Pkt *pkt,
    if ((filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) == 0) {
       return ZEK_OK;
    }
-   *action = VigilWarden(filter, ctx->vlanId, ctx->ethHdr + 6, ctx->ipHdr + 12,
-                         nullptr, VIGIL_WDN_IPV4, ctx->ppMetadata, 3);
+   *action = vigilPipelineCallees.warden(filter, ctx->vlanId, ctx->ethHdr + 6,
+                                         ctx->ipHdr + 12, nullptr,
+                                         VIGIL_WDN_IPV4, ctx->ppMetadata, 3);
    if (*action == VIGIL_ACTION_DROP) {
       filter->stats.statWardenV4Drops++;
    }
@@ -192,13 +208,14 @@ static zek_Status VigilTxArp(VigilFilter *filter, VigilPacketContext *ctx,
       return ZEK_OK;
    }
    if (filter->discoveryFlags & VIGIL_DISC_ARP) {
-      return VigilArpSnoop(filter, ctx, arp, action);
+      return vigilPipelineCallees.arpSnoop(filter, ctx, arp, action);
    }
    if ((filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) == 0) {
       return ZEK_OK;
    }
-   *action = VigilWarden(filter, ctx->vlanId, ctx->ethHdr + 6, senderIp, arp + 8,
-                         VIGIL_WDN_ARP, ctx->ppMetadata, 3);
+   *action = vigilPipelineCallees.warden(filter, ctx->vlanId, ctx->ethHdr + 6,
+                                         senderIp, arp + 8, VIGIL_WDN_ARP,
+                                         ctx->ppMetadata, 3);
    if (*action == VIGIL_ACTION_DROP) {
       filter->stats.statWardenArpDrops++;
    }
@@ -208,8 +225,9 @@ static zek_Status VigilTxArp(VigilFilter *filter, VigilPacketContext *ctx,
 static zek_Status VigilTxNonIp(VigilFilter *filter, VigilPacketContext *ctx,
                                u32 *action) {
    if (filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) {
-      *action = VigilWarden(filter, ctx->vlanId, ctx->ethHdr + 6, nullptr,
-                            nullptr, VIGIL_WDN_L2, ctx->ppMetadata, 3);
+      *action = vigilPipelineCallees.warden(filter, ctx->vlanId, ctx->ethHdr + 6,
+                                            nullptr, nullptr, VIGIL_WDN_L2,
+                                            ctx->ppMetadata, 3);
       if (*action == VIGIL_ACTION_DROP) {
          filter->stats.statNonIpDrops++;
          return ZEK_OK;
@@ -259,7 +277,7 @@ zek_Status VigilProcessPktTx(VigilFilter *filter, zek_Pkt *pkt,
       return VigilTxIpv4(filter, pkt, ctx, action);
    }
    if (ctx->flags & VIGIL_PKT_IPV6) {
-      return VigilProcessTxIpv6(filter, pkt, ctx, action);
+      return vigilPipelineCallees.processTxIpv6(filter, pkt, ctx, action);
    }
    *action = VIGIL_ACTION_FORWARD;
    if (VigilGetBe16(ctx->ethHdr + 12) == VIGIL_ETHERTYPE_ARP) {
@@ -286,12 +304,12 @@ zek_Status VigilProcessPktRx(VigilFilter *filter, zek_Pkt *pkt,
           (ctx->flags & VIGIL_PKT_UDP) &&
           VigilGetBe16(ctx->l4Hdr + 2) == VIGIL_UDP_PORT_DHCP_CLIENT &&
           !VigilIsIpv4Fragment(ctx->ipHdr)) {
-         return VigilDhcpSnoopRx(filter, pkt, ctx, action);
+         return vigilPipelineCallees.dhcpSnoopRx(filter, pkt, ctx, action);
       }
       return ZEK_OK;
    }
    if (ctx->flags & VIGIL_PKT_IPV6) {
-      return VigilProcessRxIpv6(filter, pkt, ctx, action);
+      return vigilPipelineCallees.processRxIpv6(filter, pkt, ctx, action);
    }
    return ZEK_OK;
 }

@@ -1,7 +1,6 @@
 /*
  * Finding a port's filter and locking it.
  */
-#include "test_doubles.h"
 #include "vigil_test.h"
 
 class FilterLockTest : public VigilTest {};

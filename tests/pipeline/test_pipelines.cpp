@@ -3,15 +3,13 @@
  * address enforcement, ARP, BPDU and non-IP checks, IPv6 hand-off, and what
  * receive leaves alone.
  */
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <functional>
 
-#include "test_doubles.h"
+#include "scripted_callees.h"
+#include "test_addresses.h"
 #include "test_frames.h"
 #include "vigil_test.h"
 
@@ -25,19 +23,8 @@ const char *const kStpMac = "01:80:c2:00:00:00";
 const char *const kV4McastMac = "01:00:5e:00:00:fb";
 const char *const kV6McastMac = "33:33:00:01:00:02";
 
-std::vector<u8> MacBytes(const std::string &text) {
-   unsigned v[6] = {};
-   EXPECT_EQ(std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &v[0], &v[1], &v[2],
-                         &v[3], &v[4], &v[5]),
-             6);
-   return std::vector<u8>(v, v + 6);
-}
-
-std::vector<u8> IpBytes(const std::string &text) {
-   u8 out[4] = {};
-   EXPECT_EQ(inet_pton(AF_INET, text.c_str(), out), 1);
-   return std::vector<u8>(out, out + 4);
-}
+using addrtext::IpBytes;
+using addrtext::MacBytes;
 
 void SetDstMac(Bytes &bytes, const std::string &mac) {
    std::vector<u8> dst = MacBytes(mac);
@@ -96,7 +83,7 @@ void SetRateLimit(VigilFilter *filter, u32 feature, u32 limit) {
 
 std::vector<std::string> SnoopNames() {
    std::vector<std::string> out;
-   for (const doubles::SnoopCall &call : doubles::snoopCalls) {
+   for (const scripted::SnoopCall &call : scripted::snoopCalls) {
       out.push_back(call.what);
    }
    return out;
@@ -122,11 +109,10 @@ Bytes BpduTo(const std::string &dst = kStpMac) { return frames::Bpdu(frames::kVm
 
 } // namespace
 
-class PipelineTest : public VigilTest {
+class PipelineTest : public ScriptedPipelineTest {
 protected:
    void SetUp() override {
-      VigilTest::SetUp();
-      doubles::Reset();
+      ScriptedPipelineTest::SetUp();
       filter = AddFilter(kPort);
    }
 
@@ -158,20 +144,20 @@ class RxPipelineTest : public PipelineTest {};
 TEST_F(TxPipelineTest, DhcpFirstFragmentToPort67IsValidatedButNotSnooped) {
    filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK;
    filter->discoveryFlags = VIGIL_DISC_DHCP;
-   doubles::dhcpParses = true;
+   scripted::dhcpParses = true;
 
    Bytes fragment = Client();
    frames::SetIpv4Fragment(fragment, true, 0);
    EXPECT_EQ(TxOne(fragment), "forward");
-   EXPECT_EQ(doubles::dhcpParseCalls, 1u);
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 1u);
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 
    /* Validation does run on it: a wrong chaddr is still caught. */
    Bytes wrongChaddr = Client("0.0.0.0", "02:00:00:00:00:99");
    frames::SetIpv4Fragment(wrongChaddr, true, 0);
    EXPECT_EQ(TxOne(wrongChaddr), "drop");
    EXPECT_EQ(filter->stats.statDhcpChaddrDrops, 1u);
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 
    /* The same frame unfragmented is snooped. */
    EXPECT_EQ(TxOne(Client()), "forward");
@@ -181,22 +167,22 @@ TEST_F(TxPipelineTest, DhcpFirstFragmentToPort67IsValidatedButNotSnooped) {
 TEST_F(TxPipelineTest, NonFirstFragmentOfADhcpFrameIsNeitherValidatedNorSnooped) {
    filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK | VIGIL_FEAT_DHCP_CLIENT_BLOCK;
    filter->discoveryFlags = VIGIL_DISC_DHCP;
-   doubles::dhcpParses = true;
+   scripted::dhcpParses = true;
    Bytes fragment = Client();
    frames::SetIpv4Fragment(fragment, false, 4);
    EXPECT_EQ(TxOne(fragment), "forward");
-   EXPECT_EQ(doubles::dhcpParseCalls, 0u);
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 0u);
+   EXPECT_TRUE(scripted::snoopCalls.empty());
    EXPECT_EQ(filter->stats.statDhcpClientBlockDrops, 0u);
 }
 
 TEST_F(TxPipelineTest, WithoutServerBlockTheSourceOfAFrameToPort67IsNotJudged) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN | VIGIL_FEAT_SWITCH_WARDEN;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
-   doubles::dhcpParses = true;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
+   scripted::dhcpParses = true;
    EXPECT_EQ(TxOne(Client("192.0.2.10", "02:00:00:00:00:99")), "forward");
-   EXPECT_TRUE(doubles::wardenCalls.empty());
-   EXPECT_EQ(doubles::dhcpParseCalls, 0u);
+   EXPECT_TRUE(scripted::wardenCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 0u);
    ExpectOtherCountersZero({});
 }
 
@@ -207,10 +193,10 @@ TEST_F(TxPipelineTest, FrameToPort68FromTheVmPassesWithoutServerBlock) {
                         VIGIL_FEAT_SWITCH_WARDEN | VIGIL_FEAT_DHCP_CLIENT_BLOCK}) {
       SCOPED_TRACE(features);
       filter->featuresEnabled = features;
-      doubles::wardenResult = VIGIL_ACTION_DROP;
+      scripted::wardenResult = VIGIL_ACTION_DROP;
       EXPECT_EQ(TxOne(ServerReplyFromVm()), "forward");
       EXPECT_EQ(TxOne(otherSource), "forward");
-      EXPECT_TRUE(doubles::wardenCalls.empty());
+      EXPECT_TRUE(scripted::wardenCalls.empty());
    }
    ExpectOtherCountersZero({});
 }
@@ -223,7 +209,7 @@ TEST_F(TxPipelineTest, FrameToPort68FromTheVmIsDroppedWithServerBlock) {
                                  68)),
              "drop");
    EXPECT_EQ(filter->stats.statDhcpServerBlockDrops, 2u);
-   EXPECT_EQ(doubles::dhcpParseCalls, 0u);
+   EXPECT_EQ(scripted::dhcpParseCalls, 0u);
    ExpectOtherCountersZero({COUNTER(statDhcpServerBlockDrops)});
 }
 
@@ -231,15 +217,15 @@ TEST_F(TxPipelineTest, ClientBlockDropsFramesToPort67BeforeAnyOtherCheck) {
    filter->featuresEnabled = VIGIL_FEAT_DHCP_CLIENT_BLOCK | VIGIL_FEAT_DHCP_SERVER_BLOCK |
                              VIGIL_FEAT_PORT_WARDEN;
    filter->discoveryFlags = VIGIL_DISC_DHCP;
-   doubles::dhcpParses = true;
+   scripted::dhcpParses = true;
    EXPECT_EQ(TxOne(Client("192.0.2.10")), "drop");
    EXPECT_EQ(TxOne(frames::UdpV4(frames::kVmMac, kPeerMac, "192.0.2.10", "192.0.2.1", 5000,
                                  67)),
              "drop");
    EXPECT_EQ(filter->stats.statDhcpClientBlockDrops, 2u);
-   EXPECT_EQ(doubles::dhcpParseCalls, 0u);
-   EXPECT_TRUE(doubles::wardenCalls.empty());
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 0u);
+   EXPECT_TRUE(scripted::wardenCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
    ExpectOtherCountersZero({COUNTER(statDhcpClientBlockDrops)});
 }
 
@@ -248,16 +234,16 @@ protected:
    void SetUp() override {
       TxPipelineTest::SetUp();
       filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK;
-      doubles::dhcpParses = true;
+      scripted::dhcpParses = true;
    }
 };
 
 TEST_F(DhcpClientValidationTest, RelayedFramePassesWithoutTheChaddrCheck) {
    filter->featuresEnabled |= VIGIL_FEAT_PORT_WARDEN;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(Client("192.0.2.10", "02:00:00:00:00:99", "192.0.2.254")), "forward");
-   EXPECT_EQ(doubles::dhcpParseCalls, 1u);
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 1u);
+   EXPECT_TRUE(scripted::wardenCalls.empty());
    ExpectOtherCountersZero({});
 }
 
@@ -273,29 +259,29 @@ TEST_F(DhcpClientValidationTest, ChaddrOtherThanTheSourceMacIsDropped) {
 
 TEST_F(DhcpClientValidationTest, ZeroSourceAddressPassesWithoutTheWarden) {
    filter->featuresEnabled |= VIGIL_FEAT_PORT_WARDEN;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(Client("0.0.0.0")), "forward");
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
    ExpectOtherCountersZero({});
 }
 
 TEST_F(DhcpClientValidationTest, SourceWithoutAWardenBitPasses) {
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(Client("192.0.2.10")), "forward");
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
 }
 
 TEST_F(DhcpClientValidationTest, SourceTheWardenRefusesIsDroppedAndLoggedThrottled) {
    filter->featuresEnabled |= VIGIL_FEAT_SWITCH_WARDEN;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    sim::FrameOptions opts;
    opts.vlan = 5;
    EXPECT_EQ(TxOne(Client("192.0.2.10"), opts), "drop");
    EXPECT_EQ(filter->stats.statWardenV4Drops, 1u);
    ExpectOtherCountersZero({COUNTER(statWardenV4Drops)});
 
-   ASSERT_EQ(doubles::wardenCalls.size(), 1u);
-   const doubles::WardenCall &call = doubles::wardenCalls[0];
+   ASSERT_EQ(scripted::wardenCalls.size(), 1u);
+   const scripted::WardenCall &call = scripted::wardenCalls[0];
    EXPECT_EQ(call.kind, VIGIL_WDN_IPV4);
    EXPECT_EQ(call.vlan, 5);
    EXPECT_EQ(call.mac, MacBytes(frames::kVmMac));
@@ -315,17 +301,17 @@ TEST_F(DhcpClientValidationTest, SourceTheWardenRefusesIsDroppedAndLoggedThrottl
 TEST_F(DhcpClientValidationTest, SourceTheWardenAcceptsPasses) {
    filter->featuresEnabled |= VIGIL_FEAT_PORT_WARDEN;
    EXPECT_EQ(TxOne(Client("192.0.2.10")), "forward");
-   EXPECT_EQ(doubles::wardenCalls.size(), 1u);
+   EXPECT_EQ(scripted::wardenCalls.size(), 1u);
    EXPECT_TRUE(LogTexts().empty());
 }
 
 TEST_F(DhcpClientValidationTest, UnparsableFramePasses) {
    filter->featuresEnabled |= VIGIL_FEAT_PORT_WARDEN;
-   doubles::dhcpParses = false;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::dhcpParses = false;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(Client("192.0.2.10", "02:00:00:00:00:99")), "forward");
-   EXPECT_EQ(doubles::dhcpParseCalls, 1u);
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 1u);
+   EXPECT_TRUE(scripted::wardenCalls.empty());
    ExpectOtherCountersZero({});
 }
 
@@ -346,8 +332,8 @@ TEST_F(TxPipelineTest, ArpProbeAndLinkLocalSenderPassOnEveryPort) {
       {VIGIL_FEAT_NON_IP_BLOCK | VIGIL_FEAT_BPDU_FILTER, 0},
       {VIGIL_FEAT_DHCP_SERVER_BLOCK, VIGIL_DISC_ARP | VIGIL_DISC_DHCP},
    };
-   doubles::wardenResult = VIGIL_ACTION_DROP;
-   doubles::snoopAction = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
+   scripted::snoopAction = VIGIL_ACTION_DROP;
    filter->bpduBitmap = ~0ull;
    for (const auto &[features, discovery] : ports) {
       filter->featuresEnabled = features;
@@ -358,8 +344,8 @@ TEST_F(TxPipelineTest, ArpProbeAndLinkLocalSenderPassOnEveryPort) {
          EXPECT_EQ(TxOne(ArpFrom(sender)), "forward");
       }
    }
-   EXPECT_TRUE(doubles::wardenCalls.empty());
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
    ExpectOtherCountersZero({});
 
    /* Just outside the link-local block is enforced. */
@@ -373,15 +359,15 @@ TEST_F(TxPipelineTest, ArpProbeAndLinkLocalSenderPassOnEveryPort) {
 TEST_F(TxPipelineTest, GratuitousArpWithArpSnoopingGoesToSnoopingNeverToTheWarden) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN | VIGIL_FEAT_SWITCH_WARDEN;
    filter->discoveryFlags = VIGIL_DISC_ARP;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10", "192.0.2.10")), "forward");
    EXPECT_EQ(SnoopNames(), std::vector<std::string>{"arp"});
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
 
    /* What snooping answers is the verdict. */
-   doubles::snoopAction = VIGIL_ACTION_DROP;
+   scripted::snoopAction = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10", "192.0.2.10")), "drop");
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
    ExpectOtherCountersZero({});
 }
 
@@ -390,16 +376,16 @@ TEST_F(TxPipelineTest, ArpWithoutSnoopingGoesToTheWardenWithSenderIpAndSenderMac
    sim::FrameOptions opts;
    opts.vlan = 12;
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10", "192.0.2.1", "02:00:00:00:00:33"), opts), "forward");
-   ASSERT_EQ(doubles::wardenCalls.size(), 1u);
-   const doubles::WardenCall &call = doubles::wardenCalls[0];
+   ASSERT_EQ(scripted::wardenCalls.size(), 1u);
+   const scripted::WardenCall &call = scripted::wardenCalls[0];
    EXPECT_EQ(call.kind, VIGIL_WDN_ARP);
    EXPECT_EQ(call.vlan, 12);
    EXPECT_EQ(call.mac, MacBytes(frames::kVmMac));
    EXPECT_EQ(call.addr, IpBytes("192.0.2.10"));
    EXPECT_EQ(call.arpSenderMac, MacBytes("02:00:00:00:00:33"));
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10")), "drop");
    EXPECT_EQ(filter->stats.statWardenArpDrops, 1u);
    ExpectOtherCountersZero({COUNTER(statWardenArpDrops)});
@@ -407,40 +393,40 @@ TEST_F(TxPipelineTest, ArpWithoutSnoopingGoesToTheWardenWithSenderIpAndSenderMac
 
 TEST_F(TxPipelineTest, ArpWithoutSnoopingOrWardenPasses) {
    filter->featuresEnabled = VIGIL_FEAT_NON_IP_BLOCK;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10")), "forward");
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
    ExpectOtherCountersZero({});
 }
 
 TEST_F(TxPipelineTest, ArpMappedTooShortPasses) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    sim::FrameOptions opts;
    opts.mapped = 41; /* one byte short of the ARP body */
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10"), opts), "forward");
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
 
    opts.mapped = 42;
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10"), opts), "drop");
-   EXPECT_EQ(doubles::wardenCalls.size(), 1u);
+   EXPECT_EQ(scripted::wardenCalls.size(), 1u);
 }
 
 TEST_F(TxPipelineTest, ArpFrameTooShortForItsBodyPasses) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN | VIGIL_FEAT_NON_IP_BLOCK;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    Bytes bytes = ArpFrom("192.0.2.10");
    bytes.resize(41);
    EXPECT_EQ(TxOne(bytes), "forward");
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
    ExpectOtherCountersZero({});
 }
 
 TEST_F(TxPipelineTest, MalformedArpPasses) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN;
    filter->discoveryFlags = VIGIL_DISC_ARP;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
-   doubles::snoopAction = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
+   scripted::snoopAction = VIGIL_ACTION_DROP;
    const std::vector<std::pair<std::string, std::function<void(Bytes &)>>> breaks = {
       {"hardware type 6", [](Bytes &b) { b[15] = 6; }},
       {"hardware type 0x0101", [](Bytes &b) { b[14] = 1; }},
@@ -454,8 +440,8 @@ TEST_F(TxPipelineTest, MalformedArpPasses) {
       breakIt(bytes);
       EXPECT_EQ(TxOne(bytes), "forward");
    }
-   EXPECT_TRUE(doubles::wardenCalls.empty());
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 
    /* The unbroken frame reaches snooping. */
    EXPECT_EQ(TxOne(ArpFrom("192.0.2.10")), "drop");
@@ -544,14 +530,14 @@ TEST_F(TxPipelineTest, EveryListedAddressMapsToItsBitIndex) {
 TEST_F(TxPipelineTest, NonIpFrameTheWardenDropsCountsAsNonIpAndSkipsTheBpduFilter) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN | VIGIL_FEAT_BPDU_FILTER;
    filter->bpduBitmap = ~0ull;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(BpduTo()), "drop");
    EXPECT_EQ(filter->stats.statNonIpDrops, 1u);
    EXPECT_EQ(filter->stats.statBpduDrops, 0u);
-   ASSERT_EQ(doubles::wardenCalls.size(), 1u);
-   EXPECT_EQ(doubles::wardenCalls[0].kind, VIGIL_WDN_L2);
-   EXPECT_TRUE(doubles::wardenCalls[0].addr.empty());
-   EXPECT_TRUE(doubles::wardenCalls[0].arpSenderMac.empty());
+   ASSERT_EQ(scripted::wardenCalls.size(), 1u);
+   EXPECT_EQ(scripted::wardenCalls[0].kind, VIGIL_WDN_L2);
+   EXPECT_TRUE(scripted::wardenCalls[0].addr.empty());
+   EXPECT_TRUE(scripted::wardenCalls[0].arpSenderMac.empty());
    ExpectOtherCountersZero({COUNTER(statNonIpDrops)});
 }
 
@@ -560,7 +546,7 @@ TEST_F(TxPipelineTest, NonIpFrameTheWardenForwardsStillMeetsTheBpduFilter) {
    filter->bpduBitmap = 1;
    EXPECT_EQ(TxOne(BpduTo()), "drop");
    EXPECT_EQ(filter->stats.statBpduDrops, 1u);
-   EXPECT_EQ(doubles::wardenCalls.size(), 1u);
+   EXPECT_EQ(scripted::wardenCalls.size(), 1u);
    ExpectOtherCountersZero({COUNTER(statBpduDrops)});
 }
 
@@ -584,17 +570,17 @@ TEST_F(TxPipelineTest, IpAndArpFramesToAListedAddressAreNotFiltered) {
 TEST_F(TxPipelineTest, TcpOverIpv4GoesStraightToTheWarden) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN | VIGIL_FEAT_DHCP_SERVER_BLOCK;
    filter->discoveryFlags = VIGIL_DISC_DHCP;
-   doubles::dhcpParses = true;
+   scripted::dhcpParses = true;
    EXPECT_EQ(TxOne(Tcp("198.51.100.7")), "forward");
-   ASSERT_EQ(doubles::wardenCalls.size(), 1u);
-   EXPECT_EQ(doubles::wardenCalls[0].kind, VIGIL_WDN_IPV4);
-   EXPECT_EQ(doubles::wardenCalls[0].addr, IpBytes("198.51.100.7"));
-   EXPECT_EQ(doubles::wardenCalls[0].mac, MacBytes(frames::kVmMac));
-   EXPECT_EQ(doubles::wardenCalls[0].obsvFlags, 3u);
-   EXPECT_EQ(doubles::dhcpParseCalls, 0u);
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   ASSERT_EQ(scripted::wardenCalls.size(), 1u);
+   EXPECT_EQ(scripted::wardenCalls[0].kind, VIGIL_WDN_IPV4);
+   EXPECT_EQ(scripted::wardenCalls[0].addr, IpBytes("198.51.100.7"));
+   EXPECT_EQ(scripted::wardenCalls[0].mac, MacBytes(frames::kVmMac));
+   EXPECT_EQ(scripted::wardenCalls[0].obsvFlags, 3u);
+   EXPECT_EQ(scripted::dhcpParseCalls, 0u);
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(Tcp("198.51.100.7")), "drop");
    EXPECT_EQ(filter->stats.statWardenV4Drops, 1u);
    ExpectOtherCountersZero({COUNTER(statWardenV4Drops)});
@@ -602,7 +588,7 @@ TEST_F(TxPipelineTest, TcpOverIpv4GoesStraightToTheWarden) {
 
 TEST_F(TxPipelineTest, UdpToAnotherPortGoesToTheWarden) {
    filter->featuresEnabled = VIGIL_FEAT_SWITCH_WARDEN;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(frames::UdpV4(frames::kVmMac, kPeerMac, "192.0.2.10", "192.0.2.1", 67, 53)),
              "drop");
    EXPECT_EQ(filter->stats.statWardenV4Drops, 1u);
@@ -611,17 +597,17 @@ TEST_F(TxPipelineTest, UdpToAnotherPortGoesToTheWarden) {
 TEST_F(TxPipelineTest, Ipv6FramesGoToTheIpv6HandlerAfterRateLimiting) {
    SetRateLimit(filter, VIGIL_FEAT_TX_MCAST_LIMIT, 1);
    filter->featuresEnabled |= VIGIL_FEAT_NON_IP_BLOCK | VIGIL_FEAT_PORT_WARDEN;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    Bytes mcast = frames::UdpV6(frames::kVmMac, kV6McastMac, "2001:db8::10", "ff02::1:2", 546, 547);
    Bytes ucast = frames::UdpV6(frames::kVmMac, kPeerMac, "2001:db8::10", "2001:db8::1", 5000, 5001);
    EXPECT_EQ(Tx(kPort, {frames::Make(mcast), frames::Make(mcast), frames::Make(ucast)}),
              (std::vector<std::string>{"forward", "drop", "forward"}));
    EXPECT_EQ(SnoopNames(), (std::vector<std::string>{"ipv6Tx", "ipv6Tx"}));
-   EXPECT_TRUE(doubles::wardenCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
    EXPECT_EQ(filter->stats.statTxMcastRateDrops, 1u);
    ExpectOtherCountersZero({COUNTER(statTxMcastRateDrops)});
 
-   doubles::snoopAction = VIGIL_ACTION_DROP;
+   scripted::snoopAction = VIGIL_ACTION_DROP;
    EXPECT_EQ(TxOne(ucast), "drop");
 }
 
@@ -635,7 +621,7 @@ TEST_F(RxPipelineTest, Ipv6FramesGoToTheIpv6HandlerAfterRateLimiting) {
    EXPECT_EQ(filter->stats.statRxMcastRateDrops, 1u);
    ExpectOtherCountersZero({COUNTER(statRxMcastRateDrops)});
 
-   doubles::snoopAction = VIGIL_ACTION_DROP;
+   scripted::snoopAction = VIGIL_ACTION_DROP;
    EXPECT_EQ(RxOne(ucast), "drop");
 }
 
@@ -645,9 +631,9 @@ TEST_F(RxPipelineTest, ServerReplyToPort68IsSnoopedWhenDhcpDiscoveryIsOn) {
    filter->discoveryFlags = VIGIL_DISC_DHCP;
    EXPECT_EQ(RxOne(frames::DhcpServer(frames::kServerMac, frames::kVmMac, 5)), "forward");
    EXPECT_EQ(SnoopNames(), std::vector<std::string>{"dhcpRx"});
-   EXPECT_EQ(doubles::snoopCalls[0].holdsReadLock, 1);
+   EXPECT_EQ(scripted::snoopCalls[0].holdsReadLock, 1);
 
-   doubles::snoopAction = VIGIL_ACTION_DROP;
+   scripted::snoopAction = VIGIL_ACTION_DROP;
    EXPECT_EQ(RxOne(frames::DhcpServer(frames::kServerMac, frames::kVmMac, 5)), "drop");
 }
 
@@ -659,14 +645,14 @@ TEST_F(RxPipelineTest, FragmentedServerReplyIsNotSnooped) {
    frames::SetIpv4Fragment(later, false, 8);
    EXPECT_EQ(Rx(kPort, {frames::Make(first), frames::Make(later)}),
              (std::vector<std::string>{"forward", "forward"}));
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 }
 
 TEST_F(RxPipelineTest, ServerReplyIsNotSnoopedWithoutDhcpDiscovery) {
    filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK;
    filter->discoveryFlags = VIGIL_DISC_ARP;
    EXPECT_EQ(RxOne(frames::DhcpServer(frames::kServerMac, frames::kVmMac, 5)), "forward");
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 }
 
 TEST_F(RxPipelineTest, OnlyUdpToPort68IsSnooped) {
@@ -676,7 +662,7 @@ TEST_F(RxPipelineTest, OnlyUdpToPort68IsSnooped) {
    Bytes arp = frames::Arp(kPeerMac, kPeerMac, "192.0.2.1", "192.0.2.10");
    EXPECT_EQ(Rx(kPort, {frames::Make(toServerPort), frames::Make(tcp), frames::Make(arp)}),
              (std::vector<std::string>{"forward", "forward", "forward"}));
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
    EXPECT_EQ(RxOne(frames::UdpV4(kPeerMac, frames::kVmMac, "192.0.2.1", "192.0.2.10", 5000, 68)),
              "forward");
    EXPECT_EQ(SnoopNames(), std::vector<std::string>{"dhcpRx"});
@@ -690,8 +676,8 @@ TEST_F(RxPipelineTest, ReceiveRunsNoCheckOfTheTransmitSide) {
                        VIGIL_FEAT_TX_BCAST_LIMIT, VIGIL_FEAT_TX_MCAST_LIMIT}) {
       SetRateLimit(filter, feature, 100);
    }
-   doubles::wardenResult = VIGIL_ACTION_DROP;
-   doubles::dhcpParses = true;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
+   scripted::dhcpParses = true;
    std::vector<zek_Pkt *> batch = {
       frames::Make(frames::Bpdu(kPeerMac, kStpMac)),
       frames::Make(frames::Ether(kPeerMac, frames::kVmMac, 0x88b5)),
@@ -702,8 +688,8 @@ TEST_F(RxPipelineTest, ReceiveRunsNoCheckOfTheTransmitSide) {
    };
    EXPECT_EQ(Rx(kPort, batch), (std::vector<std::string>{"forward", "forward", "forward",
                                                          "forward", "forward", "forward"}));
-   EXPECT_TRUE(doubles::wardenCalls.empty());
-   EXPECT_EQ(doubles::dhcpParseCalls, 0u);
+   EXPECT_TRUE(scripted::wardenCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 0u);
    EXPECT_EQ(SnoopNames(), std::vector<std::string>{"dhcpRx"});
    ExpectOtherCountersZero({});
    /* The group frames met their receive limiters, the transmit ones stay
@@ -778,7 +764,7 @@ std::vector<DropRow> DropRows() {
 
 } // namespace
 
-class DropsAtAGlanceTest : public VigilTest {};
+class DropsAtAGlanceTest : public ScriptedPipelineTest {};
 
 TEST_F(DropsAtAGlanceTest, EachCheckDropsItsFrameAndCountsOnlyInItsOwnCounter) {
    std::vector<DropRow> rows = DropRows();
@@ -786,9 +772,9 @@ TEST_F(DropsAtAGlanceTest, EachCheckDropsItsFrameAndCountsOnlyInItsOwnCounter) {
    u32 portID = 0x100;
    for (const DropRow &row : rows) {
       SCOPED_TRACE(row.check);
-      doubles::Reset();
-      doubles::dhcpParses = true;
-      doubles::wardenResult = VIGIL_ACTION_DROP;
+      scripted::Reset();
+      scripted::dhcpParses = true;
+      scripted::wardenResult = VIGIL_ACTION_DROP;
       VigilFilter *filter = AddFilter(portID);
       row.configure(filter);
       zek_Pkt *pkt = frames::Make(row.frame());

@@ -2,7 +2,7 @@
  * Broadcast and multicast rate limiting: fixed windows, exactly `limit`
  * frames per window, and which limiter a group frame meets.
  */
-#include "test_doubles.h"
+#include "scripted_callees.h"
 #include "test_frames.h"
 #include "vigil_test.h"
 
@@ -57,11 +57,10 @@ const Direction kReceive = {"receive",
 
 } // namespace
 
-class RateLimitTest : public VigilTest {
+class RateLimitTest : public ScriptedPipelineTest {
 protected:
    void SetUp() override {
-      VigilTest::SetUp();
-      doubles::Reset();
+      ScriptedPipelineTest::SetUp();
       filter = AddFilter(kPort);
    }
 
@@ -328,6 +327,6 @@ TEST_F(RateLimitTest, RateLimitDropComesBeforeAnyOtherTransmitCheck) {
              Verdicts(0, 1));
    EXPECT_EQ(filter->stats.statTxBcastRateDrops, 1u);
    EXPECT_EQ(filter->stats.statDhcpClientBlockDrops, 0u);
-   EXPECT_TRUE(doubles::wardenCalls.empty());
-   EXPECT_TRUE(doubles::snoopCalls.empty());
+   EXPECT_TRUE(scripted::wardenCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
 }

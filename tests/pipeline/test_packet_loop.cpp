@@ -2,12 +2,10 @@
  * The packet loop: locking per batch, parsing, the write-lock rerun, drops,
  * the Pathprobe step, mapped views of frame bytes and header copies.
  */
-#include <arpa/inet.h>
-
-#include <cstdio>
 #include <cstring>
 
-#include "test_doubles.h"
+#include "scripted_callees.h"
+#include "test_addresses.h"
 #include "test_frames.h"
 #include "vigil_test.h"
 
@@ -18,19 +16,8 @@ using frames::Bytes;
 constexpr u32 kPort = 0x10;
 const char *const kPeerMac = "02:00:00:00:00:20";
 
-std::vector<u8> MacBytes(const std::string &text) {
-   unsigned v[6] = {};
-   EXPECT_EQ(std::sscanf(text.c_str(), "%x:%x:%x:%x:%x:%x", &v[0], &v[1], &v[2],
-                         &v[3], &v[4], &v[5]),
-             6);
-   return std::vector<u8>(v, v + 6);
-}
-
-std::vector<u8> IpBytes(const std::string &text) {
-   u8 out[4] = {};
-   EXPECT_EQ(inet_pton(AF_INET, text.c_str(), out), 1);
-   return std::vector<u8>(out, out + 4);
-}
+using addrtext::IpBytes;
+using addrtext::MacBytes;
 
 /* Ethernet II bytes without the padding to 60 that the frame builders add. */
 Bytes RawEther(const std::string &dstMac, u16 etherType, size_t payloadLen) {
@@ -64,7 +51,7 @@ sim::FrameOptions Traced(int32_t mapped = -1) {
  * the filter's write flag was up. */
 std::vector<std::string> SnoopTrace() {
    std::vector<std::string> out;
-   for (const doubles::SnoopCall &call : doubles::snoopCalls) {
+   for (const scripted::SnoopCall &call : scripted::snoopCalls) {
       out.push_back(call.what + " r" + std::to_string(call.holdsReadLock) + " w" +
                     std::to_string(call.configWriteHeld));
    }
@@ -73,7 +60,7 @@ std::vector<std::string> SnoopTrace() {
 
 std::vector<u32> WardenKinds() {
    std::vector<u32> kinds;
-   for (const doubles::WardenCall &call : doubles::wardenCalls) {
+   for (const scripted::WardenCall &call : scripted::wardenCalls) {
       kinds.push_back(call.kind);
    }
    return kinds;
@@ -110,11 +97,10 @@ private:
 
 } // namespace
 
-class PacketLoopTest : public VigilTest {
+class PacketLoopTest : public ScriptedPipelineTest {
 protected:
    void SetUp() override {
-      VigilTest::SetUp();
-      doubles::Reset();
+      ScriptedPipelineTest::SetUp();
       filter = AddFilter(kPort);
    }
 
@@ -148,8 +134,8 @@ TEST_F(PacketLoopTest, EmptyListOnAPortWithoutFeaturesTakesTheReadLockOnce) {
 TEST_F(PacketLoopTest, PortWithoutFeatureOrDiscoveryCostsOneReadLockAndTouchesNoFrame) {
    /* Everything that would drop is configured, only no bit is on. */
    filter->bpduBitmap = ~0ull;
-   doubles::wardenResult = VIGIL_ACTION_DROP;
-   doubles::relockOn = "dhcpTx";
+   scripted::wardenResult = VIGIL_ACTION_DROP;
+   scripted::relockOn = "dhcpTx";
    sim::SetTracing(true);
    std::vector<zek_Pkt *> batch = {
       frames::Make(DroppedBpdu(), Traced()),
@@ -175,9 +161,9 @@ TEST_F(PacketLoopTest, PortWithoutFeatureOrDiscoveryCostsOneReadLockAndTouchesNo
 
    EXPECT_EQ(ConfigLockCounts().reads, 1u);
    EXPECT_EQ(ConfigLockCounts().writes, 0u);
-   EXPECT_TRUE(doubles::wardenCalls.empty());
-   EXPECT_TRUE(doubles::snoopCalls.empty());
-   EXPECT_EQ(doubles::dhcpParseCalls, 0u);
+   EXPECT_TRUE(scripted::wardenCalls.empty());
+   EXPECT_TRUE(scripted::snoopCalls.empty());
+   EXPECT_EQ(scripted::dhcpParseCalls, 0u);
    EXPECT_EQ(filter->stats.statBpduDrops, 0u);
    EXPECT_TRUE(LogTexts().empty());
 }
@@ -217,14 +203,14 @@ TEST_F(PacketLoopTest, Ipv4FrameWithoutAReadableIpv4HeaderGoesToTheWardenAsLayer
    filter->featuresEnabled = VIGIL_FEAT_SWITCH_WARDEN;
    for (const auto &[what, bytes] : UnreadableIpv4Frames()) {
       SCOPED_TRACE(what);
-      doubles::wardenCalls.clear();
+      scripted::wardenCalls.clear();
       EXPECT_EQ(Tx(kPort, {frames::Make(bytes)}), std::vector<std::string>{"forward"});
-      ASSERT_EQ(doubles::wardenCalls.size(), 1u);
-      EXPECT_EQ(doubles::wardenCalls[0].kind, VIGIL_WDN_L2);
-      EXPECT_TRUE(doubles::wardenCalls[0].addr.empty());
-      EXPECT_EQ(doubles::wardenCalls[0].mac, MacBytes(frames::kVmMac));
+      ASSERT_EQ(scripted::wardenCalls.size(), 1u);
+      EXPECT_EQ(scripted::wardenCalls[0].kind, VIGIL_WDN_L2);
+      EXPECT_TRUE(scripted::wardenCalls[0].addr.empty());
+      EXPECT_EQ(scripted::wardenCalls[0].mac, MacBytes(frames::kVmMac));
    }
-   doubles::wardenCalls.clear();
+   scripted::wardenCalls.clear();
    Tx(kPort, {frames::Make(PassingUdp())});
    EXPECT_EQ(WardenKinds(), std::vector<u32>{VIGIL_WDN_IPV4});
 }
@@ -233,7 +219,7 @@ TEST_F(PacketLoopTest, Ipv4FrameWithoutAReadableIpv4HeaderGoesToTheWardenAsLayer
 
 TEST_F(PacketLoopTest, FirstFrameAskingForTheWriteLockRunsAgainAndTheBatchKeepsIt) {
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
-   doubles::relockOn = "dhcpTx";
+   scripted::relockOn = "dhcpTx";
    std::vector<zek_Pkt *> batch;
    for (int i = 0; i < 3; i++) {
       batch.push_back(frames::Make(frames::DhcpClient(frames::kVmMac, frames::kVmMac,
@@ -253,7 +239,7 @@ TEST_F(PacketLoopTest, LaterFrameAskingForTheWriteLockRunsAgainAndEarlierFramesK
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
    filter->featuresEnabled = VIGIL_FEAT_BPDU_FILTER;
    filter->bpduBitmap = 1;
-   doubles::relockOn = "dhcpTx";
+   scripted::relockOn = "dhcpTx";
    std::vector<zek_Pkt *> batch = {
       frames::Make(DroppedBpdu()),
       frames::Make(PassingUdp()),
@@ -272,7 +258,7 @@ TEST_F(PacketLoopTest, LaterFrameAskingForTheWriteLockRunsAgainAndEarlierFramesK
 
 TEST_F(PacketLoopTest, ReceivedFrameAskingForTheWriteLockRunsAgainUnderIt) {
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
-   doubles::relockOn = "dhcpRx";
+   scripted::relockOn = "dhcpRx";
    std::vector<zek_Pkt *> batch = {
       frames::Make(frames::DhcpServer(frames::kServerMac, frames::kVmMac, 2)),
       frames::Make(frames::DhcpServer(frames::kServerMac, frames::kVmMac, 5)),
@@ -287,7 +273,7 @@ TEST_F(PacketLoopTest, ReceivedFrameAskingForTheWriteLockRunsAgainUnderIt) {
 TEST_F(PacketLoopTest, RelockAnswerUnderTheWriteLockIsForwardedAndNothingLoops) {
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
    /* Every snoop answers RELOCK, under the read lock and the write lock. */
-   doubles::snoopAction = VIGIL_ACTION_RELOCK;
+   scripted::snoopAction = VIGIL_ACTION_RELOCK;
    std::vector<zek_Pkt *> batch = {
       frames::Make(frames::DhcpClient(frames::kVmMac, frames::kVmMac, "0.0.0.0", 1)),
       frames::Make(frames::DhcpClient(frames::kVmMac, frames::kVmMac, "0.0.0.0", 3)),
@@ -301,8 +287,8 @@ TEST_F(PacketLoopTest, RelockAnswerUnderTheWriteLockIsForwardedAndNothingLoops) 
 
 TEST_F(PacketLoopTest, FrameRunAgainTakesTheActionOfItsSecondRunOnly) {
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
-   doubles::relockOn = "dhcpTx";
-   doubles::snoopAction = VIGIL_ACTION_DROP;
+   scripted::relockOn = "dhcpTx";
+   scripted::snoopAction = VIGIL_ACTION_DROP;
    std::vector<zek_Pkt *> batch = {
       frames::Make(frames::DhcpClient(frames::kVmMac, frames::kVmMac, "0.0.0.0", 1)),
       frames::Make(PassingUdp()),
@@ -314,18 +300,18 @@ TEST_F(PacketLoopTest, FrameRunAgainTakesTheActionOfItsSecondRunOnly) {
 
 TEST_F(PacketLoopTest, FrameRunAgainIsForwardedWhenItsSecondRunForwards) {
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
-   doubles::relockOn = "dhcpTx";
-   doubles::snoopAction = VIGIL_ACTION_FORWARD;
+   scripted::relockOn = "dhcpTx";
+   scripted::snoopAction = VIGIL_ACTION_FORWARD;
    EXPECT_EQ(Tx(kPort, {frames::Make(frames::DhcpClient(frames::kVmMac, frames::kVmMac,
                                                         "0.0.0.0", 1))}),
              std::vector<std::string>{"forward"});
-   EXPECT_EQ(doubles::snoopCalls.size(), 2u);
+   EXPECT_EQ(scripted::snoopCalls.size(), 2u);
 }
 
 TEST_F(PacketLoopTest, RelockAnswerWithAFailureStatusCountsAsForwardAndTakesNoWriteLock) {
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
-   doubles::snoopAction = VIGIL_ACTION_RELOCK;
-   doubles::snoopStatus = VIGIL_STATUS_FAILURE;
+   scripted::snoopAction = VIGIL_ACTION_RELOCK;
+   scripted::snoopStatus = VIGIL_STATUS_FAILURE;
    std::vector<zek_Pkt *> batch = {
       frames::Make(frames::DhcpClient(frames::kVmMac, frames::kVmMac, "0.0.0.0", 1)),
       frames::Make(frames::DhcpClient(frames::kVmMac, frames::kVmMac, "0.0.0.0", 3)),
@@ -423,8 +409,8 @@ protected:
    }
 
    const u8 *OnlyWardenMetadata() {
-      EXPECT_EQ(doubles::wardenCalls.size(), 1u);
-      return doubles::wardenCalls.empty() ? nullptr : doubles::wardenCalls[0].ppMetadata;
+      EXPECT_EQ(scripted::wardenCalls.size(), 1u);
+      return scripted::wardenCalls.empty() ? nullptr : scripted::wardenCalls[0].ppMetadata;
    }
 
    static std::string NoMetadataLog(const char *why) {
@@ -467,7 +453,7 @@ TEST_F(PathprobeTest, TracingEndsWhenItsEndTimeIsReached) {
    Tx(kPort, {frames::Make(PassingUdp(), Traced())});
    EXPECT_NE(OnlyWardenMetadata(), nullptr);
 
-   doubles::wardenCalls.clear();
+   scripted::wardenCalls.clear();
    sim::Advance(0.001);
    Tx(kPort, {frames::Make(PassingUdp(), Traced())});
    EXPECT_EQ(OnlyWardenMetadata(), nullptr);
@@ -542,16 +528,16 @@ TEST_F(PathprobeTest, TracedFrameNotWhollyMappedIsReplacedByAMappedCopy) {
    EXPECT_EQ(sim::FramesLive(), 2u);
    EXPECT_EQ(sim::FrameBytes(copy), bytes);
    EXPECT_EQ(zek_PktFrameMappedLenGet(copy), bytes.size());
-   ASSERT_EQ(doubles::wardenCalls.size(), 2u);
-   EXPECT_EQ(doubles::wardenCalls[0].ppMetadata, MappedStart(copy) + 14 + totalLength - 16);
-   EXPECT_EQ(doubles::wardenCalls[0].addr, IpBytes("192.0.2.10"));
-   EXPECT_EQ(doubles::wardenCalls[1].ppMetadata, nullptr);
+   ASSERT_EQ(scripted::wardenCalls.size(), 2u);
+   EXPECT_EQ(scripted::wardenCalls[0].ppMetadata, MappedStart(copy) + 14 + totalLength - 16);
+   EXPECT_EQ(scripted::wardenCalls[0].addr, IpBytes("192.0.2.10"));
+   EXPECT_EQ(scripted::wardenCalls[1].ppMetadata, nullptr);
    EXPECT_TRUE(LogTexts().empty());
 }
 
 TEST_F(PathprobeTest, TracedCopyStaysInTheListWhenDroppedAndIsWhatIsReleased) {
    sim::SetTracing(true);
-   doubles::wardenResult = VIGIL_ACTION_DROP;
+   scripted::wardenResult = VIGIL_ACTION_DROP;
    zek_Pkt *original = frames::Make(
       frames::TcpV4(frames::kVmMac, kPeerMac, "192.0.2.10", "192.0.2.1"), Traced(20));
    Batch batch({original});
@@ -657,7 +643,7 @@ TEST_F(PathprobeTest, FailedFrameCopyLogsInvalidDataAndTheFrameGoesOn) {
    EXPECT_EQ(batch.Frames(), std::vector<zek_Pkt *>{original});
    EXPECT_EQ(sim::FramesLive(), 1u);
    EXPECT_EQ(OnlyWardenMetadata(), nullptr);
-   EXPECT_EQ(doubles::wardenCalls[0].addr, IpBytes("192.0.2.10"));
+   EXPECT_EQ(scripted::wardenCalls[0].addr, IpBytes("192.0.2.10"));
    EXPECT_EQ(LogTexts(), std::vector<std::string>{NoMetadataLog("Invalid data")});
 }
 
@@ -689,9 +675,9 @@ TEST_F(PathprobeTest, MetadataOfOneFrameIsNotHandedToTheNext) {
    sim::SetTracing(true);
    Batch batch({frames::Make(PassingUdp(), Traced()), frames::Make(PassingUdp())});
    ASSERT_EQ(batch.Tx(kPort), ZEK_OK);
-   ASSERT_EQ(doubles::wardenCalls.size(), 2u);
-   EXPECT_NE(doubles::wardenCalls[0].ppMetadata, nullptr);
-   EXPECT_EQ(doubles::wardenCalls[1].ppMetadata, nullptr);
+   ASSERT_EQ(scripted::wardenCalls.size(), 2u);
+   EXPECT_NE(scripted::wardenCalls[0].ppMetadata, nullptr);
+   EXPECT_EQ(scripted::wardenCalls[1].ppMetadata, nullptr);
 }
 
 /* ------------------------------------------------------ VigilGetMappedPtr */
@@ -904,11 +890,11 @@ TEST_F(PacketLoopTest, FrameMappedTenBytesGivesTheWardenItsCopiedAddresses) {
                                                    "198.51.100.7", "192.0.2.1"),
                                      opts)}),
              std::vector<std::string>{"forward"});
-   ASSERT_EQ(doubles::wardenCalls.size(), 1u);
-   EXPECT_EQ(doubles::wardenCalls[0].kind, VIGIL_WDN_IPV4);
-   EXPECT_EQ(doubles::wardenCalls[0].vlan, 7);
-   EXPECT_EQ(doubles::wardenCalls[0].mac, MacBytes(frames::kVmMac));
-   EXPECT_EQ(doubles::wardenCalls[0].addr, IpBytes("198.51.100.7"));
+   ASSERT_EQ(scripted::wardenCalls.size(), 1u);
+   EXPECT_EQ(scripted::wardenCalls[0].kind, VIGIL_WDN_IPV4);
+   EXPECT_EQ(scripted::wardenCalls[0].vlan, 7);
+   EXPECT_EQ(scripted::wardenCalls[0].mac, MacBytes(frames::kVmMac));
+   EXPECT_EQ(scripted::wardenCalls[0].addr, IpBytes("198.51.100.7"));
 }
 
 TEST_F(PacketLoopTest, FailedHeaderCopyLeavesTheFrameWithTheBitsFoundSoFar) {
@@ -938,11 +924,11 @@ zek_Pkt *SplitDhcpClient(const std::string &chaddr) {
 
 TEST_F(PacketLoopTest, FlatCopyMadeDuringAFramesPassIsFreedByTheLoop) {
    filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK;
-   doubles::dhcpParses = true;
+   scripted::dhcpParses = true;
    sim::HeapStats before = sim::GetHeapStats(heapID);
    EXPECT_EQ(Tx(kPort, {SplitDhcpClient(frames::kVmMac), SplitDhcpClient(frames::kVmMac)}),
              (std::vector<std::string>{"forward", "forward"}));
-   EXPECT_EQ(doubles::dhcpParseCalls, 2u);
+   EXPECT_EQ(scripted::dhcpParseCalls, 2u);
    sim::HeapStats after = sim::GetHeapStats(heapID);
    EXPECT_EQ(after.totalAllocs, before.totalAllocs + 2);
    EXPECT_EQ(after.allocations, before.allocations);
@@ -950,7 +936,7 @@ TEST_F(PacketLoopTest, FlatCopyMadeDuringAFramesPassIsFreedByTheLoop) {
 
 TEST_F(PacketLoopTest, SplitDhcpFrameIsJudgedOnItsFlatCopy) {
    filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK;
-   doubles::dhcpParses = true;
+   scripted::dhcpParses = true;
    sim::HeapStats before = sim::GetHeapStats(heapID);
    EXPECT_EQ(Tx(kPort, {SplitDhcpClient("02:00:00:00:00:99")}),
              std::vector<std::string>{"drop"});
@@ -961,8 +947,8 @@ TEST_F(PacketLoopTest, SplitDhcpFrameIsJudgedOnItsFlatCopy) {
 TEST_F(PacketLoopTest, FlatCopyIsFreedBeforeTheFrameRunsAgain) {
    filter->featuresEnabled = VIGIL_FEAT_DHCP_SERVER_BLOCK;
    filter->discoveryFlags |= VIGIL_DISC_DHCP;
-   doubles::dhcpParses = true;
-   doubles::relockOn = "dhcpTx";
+   scripted::dhcpParses = true;
+   scripted::relockOn = "dhcpTx";
    sim::HeapStats before = sim::GetHeapStats(heapID);
    EXPECT_EQ(Tx(kPort, {SplitDhcpClient(frames::kVmMac)}),
              std::vector<std::string>{"forward"});

@@ -1,6 +1,8 @@
-#include "test_doubles.h"
+#include "scripted_callees.h"
 
-namespace doubles {
+#include "vigil_pipeline.h"
+
+namespace scripted {
 
 u32 wardenResult;
 bool dhcpParses;
@@ -24,8 +26,10 @@ void Reset() {
    dhcpParseCalls = 0;
 }
 
-static zek_Status Snoop(const char *what, VigilFilter *filter,
-                        VigilPacketContext *ctx, u32 *action) {
+namespace {
+
+zek_Status Snoop(const char *what, VigilFilter *filter, VigilPacketContext *ctx,
+                 u32 *action) {
    snoopCalls.push_back({what, ctx->holdsReadLock, filter->configWriteHeld});
    if (relockOn == what && ctx->holdsReadLock) {
       *action = VIGIL_ACTION_RELOCK;
@@ -35,13 +39,8 @@ static zek_Status Snoop(const char *what, VigilFilter *filter,
    return snoopStatus;
 }
 
-} // namespace doubles
-
-using namespace doubles;
-
-u32 VigilWarden(VigilFilter *, u16 vlan, const u8 *mac, const u8 *addr,
-                const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
-                u32 obsvFlags) {
+u32 Warden(VigilFilter *, u16 vlan, const u8 *mac, const u8 *addr,
+           const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata, u32 obsvFlags) {
    WardenCall call{vlan, {}, {}, {}, kind, ppMetadata, obsvFlags};
    if (mac) call.mac.assign(mac, mac + 6);
    if (addr) call.addr.assign(addr, addr + (kind == VIGIL_WDN_IPV6 ? 16 : 4));
@@ -52,7 +51,7 @@ u32 VigilWarden(VigilFilter *, u16 vlan, const u8 *mac, const u8 *addr,
 
 /* Points dhcpHdr at the 240-byte fixed header behind the UDP header, read
  * through the module's own reader so that split frames work too. */
-zek_Status VigilDhcpParse(VigilFilter *, zek_Pkt *pkt, VigilPacketContext *ctx) {
+zek_Status DhcpParse(VigilFilter *, zek_Pkt *pkt, VigilPacketContext *ctx) {
    static u8 msgType;
    dhcpParseCalls++;
    ctx->dhcpHdr = nullptr;
@@ -69,27 +68,58 @@ zek_Status VigilDhcpParse(VigilFilter *, zek_Pkt *pkt, VigilPacketContext *ctx) 
    return ZEK_OK;
 }
 
-zek_Status VigilDhcpSnoopTx(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
-                            u32 *action) {
+zek_Status DhcpSnoopTx(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
+                       u32 *action) {
    return Snoop("dhcpTx", filter, ctx, action);
 }
 
-zek_Status VigilDhcpSnoopRx(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
-                            u32 *action) {
+zek_Status DhcpSnoopRx(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
+                       u32 *action) {
    return Snoop("dhcpRx", filter, ctx, action);
 }
 
-zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx, const u8 *,
-                         u32 *action) {
+zek_Status ArpSnoop(VigilFilter *filter, VigilPacketContext *ctx, const u8 *,
+                    u32 *action) {
    return Snoop("arp", filter, ctx, action);
 }
 
-zek_Status VigilProcessTxIpv6(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
-                              u32 *action) {
+zek_Status ProcessTxIpv6(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
+                         u32 *action) {
    return Snoop("ipv6Tx", filter, ctx, action);
 }
 
-zek_Status VigilProcessRxIpv6(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
-                              u32 *action) {
+zek_Status ProcessRxIpv6(VigilFilter *filter, zek_Pkt *, VigilPacketContext *ctx,
+                         u32 *action) {
    return Snoop("ipv6Rx", filter, ctx, action);
+}
+
+constexpr VigilPipelineCallees kScripted = {
+   .warden = Warden,
+   .dhcpParse = DhcpParse,
+   .dhcpSnoopTx = DhcpSnoopTx,
+   .dhcpSnoopRx = DhcpSnoopRx,
+   .arpSnoop = ArpSnoop,
+   .processTxIpv6 = ProcessTxIpv6,
+   .processRxIpv6 = ProcessRxIpv6,
+};
+
+} // namespace
+
+void Install() {
+   Reset();
+   vigilPipelineCallees = kScripted;
+}
+
+void Restore() { vigilPipelineCallees = vigilPipelineModuleCallees; }
+
+} // namespace scripted
+
+void ScriptedPipelineTest::SetUp() {
+   VigilTest::SetUp();
+   scripted::Install();
+}
+
+void ScriptedPipelineTest::TearDown() {
+   scripted::Restore();
+   VigilTest::TearDown();
 }
