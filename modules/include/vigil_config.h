@@ -49,28 +49,28 @@ struct __attribute__((packed)) VigilGlxPortConf {
 static_assert(sizeof(VigilGlxPortConf) == 137, "137-byte command");
 static_assert(offsetof(VigilGlxPortConf, isPortWardenEnabled) == 136, "at 136");
 
-zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *cfg);
+VIGIL_MUST_CHECK zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *cfg);
 /* Frees the port white list and takes its entries out of the flow cache's
  * warden hash.  The caller holds the write lock. */
 void VigilDropPortWhiteList(VigilFilter *filter);
-zek_Status VigilValidateWhiteList(VigilFilter *filter,
+VIGIL_MUST_CHECK zek_Status VigilValidateWhiteList(VigilFilter *filter,
                                   const VigilWhiteListEntry *entries, u32 count);
-zek_Status VigilGetBpduFilterList(VigilFilter *filter, const VigilSecurityConfig *cfg,
+VIGIL_MUST_CHECK zek_Status VigilGetBpduFilterList(VigilFilter *filter, const VigilSecurityConfig *cfg,
                                   u64 *bitmap);
-zek_Status VigilConfigDiscovery(VigilFilter *filter, const u32 *bits, bool flush);
-zek_Status VigilConfigIpv4Discovery(VigilFilter *filter, bool dhcp, bool arp,
+VIGIL_MUST_CHECK zek_Status VigilConfigDiscovery(VigilFilter *filter, const u32 *bits, bool flush);
+VIGIL_MUST_CHECK zek_Status VigilConfigIpv4Discovery(VigilFilter *filter, bool dhcp, bool arp,
                                     bool flush);
-zek_Status VigilConfigDiscoveryIL(VigilFilter *filter,
+VIGIL_MUST_CHECK zek_Status VigilConfigDiscoveryIL(VigilFilter *filter,
                                   const VigilIgnoreListConfig *blob);
-zek_Status VigilValidateIgnoreList(VigilFilter *filter,
+VIGIL_MUST_CHECK zek_Status VigilValidateIgnoreList(VigilFilter *filter,
                                    const VigilWhiteListEntry *entry);
 
 /* Of the IPv6 database. */
-zek_Status VigilConfigIpv6Discovery(VigilFilter *filter, bool dhcpv6, bool nd,
+VIGIL_MUST_CHECK zek_Status VigilConfigIpv6Discovery(VigilFilter *filter, bool dhcpv6, bool nd,
                                     bool flush);
-zek_Status VigilConfigNdExpiry(VigilFilter *filter, u32 minutes);
+VIGIL_MUST_CHECK zek_Status VigilConfigNdExpiry(VigilFilter *filter, u32 minutes);
 void VigilIgnoreListDelPortDbV6(VigilFilter *filter);
-zek_Status VigilV6VmiHashAlloc(VigilV6VmiHash **hash);
+VIGIL_MUST_CHECK zek_Status VigilV6VmiHashAlloc(VigilV6VmiHash **hash);
 void VigilFlushV6VmiByDiscoveryMethod(VigilFilter *filter, u32 methods);
 
 #endif /* VIGIL_CONFIG_H */

@@ -47,7 +47,7 @@ struct VigilDhcpReq {
 
 extern const char *const dhcpMsgTypeStr[9];
 
-zek_Status VigilAddDhcpReq(VigilFilter *filter, VigilPacketContext *ctx);
+VIGIL_MUST_CHECK zek_Status VigilAddDhcpReq(VigilFilter *filter, VigilPacketContext *ctx);
 void VigilDelDhcpReq(VigilFilter *filter, VigilDhcpReq *req);
 VigilDhcpReq *VigilFindDhcpClientReq(VigilFilter *filter, VigilPacketContext *ctx);
 VigilDhcpReq *VigilFindMatchingDhcpReq(VigilFilter *filter, u16 vlanId,
@@ -55,7 +55,7 @@ VigilDhcpReq *VigilFindMatchingDhcpReq(VigilFilter *filter, u16 vlanId,
 VigilVmi *VigilFindDhcpClientVmi(VigilFilter *filter, u16 vlanId,
                                  const u8 *chaddr, u32 clientIdLen,
                                  const u8 *clientId);
-zek_Status VigilProcessDhcpAck(VigilFilter *filter, VigilPacketContext *ctx);
-zek_Status VigilUpdateVmiIp(VigilFilter *filter, VigilVmi *vmi, u32 newIp);
+VIGIL_MUST_CHECK zek_Status VigilProcessDhcpAck(VigilFilter *filter, VigilPacketContext *ctx);
+VIGIL_MUST_CHECK zek_Status VigilUpdateVmiIp(VigilFilter *filter, VigilVmi *vmi, u32 newIp);
 
 #endif /* VIGIL_DHCP_H */

@@ -183,7 +183,7 @@ VigilFilter *Vigil_RelockFilterForWrite(VigilFilter *filter);
 void Vigil_AssertFilterIsLocked(VigilFilter *filter, bool forWrite);
 VigilFilter *Vigil_LockPsPortAndFilter(u32 portID, bool forWrite,
                                        zek_PortsetHandle *portset);
-zek_Status Vigil_UnlockPsPortFilter(VigilFilter *filter, bool forWrite,
+VIGIL_MUST_CHECK zek_Status Vigil_UnlockPsPortFilter(VigilFilter *filter, bool forWrite,
                                     zek_PortsetHandle portset);
 
 #endif /* VIGIL_FILTER_H */

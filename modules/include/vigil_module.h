@@ -4,6 +4,7 @@
 #ifndef VIGIL_MODULE_H
 #define VIGIL_MODULE_H
 
+#include "vigil_exports.h"
 #include "vigil_types.h"
 
 extern zek_ModuleID moduleID;          /* all ones before start */
@@ -13,7 +14,6 @@ extern zek_LogHandle vigilThrottledLogHandle;
 extern zek_LockDomainID lockDomain;    /* all ones before start */
 extern u64 ppPktAttrHandle;            /* Pathprobe frame attribute */
 extern u64 ppPktAttrRegHandle;
-extern u8 isLiveUpgradeFromMod;
 
 #define VIGIL_INVALID_LOCK_DOMAIN ((zek_LockDomainID)(~(uintptr_t)0))
 #define VIGIL_PP_PKT_ATTR_ID 0x3e8f6798adcf2307ull
@@ -24,7 +24,7 @@ void Vigil_HeapFree(void *ptr);
 
 /* Creates one of the module's locks, named, in its lock domain.  The status
  * of whichever step failed is returned. */
-zek_Status VigilCreateLock(const char *name, u32 kind, u32 rank,
+VIGIL_MUST_CHECK zek_Status VigilCreateLock(const char *name, u32 kind, u32 rank,
                            zek_SpinlockHandle *lock);
 
 #endif /* VIGIL_MODULE_H */

@@ -53,20 +53,20 @@ struct VigilPacketContext {
 };
 
 /* Packet loop. */
-extern "C" zek_Status Vigil_ProcessPacketsToSwitch(zek_PortID portID, void *priv,
+extern "C" VIGIL_MUST_CHECK zek_Status Vigil_ProcessPacketsToSwitch(zek_PortID portID, void *priv,
                                                    zek_PktList *list);
-extern "C" zek_Status Vigil_ProcessPacketsFromSwitch(zek_PortID portID,
+extern "C" VIGIL_MUST_CHECK zek_Status Vigil_ProcessPacketsFromSwitch(zek_PortID portID,
                                                      void *priv,
                                                      zek_PktList *list);
-zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch);
+VIGIL_MUST_CHECK zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch);
 u8 *VigilGetMappedPtr(zek_Pkt *pkt, u32 *offset, u32 length,
                       VigilPacketContext *ctx);
 u8 *OXA_PktFindSGEntry(zek_Pkt *pkt, u32 start, u32 end);
 
 /* Transmit and receive pipelines. */
-zek_Status VigilProcessPktTx(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilProcessPktTx(VigilFilter *filter, zek_Pkt *pkt,
                              VigilPacketContext *ctx, u32 *action);
-zek_Status VigilProcessPktRx(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilProcessPktRx(VigilFilter *filter, zek_Pkt *pkt,
                              VigilPacketContext *ctx, u32 *action);
 bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
                                  VigilPacketContext *ctx);
@@ -89,18 +89,18 @@ u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
                 u32 obsvFlags);
 
 /* Snooping and IPv6 handling reached from the pipelines. */
-zek_Status VigilDhcpParse(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilDhcpParse(VigilFilter *filter, zek_Pkt *pkt,
                           VigilPacketContext *ctx);
-zek_Status VigilDhcpSnoopTx(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilDhcpSnoopTx(VigilFilter *filter, zek_Pkt *pkt,
                             VigilPacketContext *ctx, u32 *action);
-zek_Status VigilDhcpSnoopRx(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilDhcpSnoopRx(VigilFilter *filter, zek_Pkt *pkt,
                             VigilPacketContext *ctx, u32 *action);
-zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
+VIGIL_MUST_CHECK zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
                          const u8 *arpHdr, u32 *action);
 void VigilExtendAge(VigilFilter *filter, VigilPacketContext *ctx);
-zek_Status VigilProcessTxIpv6(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilProcessTxIpv6(VigilFilter *filter, zek_Pkt *pkt,
                               VigilPacketContext *ctx, u32 *action);
-zek_Status VigilProcessRxIpv6(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilProcessRxIpv6(VigilFilter *filter, zek_Pkt *pkt,
                               VigilPacketContext *ctx, u32 *action);
 
 #endif /* VIGIL_PACKET_H */

@@ -28,43 +28,43 @@ extern zek_SpinlockHandle vigilFabClientLock;
 extern zek_NetEventHandle vigilFabVswitchActivateEventHandle;
 extern zek_NetEventHandle vigilFabVswitchDeactivateEventHandle;
 
-zek_Status VigilPortPropEnableWrite(zek_PortsetHandle ps, zek_PortID portID,
+VIGIL_MUST_CHECK zek_Status VigilPortPropEnableWrite(zek_PortsetHandle ps, zek_PortID portID,
                                     const char *propName, const void *data,
                                     u32 dataLen);
-zek_Status VigilPortPropEnableCleanup(zek_PortsetHandle ps, zek_PortID portID);
-zek_Status VigilPortPropDiscoveryWrite(zek_PortsetHandle ps, zek_PortID portID,
+VIGIL_MUST_CHECK zek_Status VigilPortPropEnableCleanup(zek_PortsetHandle ps, zek_PortID portID);
+VIGIL_MUST_CHECK zek_Status VigilPortPropDiscoveryWrite(zek_PortsetHandle ps, zek_PortID portID,
                                        const char *propName, const void *data,
                                        u32 dataLen);
-zek_Status VigilPortPropDiscoveryCleanup(zek_PortsetHandle ps, zek_PortID portID);
-zek_Status VigilPortPropDiscoveryIpv6Write(zek_PortsetHandle ps, zek_PortID portID,
+VIGIL_MUST_CHECK zek_Status VigilPortPropDiscoveryCleanup(zek_PortsetHandle ps, zek_PortID portID);
+VIGIL_MUST_CHECK zek_Status VigilPortPropDiscoveryIpv6Write(zek_PortsetHandle ps, zek_PortID portID,
                                            const char *propName, const void *data,
                                            u32 dataLen);
-zek_Status VigilPortPropDiscoveryIpv6Cleanup(zek_PortsetHandle ps, zek_PortID portID);
-zek_Status VigilPortPropDiscoveryILWrite(zek_PortsetHandle ps, zek_PortID portID,
+VIGIL_MUST_CHECK zek_Status VigilPortPropDiscoveryIpv6Cleanup(zek_PortsetHandle ps, zek_PortID portID);
+VIGIL_MUST_CHECK zek_Status VigilPortPropDiscoveryILWrite(zek_PortsetHandle ps, zek_PortID portID,
                                          const char *propName, const void *data,
                                          u32 dataLen);
-zek_Status VigilPortPropDiscoveryILCleanup(zek_PortsetHandle ps, zek_PortID portID);
-zek_Status VigilPortPropSecurityWrite(zek_PortsetHandle ps, zek_PortID portID,
+VIGIL_MUST_CHECK zek_Status VigilPortPropDiscoveryILCleanup(zek_PortsetHandle ps, zek_PortID portID);
+VIGIL_MUST_CHECK zek_Status VigilPortPropSecurityWrite(zek_PortsetHandle ps, zek_PortID portID,
                                       const char *propName, const void *data,
                                       u32 dataLen);
-zek_Status Vigil_FabPropRegister(const char *portsetName,
+VIGIL_MUST_CHECK zek_Status Vigil_FabPropRegister(const char *portsetName,
                                  VigilFabClientHandles *client);
-zek_Status Vigil_FabPropUnregister(VigilFabClientHandles *client);
+VIGIL_MUST_CHECK zek_Status Vigil_FabPropUnregister(VigilFabClientHandles *client);
 
-zek_Status Vigil_FabClientInit(void);
+VIGIL_MUST_CHECK zek_Status Vigil_FabClientInit(void);
 void Vigil_FabClientCleanup(void);
-zek_Status VigilFabRegisterClients(const char *portsetName);
-zek_Status VigilFabUnregisterClients(const char *portsetName);
-zek_Status VigilFabRegisterClientsCB(zek_PortsetHandle ps, void *data);
-zek_Status VigilFabVswitchActivateCB(void *ctx, const char *eventName, void *cbData,
+VIGIL_MUST_CHECK zek_Status VigilFabRegisterClients(const char *portsetName);
+VIGIL_MUST_CHECK zek_Status VigilFabUnregisterClients(const char *portsetName);
+VIGIL_MUST_CHECK zek_Status VigilFabRegisterClientsCB(zek_PortsetHandle ps, void *data);
+VIGIL_MUST_CHECK zek_Status VigilFabVswitchActivateCB(void *ctx, const char *eventName, void *cbData,
                                void *eventData);
-zek_Status VigilFabVswitchDeactivateCB(void *ctx, const char *eventName, void *cbData,
+VIGIL_MUST_CHECK zek_Status VigilFabVswitchDeactivateCB(void *ctx, const char *eventName, void *cbData,
                                  void *eventData);
 VigilFabClientHandles *VigilFabGetClientHandlesByPSName(const char *portsetName);
 
 /* Of the migration part: the Transit carrier's registration per portset. */
-zek_Status Vigil_TransitRegister(const char *portsetName,
+VIGIL_MUST_CHECK zek_Status Vigil_TransitRegister(const char *portsetName,
                                  VigilFabClientHandles *client);
-zek_Status Vigil_TransitUnregister(VigilFabClientHandles *client);
+VIGIL_MUST_CHECK zek_Status Vigil_TransitUnregister(VigilFabClientHandles *client);
 
 #endif /* VIGIL_SWITCH_H */

@@ -17,7 +17,7 @@ extern VigilThrottleArg vigilThrottleArg;
 extern zek_SpinlockHandle vigilThrottleSpinLock;
 
 int VigilLogThrottleCustom(void *arg);
-zek_Status VigilLogThrottleInit(void);
+VIGIL_MUST_CHECK zek_Status VigilLogThrottleInit(void);
 void VigilLogThrottleCleanup(void);
 
 #endif /* VIGIL_THROTTLE_H */

@@ -9,6 +9,10 @@
 
 #include "zek.h"
 
+/* On every module function that returns a status: a caller that means to
+ * ignore one says so with a (void) cast and a word why. */
+#define VIGIL_MUST_CHECK [[nodiscard]]
+
 typedef uint8_t u8;
 typedef uint16_t u16;
 typedef uint32_t u32;

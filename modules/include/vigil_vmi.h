@@ -6,6 +6,7 @@
 #define VIGIL_VMI_H
 
 #include "oxa_hash_common.h"
+#include "vigil_exports.h"
 #include "vigil_filter.h"
 
 #define VIGIL_VMI_HASH_BUCKETS (1u << 9)
@@ -40,13 +41,12 @@ struct VigilVmiHash {
    OxaHashCommon common; /* followed by its 512 buckets */
 };
 
-extern i64 delOnExpiry;
 bool GetDeleteExpiry(void);
 void SetDeleteExpiry(i8 value);
 
-zek_Status VigilVmiHashAlloc(VigilVmiHash **hash);
+VIGIL_MUST_CHECK zek_Status VigilVmiHashAlloc(VigilVmiHash **hash);
 VigilVmi *VigilFindVmi(VigilFilter *filter, u16 vlanId, const u8 *mac, u32 ip);
-zek_Status VigilAddVmi(VigilFilter *filter, VigilVmi *vmi);
+VIGIL_MUST_CHECK zek_Status VigilAddVmi(VigilFilter *filter, VigilVmi *vmi);
 void VigilDelVmi(VigilFilter *filter, VigilVmi *vmi);
 void VigilInsertIntoVmiList(VigilFilter *filter, VigilVmi *vmi);
 void VigilRefreshVmiExpiryTs(VigilFilter *filter, VigilVmi *vmi, i64 expiryTs);
@@ -57,9 +57,9 @@ bool VigilMatchV4IgnoreList(VigilFilter *filter, u16 vlanId, const u8 *mac,
 /* Aging, life time changes and flushes. */
 void VigilPortDbDoAging(VigilFilter *filter, i64 now);
 void VigilPortDbTimeoutChange(VigilFilter *filter, i32 delta);
-zek_Status VigilConfigArpExpiry(VigilFilter *filter, u32 minutes);
+VIGIL_MUST_CHECK zek_Status VigilConfigArpExpiry(VigilFilter *filter, u32 minutes);
 void VigilDelVmiByDiscMethod(VigilFilter *filter, u32 mask);
-zek_Status VigilConfigL3(VigilFilter *filter, const u32 *newBits, bool flush);
+VIGIL_MUST_CHECK zek_Status VigilConfigL3(VigilFilter *filter, const u32 *newBits, bool flush);
 void VigilIgnoreListDelPortDb(VigilFilter *filter);
 
 /* Of the background workers. */
@@ -68,11 +68,8 @@ void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi);
 
 /* Checks the table, lists and counters of a filter's IPv4 database; calls
  * `report` with a text for every broken invariant and returns their count. */
-typedef void (*VigilViolationFn)(void *ctx, const char *text);
 u32 VigilCheckVmiTable(VigilFilter *filter, VigilViolationFn report, void *ctx);
-/* All tables of a filter; unmangled so that tools can look it up. */
-extern "C" u32 VigilCheckFilterTables(VigilFilter *filter, VigilViolationFn report,
-                                      void *ctx);
+/* VigilCheckFilterTables, of all tables of a filter, is in vigil_exports.h. */
 
 #define VIGIL_VMI_FROM_EXPIRY(links) VIGIL_LIST_ENTRY(links, VigilVmi, expiryLinks)
 #define VIGIL_VMI_FROM_EXPIRED(links) VIGIL_LIST_ENTRY(links, VigilVmi, expiredLinks)

@@ -51,9 +51,9 @@ u32 WardenMatchWL(VigilFilter *filter, const VigilWhiteListEntry *list,
                   u32 size, u16 vlan, const u8 *mac, const u8 *addr,
                   const u8 *arpSenderMac, u32 kind, bool macsEqual,
                   const char *tag, u32 *matchIndex);
-zek_Status VigilProcessTxIpv6Warden(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilProcessTxIpv6Warden(VigilFilter *filter, zek_Pkt *pkt,
                                     VigilPacketContext *ctx, u32 *action);
-zek_Status VigilNDParsePkt(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK zek_Status VigilNDParsePkt(VigilFilter *filter, zek_Pkt *pkt,
                            VigilPacketContext *ctx);
 
 #endif /* VIGIL_WARDEN_H */

@@ -6,6 +6,7 @@
 #ifndef VIGIL_WORKERS_H
 #define VIGIL_WORKERS_H
 
+#include "vigil_exports.h"
 #include "vigil_filter.h"
 
 #define VIGIL_AGING_Q_CAPACITY 5120u
@@ -13,13 +14,12 @@
 #define VIGIL_PORTSET_MSG_LEN 80u
 #define VIGIL_CP_TASK_PORTSET_MSG 0u
 
-extern zek_PriQHandle filterAgingQ;
 extern zek_SpinlockHandle filterAgingQLock;
 extern u32 agingWorldID;
 extern u8 exitAgingWorld;
 
-zek_Status VigilAgingWorldInit(void);
-zek_Status VigilAgingWorldDestroy(void);
+VIGIL_MUST_CHECK zek_Status VigilAgingWorldInit(void);
+VIGIL_MUST_CHECK zek_Status VigilAgingWorldDestroy(void);
 void VigilAgingWorld(void *data);
 /* Takes a filter that is going away out of the aging queue. */
 void VigilRemoveFilterAging(VigilFilter *filter);
@@ -71,23 +71,22 @@ static_assert(offsetof(VigilPortsetMsg, bound) == 76, "bound at 76");
 static_assert(offsetof(VigilPortsetMsg, gratuitous) == 77, "gratuitous at 77");
 static_assert(offsetof(VigilPortsetMsg, discMethod) == 78, "discMethod at 78");
 
-extern VigilTaskQueue taskQueue;
 extern zek_SpinlockHandle taskQLock;
 extern u32 cpWorldID;
 extern u8 exitCPWorld;
 
-zek_Status VigilPostPortsetMessage(const char *portsetName, u32 portID,
+VIGIL_MUST_CHECK zek_Status VigilPostPortsetMessage(const char *portsetName, u32 portID,
                                    const void *payload, u32 length);
-zek_Status VigilCPWorldPostTask(VigilCpTask *task);
+VIGIL_MUST_CHECK zek_Status VigilCPWorldPostTask(VigilCpTask *task);
 void VigilCPWorldFlushTaskQ(void);
-zek_Status VigilCPWorldInit(void);
-zek_Status VigilCPWorldDestroy(void);
+VIGIL_MUST_CHECK zek_Status VigilCPWorldInit(void);
+VIGIL_MUST_CHECK zek_Status VigilCPWorldDestroy(void);
 void VigilCPWorld(void *data);
 
 /* Starts one of the module's worlds. */
-zek_Status VigilCreateWorld(const char *name, zek_WorldStartFn start,
+VIGIL_MUST_CHECK zek_Status VigilCreateWorld(const char *name, zek_WorldStartFn start,
                             zek_WorldID *id);
 /* Asks a world to end and waits until it has. */
-zek_Status VigilStopWorld(zek_WorldID id);
+VIGIL_MUST_CHECK zek_Status VigilStopWorld(zek_WorldID id);
 
 #endif /* VIGIL_WORKERS_H */

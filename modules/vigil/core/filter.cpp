@@ -145,7 +145,7 @@ u32 Vigil_RetryRetiredFilters(void) {
    return left;
 }
 
-static zek_Status VigilCreateFilterLocks(VigilFilter *filter) {
+VIGIL_MUST_CHECK static zek_Status VigilCreateFilterLocks(VigilFilter *filter) {
    zek_Status status = VigilCreateLock("vigil.config", ZEK_SPINLOCK_RW,
                                        VIGIL_RANK_CONFIG, &filter->configLock);
    if (status != ZEK_OK) {
@@ -309,9 +309,10 @@ zek_Status VigilClearFeaturesWithOptFlush(VigilFilter *filter, bool flush) {
    filter->configWriteHeld = 1;
    if (filter->discoveryFlags != 0) {
       u32 noBits = 0;
-      VigilConfigDiscovery(filter, &noBits, flush);
+      /* Switching off can't fail; the IPv6 status is the one reported. */
+      (void)VigilConfigDiscovery(filter, &noBits, flush);
       status = VigilConfigIpv6Discovery(filter, false, false, flush);
-      VigilConfigDiscoveryIL(filter, nullptr);
+      (void)VigilConfigDiscoveryIL(filter, nullptr); /* clearing can't fail */
    }
    if (filter->featuresEnabled != 0) {
       VigilSecurityConfig none;
@@ -329,10 +330,12 @@ void Vigil_RemoveIOChainAndFeatures(u32 portID) {
       VIGIL_LOG_INFO("Filter not found");
       return;
    }
-   Vigil_RemoveIOChain(filter);
+   /* A chain that stays is logged there, and keeps the filter alive. */
+   (void)Vigil_RemoveIOChain(filter);
    /* Bindings of a port of VNIC type 1 go when its filter is disabled; on
     * all others they stay until the filter is destroyed. */
-   VigilClearFeaturesWithOptFlush(filter, filter->vnicType == 1);
+   /* Clearing only switches off; nothing is left to undo if it says no. */
+   (void)VigilClearFeaturesWithOptFlush(filter, filter->vnicType == 1);
 }
 
 zek_Status Vigil_CleanupFilter(zek_PortsetHandle portset, zek_PortID portID,
@@ -396,7 +399,7 @@ static void VigilFillChainDesc(VigilFilter *filter, zek_IOChainDesc *desc,
 
 /* Removes the chain of `handle` and clears the handle; a chain that can't
  * be removed keeps its handle (and so its filter alive), logged. */
-static zek_Status VigilRemoveOneChain(VigilFilter *filter,
+VIGIL_MUST_CHECK static zek_Status VigilRemoveOneChain(VigilFilter *filter,
                                       zek_IOChainHandle *handle) {
    zek_Status status = zek_IOChainRemove(*handle);
    if (status == ZEK_OK) {
@@ -415,7 +418,7 @@ static zek_Status VigilRemoveOneChain(VigilFilter *filter,
 
 /* Inserts one chain and asks for its minimum mapping; on failure nothing of
  * it stays unless the platform refuses to remove it. */
-static zek_Status VigilInsertChain(VigilFilter *filter, zek_IOChainDesc *desc,
+VIGIL_MUST_CHECK static zek_Status VigilInsertChain(VigilFilter *filter, zek_IOChainDesc *desc,
                                    zek_IOChainHandle *handle) {
    zek_Status status = zek_IOChainInsert(desc, handle);
    if (status != ZEK_OK) {

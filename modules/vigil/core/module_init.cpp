@@ -15,7 +15,6 @@
 
 #define VIGIL_MODULE_NAME_LEN 32
 #define VIGIL_ULM_VERSION "6.7"
-#define VIGIL_EXPORT __attribute__((visibility("default")))
 
 /* Module parameters, set by the loader before init_module. */
 extern "C" {
@@ -26,7 +25,7 @@ VIGIL_EXPORT bool isLiveUpgrade = false;
 
 /* Steps 1 to 8: heap, log, lock domain, worlds, migration, frame attribute
  * and switch clients.  Any failure runs the generic clean-up. */
-static zek_Status VigilGenericInit(void) {
+VIGIL_MUST_CHECK static zek_Status VigilGenericInit(void) {
    moduleID = zek_ModuleCurrentID();
    char name[VIGIL_MODULE_NAME_LEN];
    memset(name, 0, sizeof name);
@@ -120,7 +119,7 @@ extern "C" VIGIL_EXPORT int init_module(void) {
       return 1;
    }
    if (VigilRtmSubscribe() != ZEK_OK) {
-      VigilMgmtIntfCleanup();
+      (void)VigilMgmtIntfCleanup(); /* undoing a start: nothing more to do */
       VigilLogThrottleCleanup();
       Vigil_FabClientCleanup();
       VigilGenericCleanup();
@@ -133,9 +132,10 @@ extern "C" VIGIL_EXPORT int init_module(void) {
 
 extern "C" VIGIL_EXPORT void cleanup_module(void) {
    VIGIL_LOG_INFO("Starting Cleanup");
-   Vigil_CleanupFilters();
-   VigilRtmUnsubscribe();
-   VigilMgmtIntfCleanup();
+   /* Stop goes on whatever each step says: each logs its own failures. */
+   (void)Vigil_CleanupFilters();
+   (void)VigilRtmUnsubscribe();
+   (void)VigilMgmtIntfCleanup();
    VigilLogThrottleCleanup();
    Vigil_FabClientCleanup();
    VigilGenericCleanup();

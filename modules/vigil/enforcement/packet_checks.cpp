@@ -150,7 +150,7 @@ bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
    return false;
 }
 
-static zek_Status VigilTxIpv4(VigilFilter *filter, zek_Pkt *pkt,
+VIGIL_MUST_CHECK static zek_Status VigilTxIpv4(VigilFilter *filter, zek_Pkt *pkt,
                               VigilPacketContext *ctx, u32 *action) {
    *action = VIGIL_ACTION_FORWARD;
    if (ctx->flags & VIGIL_PKT_UDP) {
@@ -191,7 +191,7 @@ static zek_Status VigilTxIpv4(VigilFilter *filter, zek_Pkt *pkt,
    return ZEK_OK;
 }
 
-static zek_Status VigilTxArp(VigilFilter *filter, VigilPacketContext *ctx,
+VIGIL_MUST_CHECK static zek_Status VigilTxArp(VigilFilter *filter, VigilPacketContext *ctx,
                              u32 *action) {
    u32 arpOffset = ctx->ethEntry->nextOffset;
    if (ctx->mappedLen < arpOffset + VIGIL_ARP_HDR_LEN) {
@@ -222,7 +222,7 @@ static zek_Status VigilTxArp(VigilFilter *filter, VigilPacketContext *ctx,
    return ZEK_OK;
 }
 
-static zek_Status VigilTxNonIp(VigilFilter *filter, VigilPacketContext *ctx,
+VIGIL_MUST_CHECK static zek_Status VigilTxNonIp(VigilFilter *filter, VigilPacketContext *ctx,
                                u32 *action) {
    if (filter->featuresEnabled & VIGIL_FEAT_ANY_WARDEN) {
       *action = vigilPipelineCallees.warden(filter, ctx->vlanId, ctx->ethHdr + 6,

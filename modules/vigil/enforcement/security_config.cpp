@@ -31,7 +31,7 @@ static const u8 *VigilBpduExclusionsOf(const VigilSecurityConfig *cfg) {
 }
 
 /* The VLAN and MAC checks that white and ignore lists share. */
-static zek_Status VigilValidateVlanAndMac(VigilFilter *filter,
+VIGIL_MUST_CHECK static zek_Status VigilValidateVlanAndMac(VigilFilter *filter,
                                           const VigilWhiteListEntry *entry) {
    if ((entry->flags & VIGIL_WL_VLAN) && entry->vlan > VIGIL_MAX_VLAN_ID) {
       VIGIL_LOG_ERROR("Filter %#x Vlan ID cannot exceed 4094", filter->portID);

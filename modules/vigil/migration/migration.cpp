@@ -1,13 +1,22 @@
 /*
  * The migration carriers: Transit per portset and the live-upgrade service.
  *
- * Until state migration is built, there is nothing to set up, no carrier is
- * registered and no subscription is made; each step succeeds.
+ * Start sets the version and the blocks that the save path writes.  Until
+ * the save and restore paths are built, no carrier is registered and no
+ * subscription is made; each of those steps succeeds.
  */
 #include "vigil_lifecycle.h"
 #include "vigil_switch.h"
 
-__attribute__((weak)) zek_Status VigilMigrationInit(void) {
+#define VIGIL_SAVE_VERSION_TLV 100u
+#define VIGIL_SUPPORTED_TLVS 0x7Cu /* types 2 to 6 */
+
+u32 saveVersion = 0;
+u32 supportedTlvs = 0;
+
+zek_Status VigilMigrationInit(void) {
+   saveVersion = VIGIL_SAVE_VERSION_TLV;
+   supportedTlvs |= VIGIL_SUPPORTED_TLVS;
    return ZEK_OK;
 }
 

@@ -362,7 +362,7 @@ zek_Status VigilUpdateVmiIp(VigilFilter *filter, VigilVmi *vmi, u32 newIp) {
 }
 
 /* Creates the binding a DHCPACK grants, or renews the client's binding. */
-static zek_Status VigilBindDhcpClient(VigilFilter *filter, VigilPacketContext *ctx,
+VIGIL_MUST_CHECK static zek_Status VigilBindDhcpClient(VigilFilter *filter, VigilPacketContext *ctx,
                                       VigilDhcpReq *req) {
    const u8 *hdr = ctx->dhcpHdr;
    u32 yiaddr = VigilReadU32(hdr + VIGIL_DHCP_YIADDR);
@@ -383,7 +383,8 @@ static zek_Status VigilBindDhcpClient(VigilFilter *filter, VigilPacketContext *c
                         " %u.%u.%u.%u->%u.%u.%u.%u",
                         filter->portID, vmi->vlanId, VIGIL_MAC_ARGS(vmi->mac),
                         VIGIL_IP_ARGS(vmi->ip), VIGIL_IP_ARGS(yiaddr));
-         VigilUpdateVmiIp(filter, vmi, yiaddr);
+         /* A failed move is logged there and leaves no binding. */
+         (void)VigilUpdateVmiIp(filter, vmi, yiaddr);
       }
       return ZEK_OK;
    }

@@ -62,7 +62,7 @@ zek_Status VigilFabRegisterClients(const char *portsetName) {
       status = Vigil_TransitRegister(portsetName, client);
       if (status != ZEK_OK) {
          VIGIL_LOG_ERROR("Failed to register Transit CBs for ps %s", portsetName);
-         Vigil_FabPropUnregister(client);
+         (void)Vigil_FabPropUnregister(client); /* undoing: failures are logged */
          Vigil_HeapFree(client);
          goto out;
       }
@@ -76,8 +76,9 @@ out:
 /* Ends a registered portset's registrations and frees its record.  Called
  * with vigilFabClientLock held. */
 static void VigilFabReleaseClient(VigilFabClientHandles *client) {
-   Vigil_TransitUnregister(client);
-   Vigil_FabPropUnregister(client);
+   /* Each unregistration logs its own failure; the rest goes on. */
+   (void)Vigil_TransitUnregister(client);
+   (void)Vigil_FabPropUnregister(client);
    VigilListRemove(&client->links);
    Vigil_HeapFree(client);
 }
@@ -95,7 +96,7 @@ zek_Status VigilFabUnregisterClients(const char *portsetName) {
 }
 
 /* Reads a portset's class; false (logged by the caller) if it can't. */
-static zek_Status VigilPortsetClass(zek_PortsetHandle ps, char cls[VIGIL_PORTSET_CLASS_LEN]) {
+VIGIL_MUST_CHECK static zek_Status VigilPortsetClass(zek_PortsetHandle ps, char cls[VIGIL_PORTSET_CLASS_LEN]) {
    memset(cls, 0, VIGIL_PORTSET_CLASS_LEN);
    return zek_PortsetLookupFABClassName(ps, cls, VIGIL_PORTSET_CLASS_LEN);
 }
@@ -139,7 +140,7 @@ zek_Status VigilFabVswitchDeactivateCB(void *ctx, const char *eventName, void *c
    return ZEK_OK;
 }
 
-static zek_Status VigilSubscribeVswitchEvent(const char *format, zek_NetEventFn fn,
+VIGIL_MUST_CHECK static zek_Status VigilSubscribeVswitchEvent(const char *format, zek_NetEventFn fn,
                                              zek_NetEventHandle *handle) {
    char name[VIGIL_EVENT_NAME_LEN];
    size_t len;

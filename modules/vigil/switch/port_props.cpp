@@ -54,7 +54,8 @@ zek_Status VigilPortPropEnableWrite(zek_PortsetHandle portset, zek_PortID portID
    bool enable = !disable && text[0] == 't' && VigilIsWord(text, dataLen, "true");
    if (disable) {
       Vigil_RemoveIOChainAndFeatures(portID);
-      Vigil_DestroyFilter(portID);
+      /* No filter is no error here; a kept filter is logged there. */
+      (void)Vigil_DestroyFilter(portID);
       return ZEK_OK;
    }
    if (!enable) {
@@ -73,8 +74,9 @@ zek_Status VigilPortPropEnableWrite(zek_PortsetHandle portset, zek_PortID portID
    }
    zek_Status status = Vigil_InstallIOChain(filter);
    if (status != ZEK_OK) {
-      VigilClearFeaturesWithOptFlush(filter, false);
-      Vigil_DestroyFilter(portID);
+      /* The install's status is the answer; both steps log their own. */
+      (void)VigilClearFeaturesWithOptFlush(filter, false);
+      (void)Vigil_DestroyFilter(portID);
       return status;
    }
    filter->enableCleanedUp = 0;
@@ -86,7 +88,7 @@ zek_Status VigilPortPropEnableCleanup(zek_PortsetHandle portset, zek_PortID port
    VIGIL_LOG_INFO("Prop vigil.enable cleanup on port %#x", portID);
    Vigil_RemoveIOChainAndFeatures(portID);
    if (isLiveUpgradeFromMod) {
-      Vigil_DestroyFilter(portID);
+      (void)Vigil_DestroyFilter(portID); /* logged there */
    }
    VigilFilter *filter = Vigil_GetPortFilter(portID);
    if (filter != nullptr) {

@@ -173,7 +173,8 @@ static u32 VigilAgeFirstFilter(void) {
          waitMs = VIGIL_AGING_NEXT_SECOND_MS;
       }
    }
-   Vigil_UnlockPsPortFilter(filter, true, portset);
+   /* A portset that can't be released has nothing the world could do. */
+   (void)Vigil_UnlockPsPortFilter(filter, true, portset);
    VigilAgingWorldLetGo();
    return waitMs;
 }
