@@ -17,6 +17,13 @@
 #include "oxa.h"
 #include "vigil_module.h"
 
+/* A MAC address and an IPv4 address (network order) in log lines. */
+#define VIGIL_MAC_FMT "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx"
+#define VIGIL_MAC_ARGS(m) (m)[0], (m)[1], (m)[2], (m)[3], (m)[4], (m)[5]
+#define VIGIL_IP_ARGS(ip)                                                      \
+   ((const u8 *)&(ip))[0], ((const u8 *)&(ip))[1], ((const u8 *)&(ip))[2],     \
+      ((const u8 *)&(ip))[3]
+
 #define VIGIL_LOG_TAG "[oxa@3719 comp=\"oxa-ulm\" subcomp=\"vigil-%u\"] "
 #define VIGIL_LOG_TAG_CODE                                                     \
    "[oxa@3719 comp=\"oxa-ulm\" subcomp=\"vigil-%u\" errorCode=\"ULM%u\"] "

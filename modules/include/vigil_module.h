@@ -18,6 +18,9 @@ extern u64 ppPktAttrRegHandle;
 #define VIGIL_INVALID_LOCK_DOMAIN ((zek_LockDomainID)(~(uintptr_t)0))
 #define VIGIL_PP_PKT_ATTR_ID 0x3e8f6798adcf2307ull
 
+/* Whole seconds of uptime: the clock of every expiry in the databases. */
+i64 Vigil_UptimeSecs(void);
+
 /* Allocates from the module heap and zero-fills. */
 void *Vigil_HeapAlloc(u32 size);
 void Vigil_HeapFree(void *ptr);

@@ -14,6 +14,12 @@ u64 ppPktAttrHandle = 0;
 u64 ppPktAttrRegHandle = 0;
 u8 isLiveUpgradeFromMod = 0;
 
+i64 Vigil_UptimeSecs(void) {
+   zek_Uptime now;
+   zek_GetUptime(&now);
+   return now.sec;
+}
+
 void *Vigil_HeapAlloc(u32 size) {
    void *ptr = zek_HeapAllocWithRA(heapID, size, __builtin_return_address(0));
    if (ptr != nullptr) {

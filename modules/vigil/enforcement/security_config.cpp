@@ -15,8 +15,6 @@
 #include "vigil_vmi.h"
 
 #define VIGIL_MAX_VLAN_ID 4094u
-#define VIGIL_MAC_FMT "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx"
-#define VIGIL_MAC_ARGS(m) (m)[0], (m)[1], (m)[2], (m)[3], (m)[4], (m)[5]
 
 static const VigilWhiteListEntry *VigilSwitchListOf(const VigilSecurityConfig *cfg) {
    return (const VigilWhiteListEntry *)cfg->lists;

@@ -17,11 +17,6 @@
 #define VIGIL_ARP_SENDER_IP 14
 #define VIGIL_ARP_TARGET_IP 24
 
-static i64 VigilUptimeSecs(void) {
-   zek_Uptime now;
-   zek_GetUptime(&now);
-   return now.sec;
-}
 
 zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
                          const u8 *arpHdr, u32 *action) {
@@ -41,7 +36,7 @@ zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
    VigilVmi *vmi = VigilFindVmi(filter, ctx->vlanId, senderMac, senderIp);
    if (vmi != nullptr) {
       if (vmi->discMethod == VIGIL_DISC_ARP) {
-         VigilRefreshVmiExpiryTs(filter, vmi, VigilUptimeSecs() + filter->arpExpiry);
+         VigilRefreshVmiExpiryTs(filter, vmi, Vigil_UptimeSecs() + filter->arpExpiry);
          VigilUpdateFilterAging(filter);
       }
       return ZEK_OK;
@@ -58,7 +53,7 @@ zek_Status VigilArpSnoop(VigilFilter *filter, VigilPacketContext *ctx,
    vmi->discMethod = VIGIL_DISC_ARP;
    vmi->gratuitous =
       memcmp(arpHdr + VIGIL_ARP_SENDER_IP, arpHdr + VIGIL_ARP_TARGET_IP, 4) == 0;
-   vmi->expiryTs = VigilUptimeSecs() + filter->arpExpiry;
+   vmi->expiryTs = Vigil_UptimeSecs() + filter->arpExpiry;
    if (VigilAddVmi(filter, vmi) != ZEK_OK) {
       /* The ignore list and the limit show in their own counters. */
       Vigil_HeapFree(vmi);
@@ -72,7 +67,7 @@ void VigilExtendAge(VigilFilter *filter, VigilPacketContext *ctx) {
    memcpy(&ipSrc, ctx->ipHdr + 12, 4);
    VigilVmi *vmi = VigilFindVmi(filter, ctx->vlanId, ctx->ethHdr + 6, ipSrc);
    if (vmi != nullptr && vmi->discMethod == VIGIL_DISC_ARP) {
-      VigilRefreshVmiExpiryTs(filter, vmi, VigilUptimeSecs() + filter->arpExpiry);
+      VigilRefreshVmiExpiryTs(filter, vmi, Vigil_UptimeSecs() + filter->arpExpiry);
       VigilUpdateFilterAging(filter);
    }
 }

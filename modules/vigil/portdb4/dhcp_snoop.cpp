@@ -21,22 +21,12 @@
 #define VIGIL_DHO_END 255
 #define VIGIL_DHCP_PARSE_FAILED 0xffffffffu
 
-#define VIGIL_MAC_FMT "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx"
-#define VIGIL_MAC_ARGS(m) (m)[0], (m)[1], (m)[2], (m)[3], (m)[4], (m)[5]
-#define VIGIL_IP_ARGS(ip)                                                      \
-   ((const u8 *)&(ip))[0], ((const u8 *)&(ip))[1], ((const u8 *)&(ip))[2],     \
-      ((const u8 *)&(ip))[3]
 
 const char *const dhcpMsgTypeStr[9] = {
    "",          "DHCPDISCOVER", "DHCPOFFER",  "DHCPREQUEST", "DHCPDECLINE",
    "DHCPACK",   "DHCPNAK",      "DHCPRELEASE", "DHCPINFORM",
 };
 
-static i64 VigilUptimeSecs(void) {
-   zek_Uptime now;
-   zek_GetUptime(&now);
-   return now.sec;
-}
 
 /* A heap copy of a client identifier, or null. */
 static u8 *VigilCopyClientId(const u8 *clientId, u32 len) {
@@ -251,7 +241,7 @@ zek_Status VigilAddDhcpReq(VigilFilter *filter, VigilPacketContext *ctx) {
    req->xid = VigilReadU32(hdr + VIGIL_DHCP_XID);
    req->clientIdLen = (u8)ctx->dhcpClientIdLen;
    memcpy(req->chaddr, hdr + VIGIL_DHCP_CHADDR, 6);
-   req->expiryTs = VigilUptimeSecs() + VIGIL_DHCP_REQ_LIFETIME;
+   req->expiryTs = Vigil_UptimeSecs() + VIGIL_DHCP_REQ_LIFETIME;
 
    VigilListLinks *before = &filter->dhcpReqList;
    VIGIL_LIST_FOR_EACH(pos, &filter->dhcpReqList) {
@@ -369,7 +359,7 @@ VIGIL_MUST_CHECK static zek_Status VigilBindDhcpClient(VigilFilter *filter, Vigi
    u32 lease = VigilGetBe32(ctx->dhcpLeaseTime);
    /* The lease counts as signed: 0x80000000 and above, the infinite lease
     * included, lie in the past and end at the next aging pass. */
-   i64 expiryTs = VigilUptimeSecs() + (i32)lease;
+   i64 expiryTs = Vigil_UptimeSecs() + (i32)lease;
 
    VigilVmi *vmi = VigilFindDhcpClientVmi(filter, req->vlanId, req->chaddr,
                                           req->clientIdLen, req->clientIdStr);

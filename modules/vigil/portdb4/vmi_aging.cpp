@@ -5,11 +5,6 @@
 #include "vigil_dhcp.h"
 #include "vigil_log.h"
 
-static i64 VigilUptimeSecs(void) {
-   zek_Uptime now;
-   zek_GetUptime(&now);
-   return now.sec;
-}
 
 /* Moves an ARP binding whose time is over to the tail of expiredVmiList. */
 static void VigilMoveToExpired(VigilFilter *filter, VigilVmi *vmi) {
@@ -52,7 +47,7 @@ void VigilPortDbTimeoutChange(VigilFilter *filter, i32 delta) {
    if (filter->numArpVmis == filter->numExpiredVmis) {
       return;
    }
-   i64 now = VigilUptimeSecs();
+   i64 now = Vigil_UptimeSecs();
    VigilListLinks moved;
    VigilListInit(&moved);
 

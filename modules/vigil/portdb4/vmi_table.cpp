@@ -12,11 +12,6 @@
 #include "vigil_log.h"
 #include "vigil_vmi.h"
 
-#define VIGIL_MAC_FMT "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx"
-#define VIGIL_MAC_ARGS(m) (m)[0], (m)[1], (m)[2], (m)[3], (m)[4], (m)[5]
-#define VIGIL_IP_ARGS(ip)                                                      \
-   ((const u8 *)&(ip))[0], ((const u8 *)&(ip))[1], ((const u8 *)&(ip))[2],     \
-      ((const u8 *)&(ip))[3]
 
 static OxaHashCommon *VigilVmiHashOf(VigilFilter *filter) {
    return &filter->vmiHash->common;
@@ -145,9 +140,7 @@ zek_Status VigilAddVmi(VigilFilter *filter, VigilVmi *vmi) {
 
    bool expired = false;
    if (vmi->discMethod == VIGIL_DISC_ARP) {
-      zek_Uptime now;
-      zek_GetUptime(&now);
-      expired = !(vmi->expiryTs > now.sec);
+      expired = !(vmi->expiryTs > Vigil_UptimeSecs());
    }
 
    OxaHashInsert(VigilVmiHashOf(filter), vmi);
