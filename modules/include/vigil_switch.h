@@ -67,4 +67,17 @@ VIGIL_MUST_CHECK zek_Status Vigil_TransitRegister(const char *portsetName,
                                  VigilFabClientHandles *client);
 VIGIL_MUST_CHECK zek_Status Vigil_TransitUnregister(VigilFabClientHandles *client);
 
+/* Switch client registration reaches the Transit carrier only through
+ * vigilTransitCallees, whose entries are the module's own functions
+ * (vigilTransitModuleCallees).  Like the pipelines' table (vigil_pipeline.h),
+ * a test may put other entries in and must put these back; the module never
+ * writes it. */
+struct VigilTransitCallees {
+   zek_Status (*transitRegister)(const char *portsetName,
+                                 VigilFabClientHandles *client);
+   zek_Status (*transitUnregister)(VigilFabClientHandles *client);
+};
+extern VigilTransitCallees vigilTransitCallees;
+extern const VigilTransitCallees vigilTransitModuleCallees;
+
 #endif /* VIGIL_SWITCH_H */

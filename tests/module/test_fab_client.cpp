@@ -11,25 +11,21 @@
 #include "vigil_lifecycle.h"
 #include "vigil_switch.h"
 #include "vigil_test.h"
-#include "vigil_throttle.h"
+#include "vigil_locks.h"
 
-/* The Transit carrier's registration, as the test drives it.  Until the
- * carrier is built this stands in for its registration call; once the
- * carrier's own definition is linked, the test that needs a failure says
- * so. */
 namespace {
+
+/* The Transit carrier's registration, as the test drives it: put in the
+ * module's table of Transit callees for each test, counting its calls and
+ * answering transitStatus. */
 zek_Status transitStatus = ZEK_OK;
 u32 transitCalls = 0;
-} // namespace
 
-__attribute__((weak)) zek_Status Vigil_TransitRegister(const char *portsetName,
-                                                       VigilFabClientHandles *client) {
+zek_Status ScriptedTransitRegister(const char *portsetName, VigilFabClientHandles *client) {
    (void)portsetName, (void)client;
    transitCalls++;
    return transitStatus;
 }
-
-namespace {
 
 constexpr u32 kExists = 0xbad0005;
 constexpr u32 kInvalidData = 0xbad0001;
@@ -42,11 +38,13 @@ protected:
       isLiveUpgrade = false;
       transitStatus = ZEK_OK;
       transitCalls = 0;
+      vigilTransitCallees.transitRegister = ScriptedTransitRegister;
    }
 
    void TearDown() override {
       sim::FaultClear();
       Vigil_FabClientCleanup();
+      vigilTransitCallees = vigilTransitModuleCallees;
       isLiveUpgrade = false;
       transitStatus = ZEK_OK;
       EXPECT_EQ(vigilFabClientLock, VIGIL_NO_LOCK);
@@ -378,8 +376,8 @@ TEST_F(FabClient, FailedTransitRegistrationLeavesNoPropertyRegistered) {
    transitStatus = kInvalidData;
    EXPECT_EQ(VigilFabRegisterClients("vs2"), kInvalidData);
    ASSERT_EQ(transitCalls, calls + 1)
-      << "the Transit registration no longer goes through this test's stand-in: "
-         "fail the carrier's registration through the host instead";
+      << "the Transit registration no longer goes through the table of Transit "
+         "callees: fail the carrier's registration another way";
    EXPECT_EQ(At(2), (std::vector<std::string>{"Failed to register Transit CBs for ps vs2"}));
    EXPECT_TRUE(sim::RegisteredProperties("vs2").empty());
    EXPECT_EQ(RecordNames(), (std::vector<std::string>{"vs0"}));

@@ -5,6 +5,7 @@
 
 #include "vigil_lifecycle.h"
 #include "vigil_pipeline.h"
+#include "vigil_switch.h"
 #include "vigil_workers.h"
 
 void VigilTestFailureHook(const std::string &what) {
@@ -19,6 +20,13 @@ static bool PipelineCalleesAreTheModules() {
           now.dhcpSnoopTx == own.dhcpSnoopTx && now.dhcpSnoopRx == own.dhcpSnoopRx &&
           now.arpSnoop == own.arpSnoop && now.processTxIpv6 == own.processTxIpv6 &&
           now.processRxIpv6 == own.processRxIpv6;
+}
+
+/* Whether switch client registration calls the module's own Transit
+ * functions. */
+static bool TransitCalleesAreTheModules() {
+   return vigilTransitCallees.transitRegister == vigilTransitModuleCallees.transitRegister &&
+          vigilTransitCallees.transitUnregister == vigilTransitModuleCallees.transitUnregister;
 }
 
 static zek_Status DestroyTestFilter(zek_PortID portID);
@@ -77,6 +85,8 @@ void VigilTest::TearDown() {
    EXPECT_EQ(Vigil_RetryRetiredFilters(), 0u) << "a retired filter was left";
    EXPECT_TRUE(PipelineCalleesAreTheModules())
       << "the pipelines' callees were replaced and not put back";
+   EXPECT_TRUE(TransitCalleesAreTheModules())
+      << "the Transit callees were replaced and not put back";
    Vigil_FilterLifecycleCleanup();
    zek_LockDomainDestroy(lockDomain);
    lockDomain = VIGIL_INVALID_LOCK_DOMAIN;

@@ -21,6 +21,13 @@ zek_SpinlockHandle vigilFabClientLock = VIGIL_NO_LOCK;
 zek_NetEventHandle vigilFabVswitchActivateEventHandle = nullptr;
 zek_NetEventHandle vigilFabVswitchDeactivateEventHandle = nullptr;
 
+/* Constant-initialised, like the pipelines' table. */
+constexpr VigilTransitCallees vigilTransitModuleCallees = {
+   .transitRegister = Vigil_TransitRegister,
+   .transitUnregister = Vigil_TransitUnregister,
+};
+constinit VigilTransitCallees vigilTransitCallees = vigilTransitModuleCallees;
+
 static VigilFabClientHandles *VigilFindClient(const char *portsetName) {
    VIGIL_LIST_FOR_EACH(pos, &vigilFabClientHandlesList) {
       VigilFabClientHandles *client = VIGIL_LIST_ENTRY(pos, VigilFabClientHandles, links);
@@ -59,7 +66,7 @@ zek_Status VigilFabRegisterClients(const char *portsetName) {
          Vigil_HeapFree(client);
          goto out;
       }
-      status = Vigil_TransitRegister(portsetName, client);
+      status = vigilTransitCallees.transitRegister(portsetName, client);
       if (status != ZEK_OK) {
          VIGIL_LOG_ERROR("Failed to register Transit CBs for ps %s", portsetName);
          (void)Vigil_FabPropUnregister(client); /* undoing: failures are logged */
@@ -77,7 +84,7 @@ out:
  * with vigilFabClientLock held. */
 static void VigilFabReleaseClient(VigilFabClientHandles *client) {
    /* Each unregistration logs its own failure; the rest goes on. */
-   (void)Vigil_TransitUnregister(client);
+   (void)vigilTransitCallees.transitUnregister(client);
    (void)Vigil_FabPropUnregister(client);
    VigilListRemove(&client->links);
    Vigil_HeapFree(client);
