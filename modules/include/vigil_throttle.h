@@ -4,7 +4,6 @@
 #ifndef VIGIL_THROTTLE_H
 #define VIGIL_THROTTLE_H
 
-#include "vigil_locks.h"
 #include "vigil_types.h"
 
 struct VigilThrottleArg {

@@ -14,7 +14,7 @@
 #include "vigil_lifecycle.h"
 #include "vigil_atomic.h"
 #include "vigil_test.h"
-#include "vigil_throttle.h"
+#include "vigil_locks.h"
 #include "vigil_vmi.h"
 #include "vigil_workers.h"
 

@@ -6,6 +6,7 @@
 #include <cstdio>
 
 #include "vigil_test.h"
+#include "vigil_locks.h"
 #include "vigil_throttle.h"
 #include "vigil_workers.h"
 

@@ -16,7 +16,7 @@
 #include "vigil_lifecycle.h"
 #include "vigil_log.h"
 #include "vigil_packet.h"
-#include "vigil_throttle.h"
+#include "vigil_locks.h"
 #include "vigil_vmi.h"
 #include "vigil_workers.h"
 

@@ -5,6 +5,7 @@
  * shared by all ports, so a misbehaving VM cannot flood the log.
  */
 #include "vigil_log.h"
+#include "vigil_locks.h"
 #include "vigil_throttle.h"
 
 #define VIGIL_THROTTLE_WINDOW_SECS 3u

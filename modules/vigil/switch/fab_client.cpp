@@ -10,7 +10,7 @@
 #include "vigil_lifecycle.h"
 #include "vigil_log.h"
 #include "vigil_switch.h"
-#include "vigil_throttle.h"
+#include "vigil_locks.h"
 
 #define VIGIL_PORTSET_CLASS "vswitch"
 #define VIGIL_PORTSET_CLASS_LEN 128 /* with its NUL */

@@ -10,7 +10,7 @@
 
 #include "vigil_atomic.h"
 #include "vigil_log.h"
-#include "vigil_throttle.h"
+#include "vigil_locks.h"
 #include "vigil_vmi.h"
 #include "vigil_workers.h"
 
