@@ -2,8 +2,8 @@
  * Small builders of raw frame bytes for tests of the simulated host's frames
  * and parser.  Every builder returns the header followed by its payload.
  */
-#ifndef TESTS_SIM_FRAME_BUILDERS_H
-#define TESTS_SIM_FRAME_BUILDERS_H
+#ifndef TESTS_SIM_RAW_FRAME_BYTES_H
+#define TESTS_SIM_RAW_FRAME_BYTES_H
 
 #include <cstdint>
 #include <initializer_list>
@@ -144,4 +144,4 @@ inline Bytes Cut(Bytes b, size_t len) {
 
 } // namespace fb
 
-#endif /* TESTS_SIM_FRAME_BUILDERS_H */
+#endif /* TESTS_SIM_RAW_FRAME_BYTES_H */

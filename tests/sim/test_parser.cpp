@@ -6,7 +6,7 @@
 
 #include <ostream>
 
-#include "frame_builders.h"
+#include "raw_frame_bytes.h"
 #include "sim_core.h"
 #include "sim_frames.h"
 

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "frame_builders.h"
+#include "raw_frame_bytes.h"
 #include "oxa.h"
 #include "pathprobe.h"
 #include "sim_core.h"

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "fc.h"
-#include "frame_builders.h"
+#include "raw_frame_bytes.h"
 #include "sim_frames.h"
 #include "sim_switch.h"
 #include "sim_test_fixture.h"
