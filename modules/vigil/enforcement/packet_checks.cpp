@@ -140,11 +140,10 @@ bool VigilDhcpIpv4ClientValidate(VigilFilter *filter, zek_Pkt *pkt,
       return true;
    }
    VIGIL_LOG_THROTTLED(
-      "Filter %#x DHCP Warden failed, vlanId: %u, ethSA: "
-      "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx, ipV4Sa :%u.%u.%u.%u, "
-      "DHCP Message Type: %d",
-      filter->portID, ctx->vlanId, srcMac[0], srcMac[1], srcMac[2], srcMac[3],
-      srcMac[4], srcMac[5], ipSrc[0], ipSrc[1], ipSrc[2], ipSrc[3],
+      "Filter %#x DHCP Warden failed, vlanId: %u, ethSA: " VIGIL_MAC_FMT
+      ", ipV4Sa :%u.%u.%u.%u, DHCP Message Type: %d",
+      filter->portID, ctx->vlanId, VIGIL_MAC_ARGS(srcMac), ipSrc[0], ipSrc[1],
+      ipSrc[2], ipSrc[3],
       ctx->dhcpMsgType != nullptr ? *ctx->dhcpMsgType : 0);
    filter->stats.statWardenV4Drops++;
    return false;

@@ -103,10 +103,8 @@ static void VigilLogWardenDrop(VigilFilter *filter, const char *tag, u16 vlan,
                                const u8 *mac, const u8 *addr,
                                const u8 *arpSenderMac, u32 kind) {
    if (mac != nullptr) {
-      VIGIL_LOG_THROTTLED("Filter %#x [%s]DROP wdnType %d vlan %u mac "
-                          "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx",
-                          filter->portID, tag, (int)kind, vlan, mac[0], mac[1],
-                          mac[2], mac[3], mac[4], mac[5]);
+      VIGIL_LOG_THROTTLED("Filter %#x [%s]DROP wdnType %d vlan %u mac " VIGIL_MAC_FMT,
+                          filter->portID, tag, (int)kind, vlan, VIGIL_MAC_ARGS(mac));
    } else {
       VIGIL_LOG_THROTTLED("Filter %#x [%s]DROP wdnType %d vlan %u mac N/A",
                           filter->portID, tag, (int)kind, vlan);
@@ -134,12 +132,10 @@ static void VigilLogWardenDrop(VigilFilter *filter, const char *tag, u16 vlan,
       break;
    }
    case VIGIL_WDN_ARP:
-      VIGIL_LOG_THROTTLED("Filter %#x [%s]DROP ARP: sha "
-                          "%02hhx:%02hhx:%02hhx:%02hhx:%02hhx:%02hhx spa "
-                          "%u.%u.%u.%u",
-                          filter->portID, tag, arpSenderMac[0], arpSenderMac[1],
-                          arpSenderMac[2], arpSenderMac[3], arpSenderMac[4],
-                          arpSenderMac[5], addr[0], addr[1], addr[2], addr[3]);
+      VIGIL_LOG_THROTTLED("Filter %#x [%s]DROP ARP: sha " VIGIL_MAC_FMT
+                          " spa %u.%u.%u.%u",
+                          filter->portID, tag, VIGIL_MAC_ARGS(arpSenderMac), addr[0],
+                          addr[1], addr[2], addr[3]);
       break;
    default:
       break;
