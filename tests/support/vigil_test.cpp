@@ -37,25 +37,12 @@ void VigilTest::SetUp() {
    moduleID = 0x51;
    sim::SetModuleID(moduleID);
 
-   zek_HeapProps heapProps = {};
-   zek_NameInitialize(&heapProps.name, "vigil");
-   heapProps.module = moduleID;
-   heapProps.minSize = 4096;
-   heapProps.maxSize = 64 << 20;
-   ASSERT_EQ(zek_HeapCreate(&heapProps, &heapID), ZEK_OK);
-
+   CreateHeapLogAndLockDomain();
    zek_LogProps logProps = {};
-   zek_NameInitialize(&logProps.name, "vigil");
+   zek_NameInitialize(&logProps.name, "vigil.throttle");
    logProps.module = moduleID;
    logProps.heap = heapID;
-   ASSERT_EQ(zek_LogRegister(&logProps, &logHandle), ZEK_OK);
-   zek_NameInitialize(&logProps.name, "vigil.throttle");
    ASSERT_EQ(zek_LogRegister(&logProps, &vigilThrottledLogHandle), ZEK_OK);
-
-   zek_Name domainName;
-   zek_NameInitialize(&domainName, "vigil");
-   ASSERT_EQ(zek_LockDomainCreate(moduleID, heapID, &domainName, &lockDomain),
-             ZEK_OK);
    ppPktAttrHandle = VIGIL_PP_PKT_ATTR_ID;
    ASSERT_EQ(Vigil_FilterLifecycleInit(), ZEK_OK);
    ASSERT_EQ(VigilAgingWorldInit(), ZEK_OK);
@@ -104,6 +91,12 @@ void VigilTest::RecreateHeapLogAndLockDomain() {
    ASSERT_EQ(heapID, nullptr);
    ASSERT_EQ(logHandle, nullptr);
    ASSERT_EQ(lockDomain, VIGIL_INVALID_LOCK_DOMAIN);
+   CreateHeapLogAndLockDomain();
+}
+
+/* The module heap, the plain log "vigil" and the lock domain, as the
+ * module's start makes them. */
+void VigilTest::CreateHeapLogAndLockDomain() {
    zek_HeapProps heapProps = {};
    zek_NameInitialize(&heapProps.name, "vigil");
    heapProps.module = moduleID;

@@ -44,6 +44,7 @@ protected:
     * log and the lock domain away: makes them again, as SetUp does, for the
     * rest of the test and for TearDown. */
    void RecreateHeapLogAndLockDomain();
+   void CreateHeapLogAndLockDomain();
 
    /* Log lines written since the last call, as their text behind the tag. */
    std::vector<std::string> LogTexts();
