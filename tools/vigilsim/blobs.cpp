@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "blob_builders.h"
 #include "vigil_whitelist.h"
 
 namespace vigilsim {
@@ -18,12 +19,6 @@ std::vector<std::string> Split(const std::string &text, char sep) {
       start = end + 1;
    }
    return parts;
-}
-
-void PutU32(std::vector<uint8_t> &out, uint32_t value) {
-   uint8_t b[4];
-   std::memcpy(b, &value, sizeof b); /* host order, as the wire format says */
-   out.insert(out.end(), b, b + 4);
 }
 
 VigilWhiteListEntry ParseEntry(const std::string &text) {
@@ -73,64 +68,55 @@ VigilWhiteListEntry ParseEntry(const std::string &text) {
 
 } // namespace
 
+std::vector<VigilWhiteListEntry> ParseEntryList(const std::string &text) {
+   std::vector<VigilWhiteListEntry> entries;
+   if (text.empty() || text == "none") return entries;
+   for (const std::string &piece : Split(text, ';')) {
+      if (!piece.empty()) entries.push_back(ParseEntry(piece));
+   }
+   return entries;
+}
+
 std::vector<uint8_t> ParseEntries(const std::string &text) {
    std::vector<uint8_t> out;
-   if (text.empty() || text == "none") return out;
-   for (const std::string &piece : Split(text, ';')) {
-      if (piece.empty()) continue;
-      VigilWhiteListEntry entry = ParseEntry(piece);
-      const auto *b = reinterpret_cast<const uint8_t *>(&entry);
-      out.insert(out.end(), b, b + sizeof entry);
+   for (const VigilWhiteListEntry &entry : ParseEntryList(text)) {
+      blobs::Bytes b = blobs::EntryBytes(entry);
+      out.insert(out.end(), b.begin(), b.end());
    }
    return out;
 }
 
 std::vector<uint8_t> BuildSecurityBlob(const Args &args) {
-   std::vector<uint8_t> switchList = ParseEntries(args.Get("switch").value_or(""));
-   std::vector<uint8_t> portList = ParseEntries(args.Get("port").value_or(""));
-   std::vector<uint8_t> bpdu;
+   blobs::Security s;
+   s.features = static_cast<uint32_t>(args.Unsigned("features", 0, UINT32_MAX));
+   s.rxBcast = static_cast<uint32_t>(args.Unsigned("rxBcast", 0, UINT32_MAX));
+   s.txBcast = static_cast<uint32_t>(args.Unsigned("txBcast", 0, UINT32_MAX));
+   s.rxMcast = static_cast<uint32_t>(args.Unsigned("rxMcast", 0, UINT32_MAX));
+   s.txMcast = static_cast<uint32_t>(args.Unsigned("txMcast", 0, UINT32_MAX));
+   s.switchList = ParseEntryList(args.Get("switch").value_or(""));
+   s.portList = ParseEntryList(args.Get("port").value_or(""));
    std::string excl = args.Get("bpduExclude").value_or("");
    if (!excl.empty()) {
       for (const std::string &mac : Split(excl, ',')) {
-         uint8_t b[6];
-         ParseMac(mac, b);
-         bpdu.insert(bpdu.end(), b, b + 6);
+         blobs::MacAddr b;
+         ParseMac(mac, b.data());
+         s.bpdu.push_back(b);
       }
    }
-   std::vector<uint8_t> blob;
-   PutU32(blob, static_cast<uint32_t>(args.Unsigned("features", 0, UINT32_MAX)));
-   PutU32(blob, static_cast<uint32_t>(args.Unsigned("rxBcast", 0, UINT32_MAX)));
-   PutU32(blob, static_cast<uint32_t>(args.Unsigned("txBcast", 0, UINT32_MAX)));
-   PutU32(blob, static_cast<uint32_t>(args.Unsigned("rxMcast", 0, UINT32_MAX)));
-   PutU32(blob, static_cast<uint32_t>(args.Unsigned("txMcast", 0, UINT32_MAX)));
-   PutU32(blob, static_cast<uint32_t>(switchList.size() / 32));
-   PutU32(blob, static_cast<uint32_t>(portList.size() / 32));
-   PutU32(blob, static_cast<uint32_t>(bpdu.size() / 6));
-   blob.insert(blob.end(), switchList.begin(), switchList.end());
-   blob.insert(blob.end(), portList.begin(), portList.end());
-   blob.insert(blob.end(), bpdu.begin(), bpdu.end());
-   return blob;
+   return s.Build();
 }
 
 std::vector<uint8_t> BuildDiscoveryBlob(const Args &args) {
-   return {static_cast<uint8_t>(args.Bool("arp", false)),
-           static_cast<uint8_t>(args.Bool("dhcp", false))};
+   return blobs::Discovery(args.Bool("arp", false), args.Bool("dhcp", false));
 }
 
 std::vector<uint8_t> BuildDiscovery6Blob(const Args &args) {
-   std::vector<uint8_t> blob = {static_cast<uint8_t>(args.Bool("nd", false)),
-                                static_cast<uint8_t>(args.Bool("dhcpv6", false))};
-   PutU32(blob, static_cast<uint32_t>(args.Unsigned("expiry", 10, UINT32_MAX)));
-   blob.resize(14, 0);
-   return blob;
+   return blobs::Discovery6(args.Bool("nd", false), args.Bool("dhcpv6", false),
+                            static_cast<uint32_t>(args.Unsigned("expiry", 10, UINT32_MAX)));
 }
 
 std::vector<uint8_t> BuildIgnoreListBlob(const std::string &entries) {
-   std::vector<uint8_t> list = ParseEntries(entries);
-   std::vector<uint8_t> blob;
-   PutU32(blob, static_cast<uint32_t>(list.size() / 32));
-   blob.insert(blob.end(), list.begin(), list.end());
-   return blob;
+   return blobs::IgnoreList(ParseEntryList(entries));
 }
 
 } // namespace vigilsim

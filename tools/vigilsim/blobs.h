@@ -11,12 +11,15 @@
 #include <vector>
 
 #include "script.h"
+#include "vigil_whitelist.h"
 
 namespace vigilsim {
 
 /* ENTRIES: entries separated by ';', each a comma-separated list of vlan=N,
  * mac=MAC, ip=ADDR[/LEN], prefix=N, flags=N.  The 32-byte records, in order. */
 std::vector<uint8_t> ParseEntries(const std::string &text);
+/* The same entries as records. */
+std::vector<VigilWhiteListEntry> ParseEntryList(const std::string &text);
 
 /* Options features, rxBcast, txBcast, rxMcast, txMcast, switch, port,
  * bpduExclude. */

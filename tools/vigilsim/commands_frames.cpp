@@ -3,8 +3,10 @@
  */
 #include <pcap/pcap.h>
 
+#include <cstdio>
 #include <set>
 
+#include "frame_spec.h"
 #include "session.h"
 #include "sim_frames.h"
 #include "sim_switch.h"
@@ -63,6 +65,21 @@ Json VerdictSummary(const std::vector<std::string> &verdicts, Json &out) {
 
 } // namespace
 
+std::vector<uint8_t> Session::FrameArg(const Token &token) const {
+   if (token.quoted || !frames::LooksLikeFrameSpec(token.text)) return ParseBytes(token);
+   std::vector<uint8_t> bytes;
+   try {
+      bytes = frames::BuildFrameSpec(token.text);
+   } catch (const frames::SpecError &e) {
+      throw ToolError(e.what());
+   }
+   if (settings_.verbose) {
+      std::fprintf(stderr, "vigilsim: %s -> %zu bytes: %s\n", token.text.c_str(), bytes.size(),
+                   HexText(bytes.data(), bytes.size()).c_str());
+   }
+   return bytes;
+}
+
 std::vector<std::string> Session::RunBatch(uint32_t port,
                                            const std::vector<std::vector<uint8_t>> &frames,
                                            const FrameSettings &settings, bool tx,
@@ -114,7 +131,7 @@ void Session::SendFrames(const std::vector<Token> &t, Json &out, bool tx) {
    uint64_t repeat = args.Unsigned("repeat", 1, 100000);
    std::vector<std::vector<uint8_t>> frames;
    for (size_t i = 1; i < args.positional.size(); i++) {
-      std::vector<uint8_t> bytes = ParseBytes(args.positional[i]);
+      std::vector<uint8_t> bytes = FrameArg(args.positional[i]);
       if (bytes.empty()) throw ToolError("frame " + std::to_string(i) + " is empty");
       for (uint64_t r = 0; r < repeat; r++) frames.push_back(bytes);
    }
@@ -123,6 +140,17 @@ void Session::SendFrames(const std::vector<Token> &t, Json &out, bool tx) {
    out["portID"] = port;
    out["status"] = status;
    out["verdicts"] = verdicts;
+}
+
+/* The bytes of frames, as tx and rx would send them, without sending. */
+void Session::CmdFrame(const std::vector<Token> &t, Json &out) {
+   if (t.size() < 2) throw ToolError("usage: frame FRAME ...");
+   Json list = Json::array();
+   for (size_t i = 1; i < t.size(); i++) {
+      std::vector<uint8_t> bytes = FrameArg(t[i]);
+      list.push_back(HexText(bytes.data(), bytes.size()));
+   }
+   out["frames"] = list;
 }
 
 void Session::CmdTx(const std::vector<Token> &t, Json &out) { SendFrames(t, out, true); }

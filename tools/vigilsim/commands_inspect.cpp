@@ -4,6 +4,8 @@
  * checks and the module heap.  Each first waits for idle worlds, so that
  * nothing changes what is read.
  */
+#include <functional>
+
 #include "session.h"
 #include "sim_core.h"
 #include "sim_frames.h"
@@ -27,11 +29,24 @@ void Session::WaitForInspection(Json &out) {
 
 void Session::CmdState(const std::vector<Token> &t, Json &out) {
    Args args = SplitArgs("state", t, 1, {});
-   args.Expect(1, 1, "state PORTID");
+   args.Expect(1, SIZE_MAX, "state PORTID [FIELD ...]");
+   uint32_t port = PortArg(args.positional[0]);
+   std::vector<std::string> fields;
+   for (size_t i = 1; i < args.positional.size(); i++) fields.push_back(args.positional[i].text);
+   if (!fields.empty()) SelectFilterFields(nullptr, fields); /* names checked first */
+   WaitForInspection(out);
+   out["portID"] = port;
+   Json filter = FilterJson(FilterOf(port));
+   out["filter"] = fields.empty() ? filter : SelectFilterFields(filter, fields);
+}
+
+void Session::CmdBindings(const std::vector<Token> &t, Json &out) {
+   Args args = SplitArgs("bindings", t, 1, {});
+   args.Expect(1, 1, "bindings PORTID");
    uint32_t port = PortArg(args.positional[0]);
    WaitForInspection(out);
    out["portID"] = port;
-   out["filter"] = FilterJson(FilterOf(port));
+   out["bindings"] = BindingsJson(FilterOf(port));
 }
 
 /* The statistics blocks alone: of one port, or of every port with a filter. */
@@ -57,45 +72,89 @@ void Session::CmdStats(const std::vector<Token> &t, Json &out) {
    out["ports"] = list;
 }
 
+namespace {
+
+/* The module-wide values of `module`, in order, each read from its
+ * symbols. */
+struct ModuleValue {
+   const char *name;
+   Json (*read)(const std::function<const void *(const char *)> &symbol);
+};
+
+template <typename T>
+Json ValueAt(const void *p) {
+   return Json(*static_cast<const T *>(p));
+}
+
+const std::vector<ModuleValue> &ModuleValues() {
+   static const std::vector<ModuleValue> values = {
+      {"numFilters", [](const auto &sym) { return ValueAt<uint64_t>(sym("numFilters")); }},
+      {"delOnExpiry", [](const auto &sym) { return ValueAt<int64_t>(sym("delOnExpiry")); }},
+      {"saveVersion", [](const auto &sym) { return ValueAt<uint32_t>(sym("saveVersion")); }},
+      {"supportedTlvs", [](const auto &sym) { return ValueAt<uint32_t>(sym("supportedTlvs")); }},
+      {"isLiveUpgrade", [](const auto &sym) { return ValueAt<uint8_t>(sym("isLiveUpgrade")); }},
+      {"isLiveUpgradeFromMod",
+       [](const auto &sym) { return ValueAt<uint8_t>(sym("isLiveUpgradeFromMod")); }},
+      {"agingQueue",
+       [](const auto &sym) {
+          Json queue = Json::array();
+          zek_PriQHandle handle = *static_cast<const zek_PriQHandle *>(sym("filterAgingQ"));
+          if (handle != nullptr) {
+             for (const auto &[key, elem] : sim::PriQContents(handle)) {
+                Json e;
+                e["portID"] = elem == nullptr ? 0u : *static_cast<const uint32_t *>(elem);
+                e["key"] = key;
+                queue.push_back(e);
+             }
+          }
+          return queue;
+       }},
+      {"taskQueueCount",
+       [](const auto &sym) {
+          return Json(static_cast<const VigilTaskQueue *>(sym("taskQueue"))->count);
+       }},
+   };
+   return values;
+}
+
+} // namespace
+
+const void *Session::RequireSymbol(const std::string &name) const {
+   if (module_ == nullptr) throw ToolError("no module is loaded");
+   const void *p = Symbol(name);
+   if (p == nullptr) {
+      throw ToolError("the module has no symbol " + name + " (" + settings_.modulePath + ")");
+   }
+   return p;
+}
+
+/* The module-wide values, or only those named. */
 void Session::CmdModule(const std::vector<Token> &t, Json &out) {
-   NoArgs(t, "module");
+   Args args = SplitArgs("module", t, 1, {});
+   std::vector<const ModuleValue *> wanted;
+   for (const Token &name : args.positional) {
+      const ModuleValue *found = nullptr;
+      for (const ModuleValue &v : ModuleValues()) {
+         if (name.text == v.name) found = &v;
+      }
+      if (found == nullptr) {
+         std::string known;
+         for (const ModuleValue &v : ModuleValues()) known += (known.empty() ? "" : ", ") + std::string(v.name);
+         throw ToolError("unknown module value '" + name.text + "' (values: " + known + ")");
+      }
+      wanted.push_back(found);
+   }
+   if (wanted.empty()) {
+      for (const ModuleValue &v : ModuleValues()) wanted.push_back(&v);
+   }
    if (module_ == nullptr) throw ToolError("no module is loaded");
    WaitForInspection(out);
-   auto u64At = [this](const char *name) -> Json {
-      const void *p = Symbol(name);
-      return p == nullptr ? Json(nullptr) : Json(*static_cast<const uint64_t *>(p));
-   };
-   auto u32At = [this](const char *name) -> Json {
-      const void *p = Symbol(name);
-      return p == nullptr ? Json(nullptr) : Json(*static_cast<const uint32_t *>(p));
-   };
-   auto u8At = [this](const char *name) -> Json {
-      const void *p = Symbol(name);
-      return p == nullptr ? Json(nullptr) : Json(*static_cast<const uint8_t *>(p));
-   };
-   out["numFilters"] = u64At("numFilters");
-   const void *del = Symbol("delOnExpiry");
-   out["delOnExpiry"] = del == nullptr ? Json(nullptr) : Json(*static_cast<const int64_t *>(del));
-   out["saveVersion"] = u32At("saveVersion");
-   out["supportedTlvs"] = u32At("supportedTlvs");
-   out["isLiveUpgrade"] = u8At("isLiveUpgrade");
-   out["isLiveUpgradeFromMod"] = u8At("isLiveUpgradeFromMod");
-   Json queue = Json::array();
-   if (const void *q = Symbol("filterAgingQ")) {
-      zek_PriQHandle handle = *static_cast<const zek_PriQHandle *>(q);
-      if (handle != nullptr) {
-         for (const auto &[key, elem] : sim::PriQContents(handle)) {
-            Json e;
-            e["portID"] = elem == nullptr ? 0u : *static_cast<const uint32_t *>(elem);
-            e["key"] = key;
-            queue.push_back(e);
-         }
-      }
-   }
-   out["agingQueue"] = queue;
-   const void *tq = Symbol("taskQueue");
-   out["taskQueueCount"] =
-       tq == nullptr ? Json(nullptr) : Json(static_cast<const VigilTaskQueue *>(tq)->count);
+   auto symbol = [this](const char *name) { return RequireSymbol(name); };
+   /* Every value is read before any goes out: a missing symbol fails the
+    * whole command. */
+   std::vector<Json> values;
+   for (const ModuleValue *v : wanted) values.push_back(v->read(symbol));
+   for (size_t i = 0; i < wanted.size(); i++) out[wanted[i]->name] = values[i];
 }
 
 void Session::CmdMessages(const std::vector<Token> &t, Json &out) {
@@ -192,7 +251,11 @@ void Session::CmdCheck(const std::vector<Token> &t, Json &out) {
    NoArgs(t, "check");
    WaitForInspection(out);
    using CheckFn = u32 (*)(VigilFilter *, void (*)(void *, const char *), void *);
-   auto check = reinterpret_cast<CheckFn>(Symbol("VigilCheckFilterTables"));
+   /* Without a module no port has a filter, and there is nothing to call. */
+   auto check = module_ == nullptr
+                    ? nullptr
+                    : reinterpret_cast<CheckFn>(
+                          const_cast<void *>(RequireSymbol("VigilCheckFilterTables")));
    struct Context {
       std::vector<std::string> texts;
       uint32_t port;

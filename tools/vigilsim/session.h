@@ -95,6 +95,10 @@ class Session {
    void CmdRx(const std::vector<Token> &t, Json &out);
    void CmdReplay(const std::vector<Token> &t, Json &out);
    void CmdTrace(const std::vector<Token> &t, Json &out);
+   void CmdFrame(const std::vector<Token> &t, Json &out);
+   /* FRAME: BYTES or a frame spec KIND:key=value,...  With --verbose, the
+    * bytes of a spec go to standard error. */
+   std::vector<uint8_t> FrameArg(const Token &token) const;
    void SendFrames(const std::vector<Token> &t, Json &out, bool tx);
    /* Runs frames through the port's chains in batches; verdicts in order. */
    std::vector<std::string> RunBatch(uint32_t port,
@@ -104,6 +108,7 @@ class Session {
 
    /* inspection (commands_inspect.cpp) */
    void CmdState(const std::vector<Token> &t, Json &out);
+   void CmdBindings(const std::vector<Token> &t, Json &out);
    void CmdStats(const std::vector<Token> &t, Json &out);
    void CmdModule(const std::vector<Token> &t, Json &out);
    void CmdMessages(const std::vector<Token> &t, Json &out);
@@ -121,6 +126,9 @@ class Session {
    uint32_t PortArg(const Token &token) const; /* a known port */
    VigilFilter *FilterOf(uint32_t port) const;
    void *Symbol(const std::string &name) const;
+   /* A symbol of the loaded module that a command cannot do without:
+    * throws ToolError naming it when the module lacks it. */
+   const void *RequireSymbol(const std::string &name) const;
    void RequireNoModule(const std::string &what) const;
    void WriteBlob(uint32_t port, const std::string &prop,
                   const std::vector<uint8_t> &blob, Json &out);

@@ -194,6 +194,92 @@ Json FilterJson(const VigilFilter *f) {
    return j;
 }
 
+const Json &FilterFieldTemplate() {
+   /* A record of zeros has every field, and empty lists. */
+   static const Json fields = [] {
+      std::vector<unsigned char> zeros(sizeof(VigilFilter), 0);
+      return FilterJson(reinterpret_cast<const VigilFilter *>(zeros.data()));
+   }();
+   return fields;
+}
+
+Json SelectFilterFields(const Json &filter, const std::vector<std::string> &fields) {
+   const Json &known = FilterFieldTemplate();
+   Json out = Json::object();
+   for (const std::string &field : fields) {
+      size_t dot = field.find('.');
+      std::string name = field.substr(0, dot);
+      if (!known.contains(name)) {
+         throw ToolError("unknown filter field '" + name + "' (state PORTID shows every field)");
+      }
+      if (dot == std::string::npos) {
+         if (filter.is_object()) out[name] = filter[name];
+         continue;
+      }
+      std::string sub = field.substr(dot + 1);
+      if (!known[name].is_object() || !known[name].contains(sub)) {
+         throw ToolError("unknown filter field '" + field + "'" +
+                         (known[name].is_object() ? " (" + name + " has no field " + sub + ")"
+                                                  : " (" + name + " has no fields of its own)"));
+      }
+      if (!filter.is_object()) continue;
+      if (!out.contains(name) || !out[name].is_object()) out[name] = Json::object();
+      out[name][sub] = filter[name][sub];
+   }
+   return filter.is_object() ? out : Json(nullptr);
+}
+
+namespace {
+
+/* The fields of a binding beyond its key, expiry and method, with the
+ * methods they belong to. */
+const std::vector<std::pair<std::string, unsigned>> kBindingDetails = {
+   {"clientMac", VIGIL_DISC_DHCP},
+   {"clientIdLen", VIGIL_DISC_DHCP | VIGIL_DISC_DHCPV6},
+   {"clientId", VIGIL_DISC_DHCP | VIGIL_DISC_DHCPV6},
+   {"serverIp", VIGIL_DISC_DHCP},
+   {"leaseTime", VIGIL_DISC_DHCP},
+   {"gratuitous", VIGIL_DISC_ARP},
+   {"iaId", VIGIL_DISC_DHCPV6},
+   {"validLifetime", VIGIL_DISC_DHCPV6},
+   {"preferredLifetime", VIGIL_DISC_DHCPV6},
+};
+
+bool IsZero(const Json &v) {
+   if (v.is_number()) return v == 0;
+   if (v.is_boolean()) return !v.get<bool>();
+   if (!v.is_string()) return v.is_null();
+   const std::string &s = v.get_ref<const std::string &>();
+   return s.empty() || s == "00:00:00:00:00:00" || s == "0.0.0.0" || s == "::";
+}
+
+Json BindingView(const Json &record, bool expired) {
+   Json b;
+   for (const char *key : {"vlanId", "mac", "ip", "discMethod", "expiryTs"}) b[key] = record[key];
+   b["expired"] = expired;
+   unsigned method = record["discMethod"].get<unsigned>();
+   for (const auto &[key, methods] : kBindingDetails) {
+      if (!record.contains(key)) continue;
+      if ((methods & method) != 0 || !IsZero(record[key])) b[key] = record[key];
+   }
+   return b;
+}
+
+} // namespace
+
+Json BindingsJson(const VigilFilter *f) {
+   if (f == nullptr) return nullptr;
+   Json all = FilterJson(f);
+   Json out = Json::array();
+   for (const char *list : {"vmiList", "v6VmiList"}) {
+      for (const Json &record : all[list]) out.push_back(BindingView(record, false));
+   }
+   for (const char *list : {"expiredVmiList", "v6ExpiredNdList"}) {
+      for (const Json &record : all[list]) out.push_back(BindingView(record, true));
+   }
+   return out;
+}
+
 Json PortsetMessageJson(const sim::PortsetMessage &m) {
    Json j;
    j["portsetName"] = m.portset;

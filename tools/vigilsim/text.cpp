@@ -169,10 +169,85 @@ std::string StatsText(const Json &ports) {
    return table.Render();
 }
 
+bool IsHexField(const std::string &key) {
+   return key == "featuresEnabled" || key == "discoveryFlags" || key == "bpduBitmap";
+}
+
+std::string LimiterTable(const Json &f, const std::vector<std::string> &names) {
+   Table limiters({"limiter", "limit/s", "period", "count", "windowEnd"});
+   for (const std::string &name : names) {
+      const Json &l = f[name];
+      limiters.Row({name, Str(l.value("limit", Json())), Str(l.value("periodSecs", Json())),
+                    Str(l.value("count", Json())), Str(l.value("windowEnd", Json()))});
+   }
+   return Line("rate limiters:") + limiters.Render();
+}
+
+/* Some fields of the record, as `state PORTID FIELD...` chose them: the
+ * scalars in one table, then each list, block or limiter as the whole view
+ * shows it. */
+std::string NarrowStateText(const Json &f) {
+   std::string out;
+   Table scalars;
+   std::vector<std::string> limiters;
+   std::string blocks;
+   for (const auto &[key, value] : f.items()) {
+      if (!value.is_structured()) {
+         scalars.Row({key, IsHexField(key) ? Hex(value) : Str(value)});
+      } else if (key == "vmiList" || key == "expiredVmiList" || key == "v6VmiList" ||
+                 key == "v6ExpiredNdList") {
+         blocks += BindingsTable(key, value);
+      } else if (key == "dhcpReqList") {
+         blocks += RequestsTable(value);
+      } else if (key == "switchWhiteList" || key == "portWhiteList" || key == "portIgnoreList") {
+         blocks += EntriesTable(key, value);
+      } else if (key == "stats") {
+         blocks += Line("statistics:") + StatsTable(value);
+      } else if (key.size() > 7 && key.compare(key.size() - 7, 7, "Limiter") == 0) {
+         limiters.push_back(key);
+      } else if (key == "chains") {
+         scalars.Row({"chains", "in " + Str(value.value("input", Json())) + " / out " +
+                                    Str(value.value("output", Json()))});
+      } else {
+         blocks += Line(key + ": " + value.dump());
+      }
+   }
+   if (!scalars.Empty()) out += scalars.Render();
+   out += blocks;
+   if (!limiters.empty()) out += LimiterTable(f, limiters);
+   return out;
+}
+
+/* One line per binding. */
+std::string BindingsText(const Json &r) {
+   const Json &list = r["bindings"];
+   if (list.is_null()) return Line("port " + Hex(r["portID"]) + ": no filter");
+   if (list.empty()) return Line("no bindings");
+   Table table({"vlan", "mac", "ip", "method", "expires", "state", "details"});
+   for (const Json &b : list) {
+      std::string details;
+      for (const auto &[key, value] : b.items()) {
+         if (key == "vlanId" || key == "mac" || key == "ip" || key == "discMethod" ||
+             key == "expiryTs" || key == "expired") {
+            continue;
+         }
+         details += (details.empty() ? "" : " ") + key + "=" + Str(value);
+      }
+      table.Row({Str(b["vlanId"]), Str(b["mac"]), Str(b["ip"]),
+                 MethodName(b["discMethod"].get<uint64_t>()), Expiry(b["expiryTs"]),
+                 b.value("expired", false) ? "expired" : "active",
+                 details.empty() ? "-" : details});
+   }
+   return table.Render();
+}
+
 std::string StateText(const Json &r) {
    const Json &f = r["filter"];
    std::string out;
    if (f.is_null()) return Line("port " + Hex(r["portID"]) + ": no filter");
+   if (!f.contains("portsetName") || !f.contains("stats") || !f.contains("chains")) {
+      return NarrowStateText(f);
+   }
    out += Line("port " + Hex(r["portID"]) + " on " + Str(f["portsetName"]) + ": features " +
                Hex(f["featuresEnabled"]) + ", discovery " + Hex(f["discoveryFlags"]) +
                ", chains in " + Str(f["chains"]["input"]) + " / out " +
@@ -182,7 +257,7 @@ std::string StateText(const Json &r) {
    std::vector<std::string> row;
    for (const auto &[key, value] : f.items()) {
       if (value.is_structured() || key == "portsetName") continue;
-      bool hex = key == "featuresEnabled" || key == "discoveryFlags" || key == "bpduBitmap";
+      bool hex = IsHexField(key);
       row.push_back(key);
       row.push_back(hex ? Hex(value) : Str(value));
       if (row.size() == 6) {
@@ -198,13 +273,7 @@ std::string StateText(const Json &r) {
    out += EntriesTable("switch white list", f["switchWhiteList"]);
    out += EntriesTable("port white list", f["portWhiteList"]);
    out += EntriesTable("port ignore list", f["portIgnoreList"]);
-   Table limiters({"limiter", "limit/s", "period", "count", "windowEnd"});
-   for (const char *name : {"txBcastLimiter", "rxBcastLimiter", "txMcastLimiter", "rxMcastLimiter"}) {
-      const Json &l = f[name];
-      limiters.Row({name, Str(l["limit"]), Str(l["periodSecs"]), Str(l["count"]),
-                    Str(l["windowEnd"])});
-   }
-   out += Line("rate limiters:") + limiters.Render();
+   out += LimiterTable(f, {"txBcastLimiter", "rxBcastLimiter", "txMcastLimiter", "rxMcastLimiter"});
    return out + Line("statistics:") + StatsTable(f["stats"]);
 }
 
@@ -263,6 +332,7 @@ std::string ModuleText(const Json &r) {
       table.Row({key, Str(value)});
    }
    out += table.Render();
+   if (!r.contains("agingQueue")) return out;
    std::string queue;
    for (const Json &e : r["agingQueue"]) {
       queue += (queue.empty() ? "" : ", ") + Hex(e["portID"]) + " at " + Str(e["key"]);
@@ -275,6 +345,14 @@ std::string Body(const Json &r) {
    if (!r["ok"].get<bool>()) return Line("error: " + Str(r["error"]));
    std::string busy = r.value("busy", false) ? Line("(the worlds were still busy)") : "";
    if (cmd == "state") return busy + StateText(r);
+   if (cmd == "bindings") return busy + BindingsText(r);
+   if (cmd == "frame") {
+      std::string out;
+      for (const Json &f : r["frames"]) {
+         out += Line(std::to_string(f.get<std::string>().size() / 2) + " bytes: " + Str(f));
+      }
+      return out;
+   }
    if (cmd == "messages") return busy + MessagesText(r);
    if (cmd == "stats") return busy + StatsText(r["ports"]);
    if (cmd == "logs") return busy + LogsText(r);

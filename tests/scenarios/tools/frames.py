@@ -12,26 +12,40 @@ Commands (all addresses in their usual text form; numbers decimal or 0x):
          [--dport N] [--xid N] [--ciaddr IP] [--yiaddr IP] [--siaddr IP]
          [--giaddr IP] [--chaddr MAC] [--htype N] [--hlen N] [--cookie HEX]
          [--client-id HEX] [--lease N] [--lease-hex HEX] [--opt CODE=HEX ...]
-         [--no-type] [--no-end] [--raw-opts HEX] [--no-pad] [--frag FLAGSOFF]
-         [--ulen N]
+         [--server-id IP|none] [--no-type] [--no-end] [--raw-opts HEX]
+         [--no-pad] [--frag FLAGSOFF] [--ulen N]
       TYPE is a DHCP message type: discover offer request decline ack nak
       release inform, or a number.  Client types default to ports 68->67,
       source 0.0.0.0 and destination 255.255.255.255; server types (offer,
       ack, nak) to 67->68 from 192.0.2.1.  --lease is added to ack and offer
-      by default (120) unless --lease -1.  --raw-opts gives the option bytes
+      by default (120) unless --lease -1.  Server types carry the server
+      identifier (option 54) of their source address unless --server-id
+      says another or none.  --raw-opts gives the option bytes
       behind the cookie as they are (no type, lease, server id or end is
       added); --no-pad leaves the message unpadded (it is padded with zeros
       to 300 bytes otherwise); --ulen writes that UDP length.
   arp    OP [--src MAC] [--dst MAC] [--sha MAC] [--spa IP] [--tha MAC]
          [--tpa IP] [--htype N] [--ptype N] [--hlen N] [--plen N] [--cut N]
   ipv4   [--src MAC] [--dst MAC] [--sip IP] [--dip IP] [--proto N]
-         [--sport N] [--dport N] [--payload HEX]
+         [--sport N] [--dport N] [--frag FLAGSOFF] [--payload HEX]
       An IPv4 frame; proto 17 adds a UDP header with the ports, 6 a TCP
       header, 1 an ICMP echo request.
+  udp4, tcp4, icmp4   the same options but --proto
+      ipv4 with proto 17, 6 or 1.
   l2     [--src MAC] [--dst MAC] [--type N] [--payload HEX]
       Any other frame: EtherType (or 802.3 length) and payload, padded to 60.
+      Also called eth.
   bpdu   [--src MAC] [--dst MAC]
       A spanning tree configuration BPDU in an 802.3/LLC frame.
+
+  spec KIND:key=value,...
+      The frame of a vigilsim frame spec: KIND is a command above, each
+      key=value its option --key VALUE (a flag alone or =1 for the flag,
+      =0 to leave it out), type= and op= the TYPE of dhcp and OP of arp.
+      vigilsim builds the same bytes from the same spec.
+  tospec COMMAND ARGS...
+      The frame spec of a command line, for example
+      tospec dhcp ack --xid 0x1060 --lease 300  ->  dhcp:type=ack,xid=0x1060,lease=300
 
   pcap OUT N COMMAND ARGS...
       Writes N frames to the pcap file OUT, frame i (from 0) made by the
@@ -137,8 +151,9 @@ def cmd_dhcp(a):
         opts += bytes([51, len(lv)]) + lv
     elif lease >= 0:
         opts += bytes([51, 4]) + struct.pack("!I", lease)
-    if server:
-        opts += bytes([54, 4]) + sip
+    server_id = a.server_id if a.server_id is not None else (a.sip or SERVER_IP) if server else "none"
+    if server_id != "none":
+        opts += bytes([54, 4]) + ip4(server_id)
     for o in a.opt or []:
         code, _, val = o.partition("=")
         v = bytes.fromhex(val)
@@ -179,6 +194,8 @@ def cmd_arp(a):
 
 
 def cmd_ipv4(a):
+    if a.cmd in PROTOS:
+        a.proto = PROTOS[a.cmd]
     src = mac(a.src or VM_MAC)
     dst = mac(a.dst or SERVER_MAC)
     payload = bytes.fromhex(a.payload)
@@ -191,7 +208,7 @@ def cmd_ipv4(a):
         l4 = l4[:2] + struct.pack("!H", checksum(l4 + payload)) + l4[4:]
     else:
         l4 = b""
-    ip = ipv4_header(ip4(a.sip), ip4(a.dip), a.proto, len(l4) + len(payload))
+    ip = ipv4_header(ip4(a.sip), ip4(a.dip), a.proto, len(l4) + len(payload), a.frag)
     emit(eth(dst, src, 0x0800) + [ip.hex(), l4.hex(), payload.hex()], pad_to=60)
 
 
@@ -207,6 +224,56 @@ def cmd_bpdu(a):
     bpdu = bytes.fromhex("0000000000800002000000001000000000800002000000001080010000140002000f00")
     llc = bytes.fromhex("424203")
     emit(eth(dst, src, len(llc) + len(bpdu)) + [llc.hex(), bpdu.hex()], pad_to=60)
+
+
+PROTOS = {"udp4": 17, "tcp4": 6, "icmp4": 1}
+POSITIONAL = {"dhcp": "type", "arp": "op"}
+FLAGS = {"no-type", "no-end", "no-pad"}
+
+
+def spec_to_argv(spec):
+    """The command line of a frame spec KIND:key=value,..."""
+    kind, colon, rest = spec.partition(":")
+    if not colon:
+        raise SystemExit("bad frame spec %r: KIND:key=value,..." % spec)
+    argv = [kind]
+    positional = POSITIONAL.get(kind)
+    if positional is not None:
+        argv.append({"dhcp": "discover", "arp": "request"}[kind])
+    for item in rest.split(","):
+        if not item:
+            continue
+        key, eq, value = item.partition("=")
+        if key == positional:
+            argv[1] = value
+        elif key in FLAGS:
+            if not eq or value == "1":
+                argv.append("--" + key)
+            elif value != "0":
+                raise SystemExit("bad frame spec %r: %s=0 or 1" % (spec, key))
+        else:
+            argv += ["--" + key, value]
+    return argv
+
+
+def argv_to_spec(argv):
+    """The frame spec of a command line (the inverse of spec_to_argv)."""
+    kind = "eth" if argv[0] == "l2" else argv[0]
+    items = []
+    rest = argv[1:]
+    if kind in POSITIONAL:
+        items.append("%s=%s" % (POSITIONAL[kind], rest[0]))
+        rest = rest[1:]
+    i = 0
+    while i < len(rest):
+        key = rest[i][2:]
+        if key in FLAGS:
+            items.append(key)
+            i += 1
+        else:
+            items.append("%s=%s" % (key, rest[i + 1]))
+            i += 2
+    return kind + ":" + ",".join(items)
 
 
 def build(argv):
@@ -294,6 +361,7 @@ def parser():
     d.add_argument("--no-pad", action="store_true")
     d.add_argument("--frag", type=num, default=0)
     d.add_argument("--ulen", type=num)
+    d.add_argument("--server-id")
     d.set_defaults(fn=cmd_dhcp)
 
     r = sub.add_parser("arp")
@@ -309,23 +377,27 @@ def parser():
     r.add_argument("--cut", type=num)
     r.set_defaults(fn=cmd_arp)
 
-    i = sub.add_parser("ipv4")
-    i.add_argument("--src")
-    i.add_argument("--dst")
-    i.add_argument("--sip", default="192.0.2.50")
-    i.add_argument("--dip", default="192.0.2.1")
-    i.add_argument("--proto", type=num, default=1)
-    i.add_argument("--sport", type=num, default=40000)
-    i.add_argument("--dport", type=num, default=80)
-    i.add_argument("--payload", default="")
-    i.set_defaults(fn=cmd_ipv4)
+    for name in ("ipv4", "udp4", "tcp4", "icmp4"):
+        i = sub.add_parser(name)
+        i.add_argument("--src")
+        i.add_argument("--dst")
+        i.add_argument("--sip", default="192.0.2.50")
+        i.add_argument("--dip", default="192.0.2.1")
+        if name == "ipv4":
+            i.add_argument("--proto", type=num, default=1)
+        i.add_argument("--sport", type=num, default=40000)
+        i.add_argument("--dport", type=num, default=80)
+        i.add_argument("--frag", type=num, default=0)
+        i.add_argument("--payload", default="")
+        i.set_defaults(fn=cmd_ipv4)
 
-    l2 = sub.add_parser("l2")
-    l2.add_argument("--src")
-    l2.add_argument("--dst")
-    l2.add_argument("--type", type=num, default=0x88b5)
-    l2.add_argument("--payload", default="")
-    l2.set_defaults(fn=cmd_l2)
+    for name in ("l2", "eth"):
+        l2 = sub.add_parser(name)
+        l2.add_argument("--src")
+        l2.add_argument("--dst")
+        l2.add_argument("--type", type=num, default=0x88b5)
+        l2.add_argument("--payload", default="")
+        l2.set_defaults(fn=cmd_l2)
 
     b = sub.add_parser("bpdu")
     b.add_argument("--src")
@@ -337,6 +409,14 @@ def parser():
 def main():
     if len(sys.argv) > 3 and sys.argv[1] == "pcap":
         write_pcap(sys.argv[2], int(sys.argv[3], 0), sys.argv[4:])
+        return
+    if len(sys.argv) == 3 and sys.argv[1] == "spec":
+        print(build(spec_to_argv(sys.argv[2])))
+        return
+    if len(sys.argv) > 2 and sys.argv[1] == "tospec":
+        argv = sys.argv[2:]
+        build(argv)  # the command must be valid
+        print(argv_to_spec(argv))
         return
     if len(sys.argv) > 1 and sys.argv[1] == "refresh":
         for path in sys.argv[2:]:

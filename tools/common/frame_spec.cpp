@@ -1,0 +1,468 @@
+#include "frame_spec.h"
+
+#include <arpa/inet.h>
+
+#include <cctype>
+#include <functional>
+#include <map>
+#include <optional>
+
+namespace frames {
+
+namespace {
+
+const char *const kSpecVmMac = "02:00:00:00:00:10";
+const char *const kSpecServerMac = "02:00:00:00:00:01";
+const char *const kSpecServerIp = "192.0.2.1";
+const char *const kSpecVmIp = "192.0.2.50";
+const char *const kBroadcastMac = "ff:ff:ff:ff:ff:ff";
+
+/* How a key's value is read: for the errors and the flag shorthand. */
+enum class Type { Mac, Ipv4, Ipv6, Number, Signed, Hex, Flag, Word, Option };
+
+struct Key {
+   const char *name;
+   Type type;
+   const char *def;
+   const char *help;
+};
+
+class Values;
+
+struct Kind {
+   const char *name;
+   const char *help;
+   std::vector<Key> keys;
+   std::function<Bytes(const Values &)> build;
+};
+
+int HexDigit(char c) {
+   if (c >= '0' && c <= '9') return c - '0';
+   if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+   if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+   return -1;
+}
+
+uint64_t ParseNumber(const std::string &text, uint64_t max, const std::string &what) {
+   std::string digits = text;
+   int base = 10;
+   if (digits.size() > 2 && digits[0] == '0' && (digits[1] == 'x' || digits[1] == 'X')) {
+      digits = digits.substr(2);
+      base = 16;
+   }
+   if (digits.empty()) throw SpecError(what + ": '" + text + "' is not a number");
+   uint64_t value = 0;
+   for (char c : digits) {
+      int d = HexDigit(c);
+      if (d < 0 || d >= base) throw SpecError(what + ": '" + text + "' is not a number");
+      if (value > (max - static_cast<uint64_t>(d)) / static_cast<uint64_t>(base)) {
+         throw SpecError(what + ": '" + text + "' is more than " + std::to_string(max));
+      }
+      value = value * static_cast<uint64_t>(base) + static_cast<uint64_t>(d);
+   }
+   return value;
+}
+
+Bytes ParseHex(const std::string &text, const std::string &what) {
+   Bytes out;
+   int high = -1;
+   for (char c : text) {
+      if (c == ':' || c == '.' || c == '-' || c == '_') continue;
+      int d = HexDigit(c);
+      if (d < 0) throw SpecError(what + ": '" + std::string(1, c) + "' is not a hex digit");
+      if (high < 0) {
+         high = d;
+      } else {
+         out.push_back(static_cast<uint8_t>(high * 16 + d));
+         high = -1;
+      }
+   }
+   if (high >= 0) throw SpecError(what + ": an odd number of hex digits");
+   return out;
+}
+
+/* The keys given in one spec, read through the kind's table. */
+class Values {
+ public:
+   Values(const Kind &kind, std::map<std::string, std::vector<std::string>> given)
+       : kind_(kind), given_(std::move(given)) {}
+
+   bool Has(const std::string &key) const { return given_.count(key) != 0; }
+
+   std::string Text(const std::string &key, const std::string &def) const {
+      auto it = given_.find(key);
+      return it == given_.end() ? def : it->second.back();
+   }
+   std::string Mac(const std::string &key, const std::string &def) const {
+      std::string text = Text(key, def);
+      unsigned v[6];
+      char extra;
+      if (text.size() != 17 || sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x%c", &v[0], &v[1],
+                                      &v[2], &v[3], &v[4], &v[5], &extra) != 6) {
+         throw SpecError(What(key) + ": '" + text + "' is not a MAC address (aa:bb:cc:dd:ee:ff)");
+      }
+      return text;
+   }
+   std::string Ipv4(const std::string &key, const std::string &def) const {
+      std::string text = Text(key, def);
+      uint8_t b[4];
+      if (inet_pton(AF_INET, text.c_str(), b) != 1) {
+         throw SpecError(What(key) + ": '" + text + "' is not an IPv4 address");
+      }
+      return text;
+   }
+   std::string Ipv6(const std::string &key, const std::string &def) const {
+      std::string text = Text(key, def);
+      uint8_t b[16];
+      if (inet_pton(AF_INET6, text.c_str(), b) != 1) {
+         throw SpecError(What(key) + ": '" + text + "' is not an IPv6 address");
+      }
+      return text;
+   }
+   uint64_t Number(const std::string &key, uint64_t def, uint64_t max) const {
+      return Has(key) ? ParseNumber(Text(key, ""), max, What(key)) : def;
+   }
+   std::optional<uint64_t> MaybeNumber(const std::string &key, uint64_t max) const {
+      if (!Has(key)) return std::nullopt;
+      return ParseNumber(Text(key, ""), max, What(key));
+   }
+   /* A number that may be negative, from -max-1 to max. */
+   int64_t Signed(const std::string &key, int64_t def, uint64_t max) const {
+      if (!Has(key)) return def;
+      std::string text = Text(key, "");
+      bool negative = !text.empty() && text[0] == '-';
+      uint64_t magnitude = ParseNumber(negative ? text.substr(1) : text, max + negative, What(key));
+      return negative ? -static_cast<int64_t>(magnitude) : static_cast<int64_t>(magnitude);
+   }
+   Bytes Hex(const std::string &key, const Bytes &def = {}) const {
+      return Has(key) ? ParseHex(Text(key, ""), What(key)) : def;
+   }
+   bool Flag(const std::string &key) const {
+      if (!Has(key)) return false;
+      std::string text = Text(key, "");
+      if (text == "1") return true;
+      if (text == "0") return false;
+      throw SpecError(What(key) + ": '" + text + "' is neither 0 nor 1");
+   }
+   const std::vector<std::string> &All(const std::string &key) const {
+      static const std::vector<std::string> none;
+      auto it = given_.find(key);
+      return it == given_.end() ? none : it->second;
+   }
+   std::string What(const std::string &key) const {
+      return std::string(kind_.name) + " key " + key;
+   }
+
+ private:
+   const Kind &kind_;
+   std::map<std::string, std::vector<std::string>> given_;
+};
+
+/* The keys that address an IPv4 frame, shared by ipv4, udp4, tcp4, icmp4. */
+std::vector<Key> Ipv4Keys(bool withProto) {
+   std::vector<Key> keys = {
+      {"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+      {"dst", Type::Mac, "02:00:00:00:00:01", "destination MAC"},
+      {"sip", Type::Ipv4, "192.0.2.50", "source address"},
+      {"dip", Type::Ipv4, "192.0.2.1", "destination address"},
+   };
+   if (withProto) {
+      keys.push_back({"proto", Type::Number, "1",
+                      "IP protocol: 17 adds a UDP header with the ports, 6 a TCP SYN, "
+                      "1 an ICMP echo request, any other nothing"});
+   }
+   keys.push_back({"sport", Type::Number, "40000", "UDP or TCP source port"});
+   keys.push_back({"dport", Type::Number, "80", "UDP or TCP destination port"});
+   keys.push_back({"frag", Type::Number, "0", "the IPv4 flags and fragment offset word"});
+   keys.push_back({"payload", Type::Hex, "none", "bytes behind the transport header"});
+   return keys;
+}
+
+Bytes BuildIpv4(const Values &v, uint8_t proto) {
+   std::string src = v.Mac("src", kSpecVmMac);
+   std::string dst = v.Mac("dst", kSpecServerMac);
+   Ipv4Fields ip;
+   ip.sip = v.Ipv4("sip", kSpecVmIp);
+   ip.dip = v.Ipv4("dip", kSpecServerIp);
+   ip.proto = proto;
+   ip.fragment = static_cast<uint16_t>(v.Number("frag", 0, 0xffff));
+   uint16_t sport = static_cast<uint16_t>(v.Number("sport", 40000, 0xffff));
+   uint16_t dport = static_cast<uint16_t>(v.Number("dport", 80, 0xffff));
+   Bytes payload = v.Hex("payload");
+   Bytes l4;
+   if (proto == 17) {
+      l4 = UdpSegment(sport, dport, payload);
+   } else if (proto == 6) {
+      l4 = TcpSegment(sport, dport, payload);
+   } else if (proto == 1) {
+      l4 = IcmpEcho(payload);
+   } else {
+      l4 = payload;
+   }
+   return Ipv4Frame(src, dst, ip, l4);
+}
+
+const std::map<std::string, int> kDhcpTypes = {
+   {"discover", 1}, {"offer", 2}, {"request", 3}, {"decline", 4},
+   {"ack", 5},      {"nak", 6},   {"release", 7}, {"inform", 8}};
+
+Bytes BuildDhcp(const Values &v) {
+   std::string typeText = v.Text("type", "discover");
+   auto named = kDhcpTypes.find(typeText);
+   int type = named != kDhcpTypes.end()
+                  ? named->second
+                  : static_cast<int>(ParseNumber(typeText, 255, v.What("type")));
+   bool server = type == 2 || type == 5 || type == 6;
+   std::string src = v.Mac("src", server ? kSpecServerMac : kSpecVmMac);
+   std::string dst = v.Mac("dst", server ? kSpecVmMac : kBroadcastMac);
+   Ipv4Fields ip;
+   ip.sip = v.Ipv4("sip", server ? kSpecServerIp : "0.0.0.0");
+   ip.dip = v.Ipv4("dip", server ? kSpecVmIp : "255.255.255.255");
+   ip.proto = 17;
+   ip.ident = 0;
+   ip.fragment = static_cast<uint16_t>(v.Number("frag", 0, 0xffff));
+   uint16_t sport = static_cast<uint16_t>(v.Number("sport", server ? 67 : 68, 0xffff));
+   uint16_t dport = static_cast<uint16_t>(v.Number("dport", server ? 68 : 67, 0xffff));
+
+   DhcpFields f;
+   f.op = server ? 2 : 1;
+   f.htype = static_cast<uint8_t>(v.Number("htype", 1, 255));
+   f.hlen = static_cast<uint8_t>(v.Number("hlen", 6, 255));
+   f.xid = static_cast<uint32_t>(v.Number("xid", 0x1001, 0xffffffff));
+   f.ciaddr = v.Ipv4("ciaddr", "0.0.0.0");
+   f.yiaddr = v.Ipv4("yiaddr", "0.0.0.0");
+   f.siaddr = v.Ipv4("siaddr", "0.0.0.0");
+   f.giaddr = v.Ipv4("giaddr", "0.0.0.0");
+   f.chaddr = v.Mac("chaddr", kSpecVmMac);
+   f.cookie = v.Hex("cookie", {0x63, 0x82, 0x53, 0x63});
+   f.msgType = v.Flag("no-type") ? -1 : type;
+   f.clientId = v.Hex("client-id");
+   if (v.Has("lease-hex")) {
+      f.leaseBytes = v.Hex("lease-hex");
+      if (f.leaseBytes.empty()) throw SpecError(v.What("lease-hex") + ": no bytes");
+   } else {
+      f.leaseTime = v.Signed("lease", type == 2 || type == 5 ? 120 : -1, 0xffffffff);
+   }
+   std::string serverId = v.Text("server-id", server ? ip.sip : "none");
+   if (serverId != "none") f.serverId = v.Ipv4("server-id", serverId);
+   for (const std::string &opt : v.All("opt")) {
+      size_t eq = opt.find('=');
+      if (eq == std::string::npos) {
+         throw SpecError(v.What("opt") + ": '" + opt + "' is not CODE=HEX");
+      }
+      f.extra.emplace_back(static_cast<uint8_t>(ParseNumber(opt.substr(0, eq), 255, v.What("opt"))),
+                           ParseHex(opt.substr(eq + 1), v.What("opt")));
+   }
+   f.end = !v.Flag("no-end");
+   if (v.Has("raw-opts")) f.rawOptions = v.Hex("raw-opts");
+   f.minLen = v.Flag("no-pad") ? 0 : 300;
+   Bytes payload = DhcpPayload(f);
+   std::optional<uint64_t> ulen = v.MaybeNumber("ulen", 0xffff);
+   Bytes udp = UdpSegment(sport, dport, payload,
+                          ulen ? std::optional<uint16_t>(static_cast<uint16_t>(*ulen))
+                               : std::nullopt);
+   return Ipv4Frame(src, dst, ip, udp);
+}
+
+Bytes BuildArp(const Values &v) {
+   std::string opText = v.Text("op", "request");
+   ArpFields f;
+   f.op = opText == "request" ? 1
+          : opText == "reply" ? 2
+                              : static_cast<uint16_t>(ParseNumber(opText, 0xffff, v.What("op")));
+   bool request = f.op == 1;
+   std::string src = v.Mac("src", kSpecVmMac);
+   std::string dst = v.Mac("dst", request ? kBroadcastMac : kSpecServerMac);
+   f.sha = v.Mac("sha", src);
+   f.tha = v.Mac("tha", request ? "00:00:00:00:00:00" : kSpecServerMac);
+   f.spa = v.Ipv4("spa", kSpecVmIp);
+   f.tpa = v.Ipv4("tpa", kSpecServerIp);
+   f.htype = static_cast<uint16_t>(v.Number("htype", 1, 0xffff));
+   f.ptype = static_cast<uint16_t>(v.Number("ptype", 0x0800, 0xffff));
+   f.hlen = static_cast<uint8_t>(v.Number("hlen", 6, 255));
+   f.plen = static_cast<uint8_t>(v.Number("plen", 4, 255));
+   std::optional<uint64_t> cut = v.MaybeNumber("cut", 0xffff);
+   return ArpFrame(src, dst, f, cut ? std::optional<size_t>(*cut) : std::nullopt);
+}
+
+const std::vector<Kind> &Kinds() {
+   static const std::vector<Kind> kinds = [] {
+      std::vector<Kind> k;
+      k.push_back({"eth", "an Ethernet II frame of any EtherType (or an 802.3 length)",
+                   {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+                    {"dst", Type::Mac, "02:00:00:00:00:01", "destination MAC"},
+                    {"type", Type::Number, "0x88b5", "EtherType, or a length up to 1500"},
+                    {"payload", Type::Hex, "none", "the bytes behind the header"}},
+                   [](const Values &v) {
+                      return EthFrame(v.Mac("src", kSpecVmMac), v.Mac("dst", kSpecServerMac),
+                                      static_cast<uint16_t>(v.Number("type", 0x88b5, 0xffff)),
+                                      v.Hex("payload"));
+                   }});
+      k.push_back({"arp", "an ARP frame",
+                   {{"op", Type::Word, "request", "request, reply or a number"},
+                    {"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+                    {"dst", Type::Mac, "ff:ff:ff:ff:ff:ff; 02:00:00:00:00:01 unless a request",
+                     "destination MAC"},
+                    {"sha", Type::Mac, "src", "sender hardware address"},
+                    {"spa", Type::Ipv4, "192.0.2.50", "sender address"},
+                    {"tha", Type::Mac, "00:00:00:00:00:00; 02:00:00:00:00:01 unless a request",
+                     "target hardware address"},
+                    {"tpa", Type::Ipv4, "192.0.2.1", "target address"},
+                    {"htype", Type::Number, "1", "hardware type"},
+                    {"ptype", Type::Number, "0x0800", "protocol type"},
+                    {"hlen", Type::Number, "6", "hardware address length field"},
+                    {"plen", Type::Number, "4", "protocol address length field"},
+                    {"cut", Type::Number, "none",
+                     "keep only that many bytes of the ARP header, unpadded"}},
+                   BuildArp});
+      k.push_back({"ipv4", "an IPv4 frame", Ipv4Keys(true), [](const Values &v) {
+                      return BuildIpv4(v, static_cast<uint8_t>(v.Number("proto", 1, 255)));
+                   }});
+      k.push_back({"udp4", "UDP over IPv4: ipv4 with proto=17", Ipv4Keys(false),
+                   [](const Values &v) { return BuildIpv4(v, 17); }});
+      k.push_back({"tcp4", "a TCP SYN over IPv4: ipv4 with proto=6", Ipv4Keys(false),
+                   [](const Values &v) { return BuildIpv4(v, 6); }});
+      k.push_back({"icmp4", "an ICMP echo request: ipv4 with proto=1", Ipv4Keys(false),
+                   [](const Values &v) { return BuildIpv4(v, 1); }});
+      k.push_back(
+          {"dhcp",
+           "a DHCP message over UDP and IPv4; offer, ack and nak are server messages, "
+           "the others client messages",
+           {{"type", Type::Word, "discover",
+             "discover offer request decline ack nak release inform, or a number"},
+            {"src", Type::Mac, "02:00:00:00:00:10; 02:00:00:00:00:01 for a server", "source MAC"},
+            {"dst", Type::Mac, "ff:ff:ff:ff:ff:ff; 02:00:00:00:00:10 for a server",
+             "destination MAC"},
+            {"sip", Type::Ipv4, "0.0.0.0; 192.0.2.1 for a server", "source address"},
+            {"dip", Type::Ipv4, "255.255.255.255; 192.0.2.50 for a server",
+             "destination address"},
+            {"sport", Type::Number, "68; 67 for a server", "UDP source port"},
+            {"dport", Type::Number, "67; 68 for a server", "UDP destination port"},
+            {"xid", Type::Number, "0x1001", "transaction id"},
+            {"ciaddr", Type::Ipv4, "0.0.0.0", "client address"},
+            {"yiaddr", Type::Ipv4, "0.0.0.0", "your (offered) address"},
+            {"siaddr", Type::Ipv4, "0.0.0.0", "next server address"},
+            {"giaddr", Type::Ipv4, "0.0.0.0", "relay address"},
+            {"chaddr", Type::Mac, "02:00:00:00:00:10", "client hardware address"},
+            {"htype", Type::Number, "1", "hardware type"},
+            {"hlen", Type::Number, "6", "hardware address length"},
+            {"cookie", Type::Hex, "63825363", "the magic cookie"},
+            {"client-id", Type::Hex, "none", "option 61, the client identifier"},
+            {"lease", Type::Signed, "120 for offer and ack, else none",
+             "option 51 in seconds; -1 leaves it out"},
+            {"lease-hex", Type::Hex, "none", "option 51 with these bytes instead"},
+            {"server-id", Type::Ipv4, "sip for a server, else none",
+             "option 54; none leaves it out"},
+            {"opt", Type::Option, "none", "CODE=HEX: one more option, after the others; "
+                                          "may be given more than once"},
+            {"no-type", Type::Flag, "0", "1 leaves out option 53"},
+            {"no-end", Type::Flag, "0", "1 leaves out the end option"},
+            {"raw-opts", Type::Hex, "none",
+             "the bytes behind the cookie as they are, instead of every option"},
+            {"no-pad", Type::Flag, "0", "1 leaves the message unpadded (else 300 bytes)"},
+            {"frag", Type::Number, "0", "the IPv4 flags and fragment offset word"},
+            {"ulen", Type::Number, "the real length", "the UDP length field"}},
+           BuildDhcp});
+      k.push_back({"bpdu", "a spanning tree configuration BPDU in an 802.3/LLC frame",
+                   {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+                    {"dst", Type::Mac, "01:80:c2:00:00:00", "destination MAC"}},
+                   [](const Values &v) {
+                      return ConfigBpduFrame(v.Mac("src", kSpecVmMac),
+                                             v.Mac("dst", "01:80:c2:00:00:00"));
+                   }});
+      return k;
+   }();
+   return kinds;
+}
+
+std::string KindNames() {
+   std::string names;
+   for (const Kind &k : Kinds()) names += (names.empty() ? "" : ", ") + std::string(k.name);
+   return names;
+}
+
+std::string KeyNames(const Kind &kind) {
+   std::string names;
+   for (const Key &k : kind.keys) names += (names.empty() ? "" : ", ") + std::string(k.name);
+   return names;
+}
+
+} // namespace
+
+std::vector<SpecKindInfo> FrameSpecKinds() {
+   std::vector<SpecKindInfo> out;
+   for (const Kind &k : Kinds()) {
+      SpecKindInfo info{k.name, k.help, {}};
+      for (const Key &key : k.keys) info.keys.push_back({key.name, key.def, key.help});
+      out.push_back(info);
+   }
+   return out;
+}
+
+bool LooksLikeFrameSpec(const std::string &text) {
+   size_t colon = text.find(':');
+   if (colon == std::string::npos || colon == 0) return false;
+   std::string word = text.substr(0, colon);
+   if (word == "hex" || word == "text" || word == "file") return false;
+   if (!std::islower(static_cast<unsigned char>(word[0]))) return false;
+   for (char c : word) {
+      if (!std::islower(static_cast<unsigned char>(c)) && !std::isdigit(static_cast<unsigned char>(c))) {
+         return false;
+      }
+   }
+   return true;
+}
+
+Bytes BuildFrameSpec(const std::string &text) {
+   size_t colon = text.find(':');
+   if (colon == std::string::npos) {
+      throw SpecError("bad frame spec '" + text + "': KIND:key=value,... (kinds: " + KindNames() + ")");
+   }
+   std::string name = text.substr(0, colon);
+   const Kind *kind = nullptr;
+   for (const Kind &k : Kinds()) {
+      if (name == k.name) kind = &k;
+   }
+   if (kind == nullptr) {
+      throw SpecError("unknown frame kind '" + name + "' (kinds: " + KindNames() + ")");
+   }
+   std::map<std::string, std::vector<std::string>> given;
+   std::string rest = text.substr(colon + 1);
+   size_t start = 0;
+   while (start < rest.size()) {
+      size_t comma = rest.find(',', start);
+      std::string item = rest.substr(start, comma == std::string::npos ? comma : comma - start);
+      start = comma == std::string::npos ? rest.size() : comma + 1;
+      if (item.empty()) continue;
+      size_t eq = item.find('=');
+      std::string key = item.substr(0, eq);
+      const Key *def = nullptr;
+      for (const Key &k : kind->keys) {
+         if (key == k.name) def = &k;
+      }
+      if (def == nullptr) {
+         throw SpecError("unknown key '" + key + "' for " + name + " frames (keys: " +
+                         KeyNames(*kind) + ")");
+      }
+      std::string value;
+      if (eq != std::string::npos) {
+         value = item.substr(eq + 1);
+      } else if (def->type == Type::Flag) {
+         value = "1";
+      } else {
+         throw SpecError(name + " key " + key + " needs a value: " + key + "=...");
+      }
+      if (given.count(key) && def->type != Type::Option) {
+         throw SpecError(name + " key " + key + " given twice");
+      }
+      given[key].push_back(value);
+   }
+   Values values(*kind, std::move(given));
+   try {
+      return kind->build(values);
+   } catch (const std::invalid_argument &e) {
+      throw SpecError(name + " frame: " + e.what());
+   }
+}
+
+} // namespace frames
