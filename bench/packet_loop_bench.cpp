@@ -116,7 +116,7 @@ struct BenchHost {
 void BM_PortWithNoFeature(benchmark::State &state) {
    BenchHost host(0);
    for (auto _ : state) {
-      Vigil_ProcessPacketsToSwitch(kPort, nullptr, host.list);
+      benchmark::DoNotOptimize(Vigil_ProcessPacketsToSwitch(kPort, nullptr, host.list));
    }
    state.counters["ns_per_frame"] = benchmark::Counter(
       static_cast<double>(state.iterations()) * kBatch,
@@ -126,7 +126,7 @@ void BM_PortWithNoFeature(benchmark::State &state) {
 void BM_PortWithBroadcastLimit(benchmark::State &state) {
    BenchHost host(VIGIL_FEAT_TX_BCAST_LIMIT);
    for (auto _ : state) {
-      Vigil_ProcessPacketsToSwitch(kPort, nullptr, host.list);
+      benchmark::DoNotOptimize(Vigil_ProcessPacketsToSwitch(kPort, nullptr, host.list));
    }
    state.counters["ns_per_frame"] = benchmark::Counter(
       static_cast<double>(state.iterations()) * kBatch,
@@ -137,7 +137,7 @@ void BM_PortWardenMatchAtLastEntry(benchmark::State &state) {
    BenchHost host(VIGIL_FEAT_PORT_WARDEN, UnicastUdpFrame());
    host.SetPortWhiteList(static_cast<uint32_t>(state.range(0)));
    for (auto _ : state) {
-      Vigil_ProcessPacketsToSwitch(kPort, nullptr, host.list);
+      benchmark::DoNotOptimize(Vigil_ProcessPacketsToSwitch(kPort, nullptr, host.list));
    }
    state.counters["ns_per_frame"] = benchmark::Counter(
       static_cast<double>(state.iterations()) * kBatch,

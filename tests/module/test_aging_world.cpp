@@ -3,15 +3,12 @@
  * world's sleeps and passes on the virtual clock, and its start and stop.
  */
 #include <algorithm>
-#include <chrono>
 #include <cstring>
-#include <functional>
 #include <map>
 #include <random>
 #include <set>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "vigil_dhcp.h"
@@ -39,18 +36,6 @@ u32 IpN(u32 n) {
 void MacN(u32 n, u8 mac[6]) {
    u8 bytes[6] = {0x02, 0x00, (u8)(n >> 24), (u8)(n >> 16), (u8)(n >> 8), (u8)n};
    memcpy(mac, bytes, 6);
-}
-
-/* Runs `done` until it is true or two seconds of real time have passed. */
-bool SpinUntil(const std::function<bool()> &done) {
-   auto end = std::chrono::steady_clock::now() + std::chrono::seconds(2);
-   while (!done()) {
-      if (std::chrono::steady_clock::now() >= end) {
-         return false;
-      }
-      std::this_thread::yield();
-   }
-   return true;
 }
 
 /* What a port holds, as the test made it: the expiry of every binding and

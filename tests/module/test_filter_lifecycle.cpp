@@ -814,7 +814,7 @@ TEST_F(RetiredFilter, FailedInstallWhoseRollbackCannotRemoveTheInputKeepsItsHand
                             "Failed to remove input IOChain on port 16"}));
 
    /* As the enable handler does after a failed install. */
-   VigilClearFeaturesWithOptFlush(filter, false);
+   EXPECT_EQ(VigilClearFeaturesWithOptFlush(filter, false), ZEK_OK);
    EXPECT_EQ(Vigil_DestroyFilter(kPort), ZEK_OK);
    EXPECT_EQ(filter->retired, 1u);
    EXPECT_TRUE(Passes(kPort, frames::Bpdu(frames::kVmMac, "01:80:c2:00:00:00"), true));
