@@ -61,7 +61,84 @@ IPv4Address Ipv4Of(const std::string &text) {
    return IPv4Address(text);
 }
 
+IPv6Address Ipv6Of(const std::string &text) {
+   in6_addr addr;
+   if (inet_pton(AF_INET6, text.c_str(), &addr) != 1) {
+      throw std::invalid_argument("bad IPv6 address '" + text + "'");
+   }
+   return IPv6Address(text);
+}
+
+IPv6 Ipv6Header(const Ipv6Fields &f) {
+   IPv6 ip(Ipv6Of(f.dip), Ipv6Of(f.sip));
+   ip.hop_limit(f.hopLimit);
+   ip.traffic_class(0);
+   ip.flow_label(0);
+   return ip;
+}
+
 } // namespace
+
+Bytes Ipv6Bytes(const std::string &text) {
+   uint8_t b[16];
+   if (inet_pton(AF_INET6, text.c_str(), b) != 1) {
+      throw std::invalid_argument("bad IPv6 address '" + text + "'");
+   }
+   return Bytes(b, b + 16);
+}
+
+Bytes Udp6Frame(const std::string &srcMac, const std::string &dstMac, const Ipv6Fields &ip,
+                uint16_t sport, uint16_t dport, const Bytes &payload) {
+   EthernetII frame = EthernetII(MacOf(dstMac), MacOf(srcMac)) / Ipv6Header(ip) / UDP(dport, sport);
+   if (!payload.empty()) frame /= Raw(payload);
+   return Serialize(frame);
+}
+
+Bytes NdFrame(const std::string &srcMac, const std::string &dstMac, const Ipv6Fields &ip,
+              const NdFields &nd) {
+   ICMPv6 icmp(static_cast<ICMPv6::Types>(nd.type));
+   if (nd.type == ICMPv6::NEIGHBOUR_SOLICIT || nd.type == ICMPv6::NEIGHBOUR_ADVERT) {
+      icmp.target_addr(Ipv6Of(nd.target));
+   }
+   if (nd.type == ICMPv6::NEIGHBOUR_ADVERT) {
+      icmp.router(nd.router);
+      icmp.solicited(nd.solicited);
+      icmp.override(nd.override);
+   }
+   if (nd.type == ICMPv6::ROUTER_ADVERT) {
+      icmp.hop_limit(nd.curHopLimit);
+      icmp.managed(nd.managed);
+      icmp.other(nd.other);
+      icmp.router_lifetime(nd.routerLifetime);
+      icmp.reachable_time(nd.reachableTime);
+      icmp.retransmit_timer(nd.retransTimer);
+   }
+   for (const auto &[type, value] : nd.options) {
+      if ((value.size() + 2) % 8 != 0) {
+         throw std::invalid_argument("an ND option of " + std::to_string(value.size() + 2) +
+                                     " bytes is not a multiple of 8");
+      }
+      icmp.add_option(ICMPv6::option(static_cast<ICMPv6::OptionTypes>(type), value.begin(),
+                                     value.end()));
+   }
+   EthernetII frame = EthernetII(MacOf(dstMac), MacOf(srcMac)) / Ipv6Header(ip) / icmp;
+   return Serialize(frame);
+}
+
+Bytes Dhcpv6Frame(const std::string &srcMac, const std::string &dstMac, const Ipv6Fields &ip,
+                  uint16_t sport, uint16_t dport, uint8_t msgType, uint32_t xid,
+                  const std::vector<std::pair<uint16_t, Bytes>> &options) {
+   DHCPv6 dhcp;
+   dhcp.msg_type(static_cast<DHCPv6::MessageType>(msgType));
+   dhcp.transaction_id(xid & 0xffffff);
+   for (const auto &[code, value] : options) {
+      dhcp.add_option(DHCPv6::option(static_cast<DHCPv6::OptionTypes>(code), value.begin(),
+                                     value.end()));
+   }
+   EthernetII frame =
+       EthernetII(MacOf(dstMac), MacOf(srcMac)) / Ipv6Header(ip) / UDP(dport, sport) / dhcp;
+   return Serialize(frame);
+}
 
 Bytes UdpV4(const std::string &srcMac, const std::string &dstMac,
             const std::string &srcIp, const std::string &dstIp, uint16_t sport,

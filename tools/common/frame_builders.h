@@ -134,6 +134,42 @@ Bytes IcmpEcho(const Bytes &payload);
  * delay 15 s. */
 Bytes ConfigBpduFrame(const std::string &srcMac, const std::string &dstMac);
 
+struct Ipv6Fields {
+   std::string sip, dip;
+   uint8_t hopLimit = 64;
+};
+
+/* UDP over IPv6, with its checksum. */
+Bytes Udp6Frame(const std::string &srcMac, const std::string &dstMac, const Ipv6Fields &ip,
+                uint16_t sport, uint16_t dport, const Bytes &payload);
+
+/* A neighbor discovery message (ICMPv6 133 to 137) with its checksum.
+ * Options are (type, value) pairs, the value without the type and length
+ * bytes; it must make the option a multiple of 8 bytes. */
+struct NdFields {
+   uint8_t type = 135;
+   std::string target = "::"; /* solicitations and advertisements */
+   bool router = false, solicited = false, override = false; /* advertisements */
+   /* Router advertisements. */
+   uint8_t curHopLimit = 64;
+   bool managed = false, other = false;
+   uint16_t routerLifetime = 1800;
+   uint32_t reachableTime = 0, retransTimer = 0;
+   std::vector<std::pair<uint8_t, Bytes>> options;
+};
+Bytes NdFrame(const std::string &srcMac, const std::string &dstMac, const Ipv6Fields &ip,
+              const NdFields &nd);
+
+/* A DHCPv6 client or server message (not a relay message) over UDP and
+ * IPv6: type, 24-bit transaction id, then the options as (code, value)
+ * pairs in order. */
+Bytes Dhcpv6Frame(const std::string &srcMac, const std::string &dstMac, const Ipv6Fields &ip,
+                  uint16_t sport, uint16_t dport, uint8_t msgType, uint32_t xid,
+                  const std::vector<std::pair<uint16_t, Bytes>> &options);
+
+/* The bytes of an IPv6 address; throws std::invalid_argument. */
+Bytes Ipv6Bytes(const std::string &text);
+
 } // namespace frames
 
 #endif /* VIGIL_FRAME_BUILDERS_H */

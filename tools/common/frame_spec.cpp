@@ -2,7 +2,9 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <functional>
 #include <map>
 #include <optional>
@@ -16,6 +18,12 @@ const char *const kSpecServerMac = "02:00:00:00:00:01";
 const char *const kSpecServerIp = "192.0.2.1";
 const char *const kSpecVmIp = "192.0.2.50";
 const char *const kBroadcastMac = "ff:ff:ff:ff:ff:ff";
+const char *const kSpecVmLinkLocal = "fe80::ff:fe00:10";
+const char *const kSpecServerLinkLocal = "fe80::ff:fe00:1";
+const char *const kSpecVmIp6 = "2001:db8::50";
+const char *const kSpecServerIp6 = "2001:db8::1";
+const char *const kAllNodesMac = "33:33:00:00:00:01";
+const char *const kAllNodes = "ff02::1";
 
 /* How a key's value is read: for the errors and the flag shorthand. */
 enum class Type { Mac, Ipv4, Ipv6, Number, Signed, Hex, Flag, Word, Option };
@@ -285,6 +293,168 @@ Bytes BuildArp(const Values &v) {
    return ArpFrame(src, dst, f, cut ? std::optional<size_t>(*cut) : std::nullopt);
 }
 
+std::string MacText(const Bytes &b) {
+   char text[18];
+   snprintf(text, sizeof text, "%02x:%02x:%02x:%02x:%02x:%02x", b[0], b[1], b[2], b[3], b[4], b[5]);
+   return text;
+}
+
+Bytes MacBytes(const std::string &text) {
+   unsigned v[6];
+   sscanf(text.c_str(), "%2x:%2x:%2x:%2x:%2x:%2x", &v[0], &v[1], &v[2], &v[3], &v[4], &v[5]);
+   Bytes b;
+   for (unsigned x : v) b.push_back(static_cast<uint8_t>(x));
+   return b;
+}
+
+void PutBe(Bytes &out, uint64_t value, int bytes) {
+   for (int i = bytes - 1; i >= 0; i--) out.push_back(static_cast<uint8_t>(value >> (8 * i)));
+}
+
+/* A link-layer address option's value: the MAC of `key` (default `def`),
+ * or nothing for "none". */
+std::optional<Bytes> LinkLayerOption(const Values &v, const std::string &key,
+                                     const std::string &def) {
+   std::string text = v.Text(key, def);
+   if (text == "none") return std::nullopt;
+   return MacBytes(v.Mac(key, text));
+}
+
+Ipv6Fields Ipv6Of(const Values &v, const std::string &sip, const std::string &dip,
+                  uint8_t hopLimit) {
+   Ipv6Fields ip;
+   ip.sip = v.Ipv6("sip", sip);
+   ip.dip = v.Ipv6("dip", dip);
+   ip.hopLimit = static_cast<uint8_t>(v.Number("hlim", hopLimit, 255));
+   return ip;
+}
+
+Bytes BuildUdp6(const Values &v) {
+   return Udp6Frame(v.Mac("src", kSpecVmMac), v.Mac("dst", kSpecServerMac),
+                    Ipv6Of(v, kSpecVmIp6, kSpecServerIp6, 64),
+                    static_cast<uint16_t>(v.Number("sport", 40000, 0xffff)),
+                    static_cast<uint16_t>(v.Number("dport", 80, 0xffff)), v.Hex("payload"));
+}
+
+Bytes BuildNs(const Values &v) {
+   NdFields nd;
+   nd.type = 135;
+   nd.target = v.Ipv6("target", kSpecServerIp6);
+   Bytes t = Ipv6Bytes(nd.target);
+   /* The solicited-node group of the target. */
+   Bytes group = Ipv6Bytes("ff02::1:ff00:0");
+   std::copy(t.begin() + 13, t.end(), group.begin() + 13);
+   char groupText[64];
+   inet_ntop(AF_INET6, group.data(), groupText, sizeof groupText);
+   Bytes groupMac = {0x33, 0x33, 0xff, t[13], t[14], t[15]};
+   std::string src = v.Mac("src", kSpecVmMac);
+   Ipv6Fields ip = Ipv6Of(v, kSpecVmLinkLocal, groupText, 255);
+   bool unspecified = Ipv6Bytes(ip.sip) == Bytes(16, 0);
+   if (auto sll = LinkLayerOption(v, "sll", unspecified ? "none" : src)) nd.options.emplace_back(1, *sll);
+   return NdFrame(src, v.Mac("dst", MacText(groupMac)), ip, nd);
+}
+
+Bytes BuildNa(const Values &v) {
+   NdFields nd;
+   nd.type = 136;
+   nd.target = v.Ipv6("target", kSpecVmIp6);
+   nd.router = v.Flag("router");
+   nd.solicited = v.Flag("solicited");
+   nd.override = v.Has("override") ? v.Flag("override") : true;
+   std::string src = v.Mac("src", kSpecVmMac);
+   if (auto tll = LinkLayerOption(v, "tll", src)) nd.options.emplace_back(2, *tll);
+   return NdFrame(src, v.Mac("dst", kAllNodesMac), Ipv6Of(v, kSpecVmLinkLocal, kAllNodes, 255), nd);
+}
+
+Bytes BuildRa(const Values &v) {
+   NdFields nd;
+   nd.type = 134;
+   nd.curHopLimit = static_cast<uint8_t>(v.Number("curhlim", 64, 255));
+   nd.managed = v.Flag("managed");
+   nd.other = v.Flag("other");
+   nd.routerLifetime = static_cast<uint16_t>(v.Number("lifetime", 1800, 0xffff));
+   nd.reachableTime = static_cast<uint32_t>(v.Number("reachable", 0, 0xffffffff));
+   nd.retransTimer = static_cast<uint32_t>(v.Number("retrans", 0, 0xffffffff));
+   std::string src = v.Mac("src", kSpecVmMac);
+   if (auto sll = LinkLayerOption(v, "sll", src)) nd.options.emplace_back(1, *sll);
+   std::string prefix = v.Text("prefix", "2001:db8::/64");
+   if (prefix != "none") {
+      size_t slash = prefix.find('/');
+      if (slash == std::string::npos) {
+         throw SpecError(v.What("prefix") + ": '" + prefix + "' is not ADDRESS/LENGTH");
+      }
+      Bytes value;
+      value.push_back(static_cast<uint8_t>(ParseNumber(prefix.substr(slash + 1), 128, v.What("prefix"))));
+      value.push_back(static_cast<uint8_t>(v.Number("prefix-flags", 0xc0, 255)));
+      PutBe(value, v.Number("valid", 86400, 0xffffffff), 4);
+      PutBe(value, v.Number("preferred", 14400, 0xffffffff), 4);
+      PutBe(value, 0, 4);
+      uint8_t addr[16];
+      if (inet_pton(AF_INET6, prefix.substr(0, slash).c_str(), addr) != 1) {
+         throw SpecError(v.What("prefix") + ": '" + prefix + "' is not ADDRESS/LENGTH");
+      }
+      value.insert(value.end(), addr, addr + 16);
+      nd.options.emplace_back(3, value);
+   }
+   return NdFrame(src, v.Mac("dst", kAllNodesMac), Ipv6Of(v, kSpecVmLinkLocal, kAllNodes, 255), nd);
+}
+
+const std::map<std::string, int> kDhcpv6Types = {
+   {"solicit", 1}, {"advertise", 2}, {"request", 3}, {"confirm", 4},
+   {"renew", 5},   {"rebind", 6},    {"reply", 7},   {"release", 8},
+   {"decline", 9}, {"reconfigure", 10}, {"information-request", 11}};
+
+Bytes BuildDhcpv6(const Values &v) {
+   std::string typeText = v.Text("type", "solicit");
+   auto named = kDhcpv6Types.find(typeText);
+   int type = named != kDhcpv6Types.end()
+                  ? named->second
+                  : static_cast<int>(ParseNumber(typeText, 255, v.What("type")));
+   bool server = type == 2 || type == 7 || type == 10;
+   std::string src = v.Mac("src", server ? kSpecServerMac : kSpecVmMac);
+   std::string dst = v.Mac("dst", server ? kSpecVmMac : "33:33:00:01:00:02");
+   Ipv6Fields ip = Ipv6Of(v, server ? kSpecServerLinkLocal : kSpecVmLinkLocal,
+                          server ? kSpecVmLinkLocal : "ff02::1:2", 64);
+   std::vector<std::pair<uint16_t, Bytes>> options;
+   auto duid = [](const char *mac) {
+      Bytes d = {0x00, 0x03, 0x00, 0x01};
+      Bytes m = MacBytes(mac);
+      d.insert(d.end(), m.begin(), m.end());
+      return d;
+   };
+   if (v.Text("client-id", "") != "none") options.emplace_back(1, v.Hex("client-id", duid(kSpecVmMac)));
+   std::string serverId = v.Text("server-id", server ? "" : "none");
+   if (serverId != "none") options.emplace_back(2, v.Hex("server-id", duid(kSpecServerMac)));
+   if (v.Number("ia", 1, 1) != 0) {
+      Bytes ia;
+      PutBe(ia, v.Number("iaid", 1, 0xffffffff), 4);
+      PutBe(ia, v.Number("t1", 0, 0xffffffff), 4);
+      PutBe(ia, v.Number("t2", 0, 0xffffffff), 4);
+      std::string addr = v.Text("addr", server ? kSpecVmIp6 : "none");
+      if (addr != "none") {
+         Bytes a = Ipv6Bytes(v.Ipv6("addr", addr));
+         PutBe(a, v.Number("preferred", 3600, 0xffffffff), 4);
+         PutBe(a, v.Number("valid", 7200, 0xffffffff), 4);
+         PutBe(ia, 5, 2);
+         PutBe(ia, a.size(), 2);
+         ia.insert(ia.end(), a.begin(), a.end());
+      }
+      options.emplace_back(3, ia);
+   }
+   for (const std::string &opt : v.All("opt")) {
+      size_t eq = opt.find('=');
+      if (eq == std::string::npos) {
+         throw SpecError(v.What("opt") + ": '" + opt + "' is not CODE=HEX");
+      }
+      options.emplace_back(static_cast<uint16_t>(ParseNumber(opt.substr(0, eq), 0xffff, v.What("opt"))),
+                           ParseHex(opt.substr(eq + 1), v.What("opt")));
+   }
+   return Dhcpv6Frame(src, dst, ip, static_cast<uint16_t>(v.Number("sport", server ? 547 : 546, 0xffff)),
+                      static_cast<uint16_t>(v.Number("dport", server ? 546 : 547, 0xffff)),
+                      static_cast<uint8_t>(type),
+                      static_cast<uint32_t>(v.Number("xid", 0x1001, 0xffffff)), options);
+}
+
 const std::vector<Kind> &Kinds() {
    static const std::vector<Kind> kinds = [] {
       std::vector<Kind> k;
@@ -370,6 +540,94 @@ const std::vector<Kind> &Kinds() {
                       return ConfigBpduFrame(v.Mac("src", kSpecVmMac),
                                              v.Mac("dst", "01:80:c2:00:00:00"));
                    }});
+      k.push_back({"udp6", "UDP over IPv6, with its checksum",
+                   {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+                    {"dst", Type::Mac, "02:00:00:00:00:01", "destination MAC"},
+                    {"sip", Type::Ipv6, "2001:db8::50", "source address"},
+                    {"dip", Type::Ipv6, "2001:db8::1", "destination address"},
+                    {"hlim", Type::Number, "64", "hop limit"},
+                    {"sport", Type::Number, "40000", "source port"},
+                    {"dport", Type::Number, "80", "destination port"},
+                    {"payload", Type::Hex, "none", "bytes behind the UDP header"}},
+                   BuildUdp6});
+      k.push_back({"ns", "a neighbor solicitation of the VM",
+                   {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+                    {"dst", Type::Mac, "33:33:ff and the last 3 bytes of target",
+                     "destination MAC"},
+                    {"sip", Type::Ipv6, "fe80::ff:fe00:10", "source address; :: for DAD"},
+                    {"dip", Type::Ipv6, "the solicited-node group of target",
+                     "destination address"},
+                    {"hlim", Type::Number, "255", "hop limit"},
+                    {"target", Type::Ipv6, "2001:db8::1", "target address"},
+                    {"sll", Type::Word, "src; none when sip is ::",
+                     "source link-layer address option; none leaves it out"}},
+                   BuildNs});
+      k.push_back({"na", "a neighbor advertisement of the VM",
+                   {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+                    {"dst", Type::Mac, "33:33:00:00:00:01", "destination MAC"},
+                    {"sip", Type::Ipv6, "fe80::ff:fe00:10", "source address"},
+                    {"dip", Type::Ipv6, "ff02::1", "destination address"},
+                    {"hlim", Type::Number, "255", "hop limit"},
+                    {"target", Type::Ipv6, "2001:db8::50", "target address"},
+                    {"router", Type::Flag, "0", "the router flag"},
+                    {"solicited", Type::Flag, "0", "the solicited flag"},
+                    {"override", Type::Flag, "1", "the override flag"},
+                    {"tll", Type::Word, "src",
+                     "target link-layer address option; none leaves it out"}},
+                   BuildNa});
+      k.push_back({"ra", "a router advertisement, sent by the VM",
+                   {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
+                    {"dst", Type::Mac, "33:33:00:00:00:01", "destination MAC"},
+                    {"sip", Type::Ipv6, "fe80::ff:fe00:10", "source address"},
+                    {"dip", Type::Ipv6, "ff02::1", "destination address"},
+                    {"hlim", Type::Number, "255", "hop limit"},
+                    {"curhlim", Type::Number, "64", "the advertised hop limit"},
+                    {"managed", Type::Flag, "0", "the managed address flag"},
+                    {"other", Type::Flag, "0", "the other configuration flag"},
+                    {"lifetime", Type::Number, "1800", "router lifetime in seconds"},
+                    {"reachable", Type::Number, "0", "reachable time in ms"},
+                    {"retrans", Type::Number, "0", "retransmission timer in ms"},
+                    {"sll", Type::Word, "src",
+                     "source link-layer address option; none leaves it out"},
+                    {"prefix", Type::Word, "2001:db8::/64",
+                     "prefix information option; none leaves it out"},
+                    {"prefix-flags", Type::Number, "0xc0", "its on-link and autonomous flags"},
+                    {"valid", Type::Number, "86400", "its valid lifetime"},
+                    {"preferred", Type::Number, "14400", "its preferred lifetime"}},
+                   BuildRa});
+      k.push_back(
+          {"dhcpv6",
+           "a DHCPv6 message over UDP and IPv6; advertise, reply and reconfigure are server "
+           "messages, the others client messages",
+           {{"type", Type::Word, "solicit",
+             "solicit advertise request confirm renew rebind reply release decline "
+             "reconfigure information-request, or a number"},
+            {"src", Type::Mac, "02:00:00:00:00:10; 02:00:00:00:00:01 for a server", "source MAC"},
+            {"dst", Type::Mac, "33:33:00:01:00:02; 02:00:00:00:00:10 for a server",
+             "destination MAC"},
+            {"sip", Type::Ipv6, "fe80::ff:fe00:10; fe80::ff:fe00:1 for a server",
+             "source address"},
+            {"dip", Type::Ipv6, "ff02::1:2; fe80::ff:fe00:10 for a server",
+             "destination address"},
+            {"hlim", Type::Number, "64", "hop limit"},
+            {"sport", Type::Number, "546; 547 for a server", "UDP source port"},
+            {"dport", Type::Number, "547; 546 for a server", "UDP destination port"},
+            {"xid", Type::Number, "0x1001", "transaction id (24 bits)"},
+            {"client-id", Type::Hex, "00030001020000000010",
+             "option 1, the client DUID; none leaves it out"},
+            {"server-id", Type::Hex, "00030001020000000001 for a server, else none",
+             "option 2, the server DUID; none leaves it out"},
+            {"ia", Type::Number, "1", "0 leaves out option 3 (IA_NA)"},
+            {"iaid", Type::Number, "1", "the IA_NA's IAID"},
+            {"t1", Type::Number, "0", "the IA_NA's T1"},
+            {"t2", Type::Number, "0", "the IA_NA's T2"},
+            {"addr", Type::Word, "2001:db8::50 for a server, else none",
+             "an IA address (option 5) in the IA_NA; none leaves it out"},
+            {"preferred", Type::Number, "3600", "its preferred lifetime"},
+            {"valid", Type::Number, "7200", "its valid lifetime"},
+            {"opt", Type::Option, "none",
+             "CODE=HEX: one more option, after the others; may be given more than once"}},
+           BuildDhcpv6});
       return k;
    }();
    return kinds;

@@ -38,6 +38,33 @@ Commands (all addresses in their usual text form; numbers decimal or 0x):
   bpdu   [--src MAC] [--dst MAC]
       A spanning tree configuration BPDU in an 802.3/LLC frame.
 
+  udp6   [--src MAC] [--dst MAC] [--sip IP6] [--dip IP6] [--hlim N]
+         [--sport N] [--dport N] [--payload HEX]
+      UDP over IPv6 (2001:db8::50 to 2001:db8::1), with its checksum.
+  ns     [--src MAC] [--dst MAC] [--sip IP6] [--dip IP6] [--hlim N]
+         [--target IP6] [--sll MAC|none]
+      A neighbor solicitation from fe80::ff:fe00:10 for 2001:db8::1, to the
+      target's solicited-node group, with a source link-layer option
+      (none by default from ::).
+  na     [--src MAC] [--dst MAC] [--sip IP6] [--dip IP6] [--hlim N]
+         [--target IP6] [--router 0|1] [--solicited 0|1] [--override 0|1]
+         [--tll MAC|none]
+      A neighbor advertisement of 2001:db8::50 to ff02::1 (override set).
+  ra     [--src MAC] [--dst MAC] [--sip IP6] [--dip IP6] [--hlim N]
+         [--curhlim N] [--managed 0|1] [--other 0|1] [--lifetime N]
+         [--reachable N] [--retrans N] [--sll MAC|none] [--prefix P/LEN|none]
+         [--prefix-flags N] [--valid N] [--preferred N]
+      A router advertisement sent by the VM, with 2001:db8::/64.
+  dhcpv6 TYPE [--src MAC] [--dst MAC] [--sip IP6] [--dip IP6] [--hlim N]
+         [--sport N] [--dport N] [--xid N] [--client-id HEX|none]
+         [--server-id HEX|none] [--ia 0|1] [--iaid N] [--t1 N] [--t2 N]
+         [--addr IP6|none] [--preferred N] [--valid N] [--opt CODE=HEX ...]
+      TYPE: solicit advertise request confirm renew rebind reply release
+      decline reconfigure information-request, or a number.  Options:
+      client id (DUID-LL of the VM), server id (DUID-LL of the server, for
+      advertise, reply and reconfigure), IA_NA (with an address for the
+      server types), then --opt.
+
   spec KIND:key=value,...
       The frame of a vigilsim frame spec: KIND is a command above, each
       key=value its option --key VALUE (a flag alone or =1 for the flag,
@@ -226,8 +253,130 @@ def cmd_bpdu(a):
     emit(eth(dst, src, len(llc) + len(bpdu)) + [llc.hex(), bpdu.hex()], pad_to=60)
 
 
+VM_LL = "fe80::ff:fe00:10"
+SERVER_LL = "fe80::ff:fe00:1"
+
+
+def ip6(text):
+    return ipaddress.IPv6Address(text).packed
+
+
+def ipv6_frame(dst, src, sip, dip, hlim, nh, l4):
+    """Ethernet and IPv6 around `l4`, whose checksum at `l4[csum_at]` is
+    filled in by the caller through upper_checksum."""
+    hdr = struct.pack("!IHBB16s16s", 0x60000000, len(l4), nh, hlim, sip, dip)
+    return eth(dst, src, 0x86DD) + [hdr.hex(), l4.hex()]
+
+
+def upper_checksum(sip, dip, nh, l4):
+    pseudo = sip + dip + struct.pack("!IxxxB", len(l4), nh)
+    return checksum(pseudo + l4)
+
+
+def with_checksum(sip, dip, nh, l4, at):
+    c = upper_checksum(sip, dip, nh, l4)
+    if nh == 17 and c == 0:
+        c = 0xffff
+    return l4[:at] + struct.pack("!H", c) + l4[at + 2:]
+
+
+def cmd_udp6(a):
+    sip, dip = ip6(a.sip), ip6(a.dip)
+    payload = bytes.fromhex(a.payload)
+    udp = struct.pack("!HHHH", a.sport, a.dport, 8 + len(payload), 0) + payload
+    udp = with_checksum(sip, dip, 17, udp, 6)
+    emit(ipv6_frame(mac(a.dst or SERVER_MAC), mac(a.src or VM_MAC), sip, dip, a.hlim, 17, udp),
+         pad_to=60)
+
+
+def nd_option(kind, value):
+    return bytes([kind, (len(value) + 2) // 8]) + value
+
+
+def icmp6_frame(a, dst_default, dip_default, body):
+    sip, dip = ip6(a.sip), ip6(a.dip or dip_default)
+    msg = with_checksum(sip, dip, 58, body, 2)
+    emit(ipv6_frame(mac(a.dst or dst_default), mac(a.src or VM_MAC), sip, dip, a.hlim, 58, msg),
+         pad_to=60)
+
+
+def cmd_ns(a):
+    target = ip6(a.target)
+    group = ip6("ff02::1:ff00:0")[:13] + target[13:]
+    sll = a.sll or ("none" if ip6(a.sip) == bytes(16) else (a.src or VM_MAC))
+    body = struct.pack("!BBHI", 135, 0, 0, 0) + target
+    if sll != "none":
+        body += nd_option(1, mac(sll))
+    icmp6_frame(a, "33:33:ff:" + ":".join("%02x" % b for b in target[13:]),
+                str(ipaddress.IPv6Address(group)), body)
+
+
+def cmd_na(a):
+    flags = (a.router << 31) | (a.solicited << 30) | (a.override << 29)
+    body = struct.pack("!BBHI", 136, 0, 0, flags) + ip6(a.target)
+    tll = a.tll or (a.src or VM_MAC)
+    if tll != "none":
+        body += nd_option(2, mac(tll))
+    icmp6_frame(a, "33:33:00:00:00:01", "ff02::1", body)
+
+
+def cmd_ra(a):
+    flags = (a.managed << 7) | (a.other << 6)
+    body = struct.pack("!BBHBBHII", 134, 0, 0, a.curhlim, flags, a.lifetime, a.reachable,
+                       a.retrans)
+    sll = a.sll or (a.src or VM_MAC)
+    if sll != "none":
+        body += nd_option(1, mac(sll))
+    if a.prefix != "none":
+        net, _, plen = a.prefix.partition("/")
+        body += nd_option(3, struct.pack("!BBIII", int(plen, 0), a.prefix_flags, a.valid,
+                                         a.preferred, 0) + ip6(net))
+    icmp6_frame(a, "33:33:00:00:00:01", "ff02::1", body)
+
+
+DHCPV6_TYPES = {"solicit": 1, "advertise": 2, "request": 3, "confirm": 4, "renew": 5,
+                "rebind": 6, "reply": 7, "release": 8, "decline": 9, "reconfigure": 10,
+                "information-request": 11}
+
+
+def cmd_dhcpv6(a):
+    mtype = DHCPV6_TYPES.get(a.type)
+    if mtype is None:
+        mtype = num(a.type)
+    server = mtype in (2, 7, 10)
+    src = mac(a.src or (SERVER_MAC if server else VM_MAC))
+    dst = mac(a.dst or (VM_MAC if server else "33:33:00:01:00:02"))
+    sip = ip6(a.sip or (SERVER_LL if server else VM_LL))
+    dip = ip6(a.dip or (VM_LL if server else "ff02::1:2"))
+    sport = a.sport if a.sport is not None else (547 if server else 546)
+    dport = a.dport if a.dport is not None else (546 if server else 547)
+
+    def opt(code, value):
+        return struct.pack("!HH", code, len(value)) + value
+
+    body = struct.pack("!I", (mtype << 24) | (a.xid & 0xffffff))
+    client_id = a.client_id or ("00030001" + VM_MAC.replace(":", ""))
+    if client_id != "none":
+        body += opt(1, bytes.fromhex(client_id))
+    server_id = a.server_id or (("00030001" + SERVER_MAC.replace(":", "")) if server else "none")
+    if server_id != "none":
+        body += opt(2, bytes.fromhex(server_id))
+    if a.ia:
+        ia = struct.pack("!III", a.iaid, a.t1, a.t2)
+        addr = a.addr or ("2001:db8::50" if server else "none")
+        if addr != "none":
+            ia += opt(5, ip6(addr) + struct.pack("!II", a.preferred, a.valid))
+        body += opt(3, ia)
+    for o in a.opt or []:
+        code, _, val = o.partition("=")
+        body += opt(num(code), bytes.fromhex(val))
+    udp = struct.pack("!HHHH", sport, dport, 8 + len(body), 0) + body
+    udp = with_checksum(sip, dip, 17, udp, 6)
+    emit(ipv6_frame(dst, src, sip, dip, a.hlim, 17, udp), pad_to=60)
+
+
 PROTOS = {"udp4": 17, "tcp4": 6, "icmp4": 1}
-POSITIONAL = {"dhcp": "type", "arp": "op"}
+POSITIONAL = {"dhcp": "type", "arp": "op", "dhcpv6": "type"}
 FLAGS = {"no-type", "no-end", "no-pad"}
 
 
@@ -239,11 +388,13 @@ def spec_to_argv(spec):
     argv = [kind]
     positional = POSITIONAL.get(kind)
     if positional is not None:
-        argv.append({"dhcp": "discover", "arp": "request"}[kind])
+        argv.append({"dhcp": "discover", "arp": "request", "dhcpv6": "solicit"}[kind])
     for item in rest.split(","):
         if not item:
             continue
         key, eq, value = item.partition("=")
+        if not eq and key not in FLAGS:
+            value = "1"
         if key == positional:
             argv[1] = value
         elif key in FLAGS:
@@ -398,6 +549,64 @@ def parser():
         l2.add_argument("--type", type=num, default=0x88b5)
         l2.add_argument("--payload", default="")
         l2.set_defaults(fn=cmd_l2)
+
+    u6 = sub.add_parser("udp6")
+    u6.add_argument("--src")
+    u6.add_argument("--dst")
+    u6.add_argument("--sip", default="2001:db8::50")
+    u6.add_argument("--dip", default="2001:db8::1")
+    u6.add_argument("--hlim", type=num, default=64)
+    u6.add_argument("--sport", type=num, default=40000)
+    u6.add_argument("--dport", type=num, default=80)
+    u6.add_argument("--payload", default="")
+    u6.set_defaults(fn=cmd_udp6)
+
+    for name, fn in (("ns", cmd_ns), ("na", cmd_na), ("ra", cmd_ra)):
+        n = sub.add_parser(name)
+        n.add_argument("--src")
+        n.add_argument("--dst")
+        n.add_argument("--sip", default=VM_LL)
+        n.add_argument("--dip")
+        n.add_argument("--hlim", type=num, default=255)
+        if name == "ns":
+            n.add_argument("--target", default="2001:db8::1")
+            n.add_argument("--sll")
+        elif name == "na":
+            n.add_argument("--target", default="2001:db8::50")
+            n.add_argument("--router", type=num, default=0)
+            n.add_argument("--solicited", type=num, default=0)
+            n.add_argument("--override", type=num, default=1)
+            n.add_argument("--tll")
+        else:
+            n.add_argument("--curhlim", type=num, default=64)
+            n.add_argument("--managed", type=num, default=0)
+            n.add_argument("--other", type=num, default=0)
+            n.add_argument("--lifetime", type=num, default=1800)
+            n.add_argument("--reachable", type=num, default=0)
+            n.add_argument("--retrans", type=num, default=0)
+            n.add_argument("--sll")
+            n.add_argument("--prefix", default="2001:db8::/64")
+            n.add_argument("--prefix-flags", type=num, default=0xc0)
+            n.add_argument("--valid", type=num, default=86400)
+            n.add_argument("--preferred", type=num, default=14400)
+        n.set_defaults(fn=fn)
+
+    d6 = sub.add_parser("dhcpv6")
+    d6.add_argument("type")
+    for opt in ("--src", "--dst", "--sip", "--dip", "--client-id", "--server-id", "--addr"):
+        d6.add_argument(opt)
+    d6.add_argument("--hlim", type=num, default=64)
+    d6.add_argument("--sport", type=num)
+    d6.add_argument("--dport", type=num)
+    d6.add_argument("--xid", type=num, default=0x1001)
+    d6.add_argument("--ia", type=num, default=1)
+    d6.add_argument("--iaid", type=num, default=1)
+    d6.add_argument("--t1", type=num, default=0)
+    d6.add_argument("--t2", type=num, default=0)
+    d6.add_argument("--preferred", type=num, default=3600)
+    d6.add_argument("--valid", type=num, default=7200)
+    d6.add_argument("--opt", action="append")
+    d6.set_defaults(fn=cmd_dhcpv6)
 
     b = sub.add_parser("bpdu")
     b.add_argument("--src")

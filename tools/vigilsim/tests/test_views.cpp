@@ -200,7 +200,7 @@ TEST(VigilsimViews, BadFrameSpecsFailTheCommandNamingTheProblem) {
                       "tx 0x10 udp:dport=53\nrx 0x10 arp:spa=1.2.3\nframe dhcp:lease=x\n");
    EXPECT_EQ(run.status, 1);
    EXPECT_EQ(After(run, 2),
-             Lines({R"j({"cmd":"tx","ok":false,"error":"script.vsim:3: unknown frame kind 'udp' (kinds: eth, arp, ipv4, udp4, tcp4, icmp4, dhcp, bpdu)"})j",
+             Lines({R"j({"cmd":"tx","ok":false,"error":"script.vsim:3: unknown frame kind 'udp' (kinds: eth, arp, ipv4, udp4, tcp4, icmp4, dhcp, bpdu, udp6, ns, na, ra, dhcpv6)"})j",
                     R"j({"cmd":"rx","ok":false,"error":"script.vsim:4: arp key spa: '1.2.3' is not an IPv4 address"})j",
                     R"j({"cmd":"frame","ok":false,"error":"script.vsim:5: dhcp key lease: 'x' is not a number"})j"}));
 }
