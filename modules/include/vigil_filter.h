@@ -180,7 +180,20 @@ void Vigil_UnlockFilter(VigilFilter *filter, bool forWrite);
 VigilFilter *Vigil_LockPortAndFilter(u32 portID, bool forWrite);
 void Vigil_UnlockPortAndFilter(VigilFilter *filter, bool forWrite);
 VigilFilter *Vigil_RelockFilterForWrite(VigilFilter *filter);
-void Vigil_AssertFilterIsLocked(VigilFilter *filter, bool forWrite);
+/* Panics in a debug build when the filter's lock is not held for write
+ * (forWrite) or not held at all; nothing, not even a call, in a release
+ * build, where it sits in the hottest loops. */
+#if VIGIL_DEBUG_CHECKS
+void VigilCheckFilterIsLocked(VigilFilter *filter, bool forWrite);
+#endif
+static inline void Vigil_AssertFilterIsLocked(VigilFilter *filter, bool forWrite) {
+#if VIGIL_DEBUG_CHECKS
+   VigilCheckFilterIsLocked(filter, forWrite);
+#else
+   (void)filter;
+   (void)forWrite;
+#endif
+}
 VigilFilter *Vigil_LockPsPortAndFilter(u32 portID, bool forWrite,
                                        zek_PortsetHandle *portset);
 VIGIL_MUST_CHECK zek_Status Vigil_UnlockPsPortFilter(VigilFilter *filter, bool forWrite,

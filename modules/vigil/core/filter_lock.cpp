@@ -64,8 +64,8 @@ VigilFilter *Vigil_RelockFilterForWrite(VigilFilter *filter) {
    return Vigil_LockFilter(portID, true);
 }
 
-void Vigil_AssertFilterIsLocked(VigilFilter *filter, bool forWrite) {
 #if VIGIL_DEBUG_CHECKS
+void VigilCheckFilterIsLocked(VigilFilter *filter, bool forWrite) {
    if (forWrite && filter->configWriteHeld != 1) {
       zek_PanicWithModuleID(moduleID, "Filter %#x not locked for write",
                             filter->portID);
@@ -76,11 +76,8 @@ void Vigil_AssertFilterIsLocked(VigilFilter *filter, bool forWrite) {
        VigilAtomicLoad(&filter->configReadHolds) == 0) {
       zek_PanicWithModuleID(moduleID, "Filter %#x not locked", filter->portID);
    }
-#else
-   (void)filter;
-   (void)forWrite;
-#endif
 }
+#endif
 
 VigilFilter *Vigil_LockPsPortAndFilter(u32 portID, bool forWrite,
                                        zek_PortsetHandle *portset) {
