@@ -1,12 +1,16 @@
 /*
- * The throttled log: five messages per three-second window, shared by all.
+ * The throttled log: five messages per three-second window, shared by all,
+ * and the lines that frames cause going through it.
  */
 #include <unistd.h>
 
 #include <cstdio>
+#include <string>
+#include <vector>
 
-#include "vigil_test.h"
+#include "test_frames.h"
 #include "vigil_locks.h"
+#include "vigil_test.h"
 #include "vigil_throttle.h"
 #include "vigil_workers.h"
 
@@ -21,6 +25,7 @@ protected:
       ASSERT_EQ(VigilLogThrottleInit(), ZEK_OK);
    }
    void TearDown() override {
+      sim::SetTracing(false);
       VigilLogThrottleCleanup();
       EXPECT_EQ(vigilThrottledLogHandle, nullptr);
       EXPECT_EQ(vigilThrottleSpinLock, VIGIL_NO_LOCK);
@@ -179,27 +184,13 @@ TEST_F(LogThrottleInitTest, LockNameFailureIsLoggedAndUnregistersTheHandle) {
 
 /* ------------------------------------------------ the lock of the record */
 
-/* A lock of the module's domain. */
-static zek_SpinlockHandle DomainLock(const char *name, u32 rank) {
-   zek_SpinlockProps props = {};
-   props.module = moduleID;
-   props.heap = heapID;
-   zek_NameInitialize(&props.name, name);
-   props.kind = ZEK_SPINLOCK_ORDINARY;
-   props.domain = lockDomain;
-   props.rank = rank;
-   zek_SpinlockHandle lock = nullptr;
-   EXPECT_EQ(zek_SpinlockCreate(&props, &lock), ZEK_OK);
-   return lock;
-}
-
 TEST_F(LogThrottleTest, ThrottleLockMayBeTakenUnderEveryOtherLockOfTheModule) {
    VigilFilter *filter = AddFilter(0x10);
    ASSERT_TRUE(sim::WaitIdle(5.0));
    sim::SetTime(2000.0);
    /* The switch clients' lock isn't part of this fixture: one of its rank
     * stands in for it. */
-   zek_SpinlockHandle fabClient = DomainLock("fabClient", 2);
+   zek_SpinlockHandle fabClient = VigilTestCreateLock("fabClient", ZEK_SPINLOCK_ORDINARY, 2);
    u64 before = sim::GetLockCounts(vigilThrottleSpinLock).exclusives;
    zek_SpinlockWriteLock(filter->configLock);
    zek_SpinlockLock(fabClient);
@@ -217,7 +208,7 @@ TEST_F(LogThrottleTest, ThrottleLockMayBeTakenUnderEveryOtherLockOfTheModule) {
 
    /* Nothing of a rank above 6 exists in the module; one would be allowed
     * under the throttle lock. */
-   zek_SpinlockHandle above = DomainLock("above", 7);
+   zek_SpinlockHandle above = VigilTestCreateLock("above", ZEK_SPINLOCK_ORDINARY, 7);
    zek_SpinlockLock(vigilThrottleSpinLock);
    zek_SpinlockLock(above);
    zek_SpinlockUnlock(above);
@@ -229,7 +220,7 @@ TEST_F(LogThrottleTest, ThrottleLockMayBeTakenUnderEveryOtherLockOfTheModule) {
 
 TEST_F(LogThrottleTest, ThrottleLockIsOfRankSixInTheModulesDomain) {
    ASSERT_TRUE(sim::WaitIdle(5.0));
-   zek_SpinlockHandle peer = DomainLock("peer", 6);
+   zek_SpinlockHandle peer = VigilTestCreateLock("peer", ZEK_SPINLOCK_ORDINARY, 6);
    /* A lock of the same rank and domain held: taking the throttle lock is
     * an order violation, which the host names with both ranks.  Run in a
     * child process of its own, so that the violation stays there. */
@@ -252,4 +243,66 @@ TEST_F(LogThrottleTest, ThrottleLockIsOfRankSixInTheModulesDomain) {
       ::testing::ExitedWithCode(0), "");
    EXPECT_TRUE(sim::LockViolations().empty());
    zek_SpinlockDestroy(peer);
+}
+
+/* ------------------------------------------ lines that frames cause */
+
+TEST_F(LogThrottleTest, ReadsPastTheEndOfAFrameLogFiveLinesPerWindow) {
+   sim::SetTime(2000.0);
+   frames::Bytes bytes(100, 0);
+   zek_Pkt *pkt = frames::Make(bytes);
+   VigilPacketContext ctx = {};
+   ctx.frameMapped = (u8 *)zek_PktFrameMappedPointerGet(pkt);
+   ctx.frameLen = 100;
+   ctx.mappedLen = 100;
+   sim::TakeLogs();
+   for (u32 i = 0; i < 7; i++) {
+      u32 offset = 90 + i;
+      EXPECT_EQ(VigilGetMappedPtr(pkt, &offset, 11, &ctx), nullptr);
+      EXPECT_EQ(offset, 90 + i);
+   }
+   std::vector<sim::LogLine> lines = sim::TakeLogs();
+   ASSERT_EQ(lines.size(), 5u);
+   for (u32 i = 0; i < 5; i++) {
+      EXPECT_EQ(lines[i].log, "vigil.throttle");
+      EXPECT_EQ(lines[i].level, 2);
+      EXPECT_EQ(lines[i].text, "Header offset (" + std::to_string(90 + i) +
+                                  " + 11) exceeds framelen: 100");
+   }
+   EXPECT_EQ(sim::ThrottledCount(), 2u);
+   sim::Advance(3.0);
+   u32 offset = 95;
+   EXPECT_EQ(VigilGetMappedPtr(pkt, &offset, 6, &ctx), nullptr);
+   lines = sim::TakeLogs();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].text, "Header offset (95 + 6) exceeds framelen: 100");
+   EXPECT_EQ(ctx.flatCopy, nullptr);
+   zek_PktRelease(pkt);
+}
+
+TEST_F(LogThrottleTest, TracedFramesWithoutMetadataLogFiveLinesPerWindowAndAllPass) {
+   VigilFilter *filter = AddFilter(0x10);
+   /* A feature that leaves a sent unicast frame alone makes the loop look
+    * at each frame. */
+   filter->featuresEnabled = VIGIL_FEAT_RX_BCAST_LIMIT;
+   sim::SetTime(2000.0);
+   sim::SetTracing(true);
+   sim::FrameOptions traced;
+   traced.traceAttr = true;
+   std::vector<zek_Pkt *> batch;
+   for (int i = 0; i < 7; i++) {
+      /* An EtherType that carries no metadata. */
+      batch.push_back(frames::Make(
+         frames::Ether(frames::kVmMac, "02:00:00:00:00:20", 0x88b5), traced));
+   }
+   sim::TakeLogs();
+   EXPECT_EQ(Tx(0x10, batch), std::vector<std::string>(7, "forward"));
+   std::vector<sim::LogLine> lines = sim::TakeLogs();
+   ASSERT_EQ(lines.size(), 5u);
+   for (const sim::LogLine &line : lines) {
+      EXPECT_EQ(line.log, "vigil.throttle");
+      EXPECT_EQ(line.level, 2);
+      EXPECT_EQ(line.text, "Unable to extract Pathprobe metadata from packet: Not supported");
+   }
+   EXPECT_EQ(sim::ThrottledCount(), 2u);
 }

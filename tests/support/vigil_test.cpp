@@ -113,7 +113,7 @@ void VigilTest::CreateHeapLogAndLockDomain() {
    ASSERT_EQ(zek_LockDomainCreate(moduleID, heapID, &domainName, &lockDomain), ZEK_OK);
 }
 
-static zek_SpinlockHandle CreateLock(const char *name, u32 kind, u32 rank) {
+zek_SpinlockHandle VigilTestCreateLock(const char *name, u32 kind, u32 rank) {
    zek_SpinlockProps props = {};
    props.module = moduleID;
    props.heap = heapID;
@@ -134,8 +134,8 @@ VigilFilter *VigilTest::AddFilter(u32 portID) {
    filter->portID = portID;
    memcpy(filter->portsetName, "vs0", 4);
    VigilFilterSetDefaults(filter);
-   filter->configLock = CreateLock("vigil.config", ZEK_SPINLOCK_RW, 1);
-   filter->rateLimitLock = CreateLock("vigil.ratelimit", ZEK_SPINLOCK_ORDINARY, 3);
+   filter->configLock = VigilTestCreateLock("vigil.config", ZEK_SPINLOCK_RW, 1);
+   filter->rateLimitLock = VigilTestCreateLock("vigil.ratelimit", ZEK_SPINLOCK_ORDINARY, 3);
    EXPECT_EQ(oxa_PortVoltaliteDataSet(portID, VIGIL_FILTER_SLOT, filter,
                                       DestroyTestFilter),
              ZEK_OK);

@@ -74,6 +74,9 @@ template <typename Fn> void WithWriteHold(u32 portID, Fn fn) {
    Vigil_UnlockFilter(held, true);
 }
 
+/* A lock of the module's lock domain, as the module makes its own. */
+zek_SpinlockHandle VigilTestCreateLock(const char *name, u32 kind, u32 rank);
+
 /* The failure hook that fails the running test on a host-detected defect. */
 void VigilTestFailureHook(const std::string &what);
 
