@@ -6,7 +6,7 @@
 #include <chrono>
 #include <cstring>
 
-#include "log.h"
+#include "daemon_log.h"
 #include "script.h"
 #include "sim_frames.h"
 #include "sim_switch.h"

@@ -9,7 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "log.h"
+#include "daemon_log.h"
 
 namespace vigild {
 

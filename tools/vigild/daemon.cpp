@@ -10,7 +10,7 @@
 #include <cstring>
 #include <fstream>
 
-#include "log.h"
+#include "daemon_log.h"
 #include "sim_core.h"
 #include "sim_switch.h"
 

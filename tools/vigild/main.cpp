@@ -19,7 +19,7 @@
 #include <fstream>
 
 #include "daemon.h"
-#include "log.h"
+#include "daemon_log.h"
 
 int main(int argc, char **argv) {
    /* Before anything starts a thread: every thread inherits the mask, and

@@ -1,4 +1,4 @@
-#include "log.h"
+#include "daemon_log.h"
 
 #include <sys/time.h>
 
