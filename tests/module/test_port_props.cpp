@@ -439,12 +439,23 @@ TEST_F(PortProps, Ipv6BlobSizesAndTheSharedLifeTime) {
    longer.push_back(0xee);
    EXPECT_EQ(Write(kDiscovery6, longer), ZEK_OK);
    EXPECT_EQ(filter->arpExpiry, 420);
-   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 14"},
-                             {1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 15"}}));
+   EXPECT_EQ(filter->ndExpiry, 420) << "the one life time is ND's too";
+   EXPECT_EQ(filter->discoveryFlags, VIGIL_DISC_DHCPV6);
+   EXPECT_EQ(Lines(),
+             (Said{{1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 14"},
+                   {1, "oldConfig: 0, newConfig: 0x8, toFlush: 0"},
+                   {1, "Filter 0x10 IPv6 Discover config updated, new features: 0x8"},
+                   {1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 15"},
+                   {1, "oldConfig: 0x8, newConfig: 0x10, toFlush: 0x8"},
+                   {1, "Filter 0x10 IPv6 Discover config updated, new features: 0x10"}}));
 
    EXPECT_EQ(Cleanup(kDiscovery6), ZEK_OK);
    EXPECT_EQ(filter->arpExpiry, 600);
-   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.discovery.ipv6 cleanup on port 0x10"}}));
+   EXPECT_EQ(filter->ndExpiry, 600);
+   EXPECT_EQ(filter->discoveryFlags, 0u);
+   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.discovery.ipv6 cleanup on port 0x10"},
+                             {1, "oldConfig: 0x10, newConfig: 0, toFlush: 0x10"},
+                             {1, "Filter 0x10 IPv6 Discover config updated, new features: 0"}}));
 }
 
 TEST_F(PortProps, Ipv6ExpiryOfFiveMinutesGivesThreeHundredSeconds) {

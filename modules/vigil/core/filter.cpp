@@ -17,6 +17,7 @@
 #include "vigil_log.h"
 #include "vigil_packet.h"
 #include "vigil_locks.h"
+#include "vigil_v6.h"
 #include "vigil_vmi.h"
 #include "vigil_workers.h"
 
@@ -244,6 +245,12 @@ static void VigilReleaseFilterConfig(VigilFilter *filter) {
    }
    VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->dhcpReqList) {
       VigilDelDhcpReq(filter, VIGIL_DHCP_REQ_FROM_LINKS(pos));
+   }
+   VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->v6VmiList) {
+      VigilDelV6Vmi(filter, VIGIL_V6VMI_FROM_EXPIRY(pos));
+   }
+   VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->dhcpV6ReqList) {
+      VigilDelDhcpV6Req(filter, VIGIL_DHCPV6_REQ_FROM_LINKS(pos));
    }
    Vigil_HeapFree(filter->switchWhiteList);
    filter->switchWhiteList = nullptr;

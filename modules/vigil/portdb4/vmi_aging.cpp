@@ -66,10 +66,6 @@ void VigilPortDbTimeoutChange(VigilFilter *filter, i32 delta) {
          VigilMoveToExpired(filter, vmi);
       }
    }
-   if (filter->numArpVmis == filter->numExpiredVmis) {
-      return;
-   }
-
    /* Among equal expiries the record that stayed comes first. */
    VigilListLinks *cur = filter->vmiList.next;
    while (cur != &filter->vmiList && !VigilListIsEmpty(&moved)) {
@@ -86,6 +82,8 @@ void VigilPortDbTimeoutChange(VigilFilter *filter, i32 delta) {
       VigilListRemove(links);
       VigilListInsertBefore(&filter->vmiList, links);
    }
+   /* Whatever moved or ended, the key follows the earliest expiry that can
+    * still happen. */
    if (filter->agingPortID != 0) {
       VigilUpdateFilterAging(filter);
    }

@@ -11,6 +11,7 @@
 #include "vigil_atomic.h"
 #include "vigil_log.h"
 #include "vigil_locks.h"
+#include "vigil_v6.h"
 #include "vigil_vmi.h"
 #include "vigil_workers.h"
 
@@ -27,19 +28,33 @@ static void *VigilCPWorldEvent(void) {
    return &cpWorldID;
 }
 
-void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi) {
-   VigilPortsetMsg msg;
-   memset(&msg, 0, sizeof msg);
+/* The message head both families share: name, length, op, one entry. */
+static void VigilInitPortDbMsg(VigilPortsetMsg *msg, u32 op) {
+   memset(msg, 0, sizeof *msg);
    /* Cleared first: the name field goes out whole, so nothing behind the
     * terminating NUL may come from the stack. */
    zek_Name name;
    memset(&name, 0, sizeof name);
    zek_NameInitialize(&name, op == VIGIL_PORTDB_MSG_ADDED ? "portdb.entry.added"
                                                           : "portdb.entry.removed");
-   memcpy(msg.name, name.string, sizeof msg.name - 1);
-   msg.payloadLen = VIGIL_PORTSET_MSG_PAYLOAD_LEN;
-   msg.op = op;
-   msg.numEntries = 1;
+   memcpy(msg->name, name.string, sizeof msg->name - 1);
+   msg->payloadLen = VIGIL_PORTSET_MSG_PAYLOAD_LEN;
+   msg->op = op;
+   msg->numEntries = 1;
+}
+
+static void VigilSendPortDbMsg(VigilFilter *filter, const VigilPortsetMsg *msg) {
+   zek_Status status = VigilPostPortsetMessage(filter->portsetName, filter->portID,
+                                               msg, sizeof *msg);
+   if (status != ZEK_OK) {
+      VIGIL_LOG_ERROR("Filter %#x Could not post message:%s:%s", filter->portID,
+                      msg->name, zek_StatusToString(status));
+   }
+}
+
+void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi) {
+   VigilPortsetMsg msg;
+   VigilInitPortDbMsg(&msg, op);
    msg.vlanId = vmi->vlanId;
    memcpy(msg.mac, vmi->mac, 6);
    msg.isIpv4 = 1;
@@ -47,13 +62,19 @@ void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi) {
    msg.bound = vmi->discMethod == VIGIL_DISC_DHCP || vmi->discMethod == VIGIL_DISC_STATIC;
    msg.gratuitous = vmi->gratuitous;
    msg.discMethod = vmi->discMethod;
+   VigilSendPortDbMsg(filter, &msg);
+}
 
-   zek_Status status = VigilPostPortsetMessage(filter->portsetName, filter->portID,
-                                               &msg, sizeof msg);
-   if (status != ZEK_OK) {
-      VIGIL_LOG_ERROR("Filter %#x Could not post message:%s:%s", filter->portID,
-                      msg.name, zek_StatusToString(status));
-   }
+void VigilPostPortDbV6Msg(VigilFilter *filter, u32 op, const VigilV6Vmi *vmi) {
+   VigilPortsetMsg msg;
+   VigilInitPortDbMsg(&msg, op);
+   msg.vlanId = vmi->vlanId;
+   memcpy(msg.mac, vmi->mac, 6);
+   msg.isIpv4 = 0;
+   memcpy(msg.ip, vmi->ip, 16);
+   msg.bound = vmi->discMethod == VIGIL_DISC_DHCPV6;
+   msg.discMethod = vmi->discMethod;
+   VigilSendPortDbMsg(filter, &msg);
 }
 
 zek_Status VigilPostPortsetMessage(const char *portsetName, u32 portID,
