@@ -5,6 +5,7 @@
  * by fixed rules: DHCPv6 takes an address over from ND, never the reverse.
  * A binding is due when its expiry is at or below now.
  */
+#include "vigil_atomic.h"
 #include "vigil_config.h"
 #include "vigil_log.h"
 #include "vigil_v6.h"
@@ -47,7 +48,9 @@ zek_Status VigilV6VmiHashAlloc(VigilV6VmiHash **hash) {
 
 VigilV6Vmi *VigilFindV6Vmi(VigilFilter *filter, const u8 key[VIGIL_V6_KEY_LEN]) {
    Vigil_AssertFilterIsLocked(filter, false);
-   if (filter->numNdEntries + filter->numDhcpV6Entries == 0) {
+   /* An empty table costs no lookup.  The hash's count, not the ND and
+    * DHCPv6 counts, so that a static record's key is found too. */
+   if (VigilAtomicLoad(&VigilV6HashOf(filter)->count) == 0) {
       return nullptr;
    }
    return (VigilV6Vmi *)OxaHashFind(VigilV6HashOf(filter), key);
