@@ -69,6 +69,9 @@ void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi);
 /* Checks the table, lists and counters of a filter's IPv4 database; calls
  * `report` with a text for every broken invariant and returns their count. */
 u32 VigilCheckVmiTable(VigilFilter *filter, VigilViolationFn report, void *ctx);
+/* The same of its IPv6 database: the bindings, their hash and lists, and
+ * the pending DHCPv6 requests. */
+u32 VigilCheckV6PortDb(VigilFilter *filter, VigilViolationFn report, void *ctx);
 /* VigilCheckFilterTables, of all tables of a filter, is in vigil_exports.h. */
 
 #define VIGIL_VMI_FROM_EXPIRY(links) VIGIL_LIST_ENTRY(links, VigilVmi, expiryLinks)

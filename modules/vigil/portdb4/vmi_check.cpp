@@ -201,5 +201,5 @@ u32 VigilCheckVmiTable(VigilFilter *filter, VigilViolationFn report, void *ctx) 
 /* Every check of a filter's tables, for tools that load the module. */
 extern "C" u32 VigilCheckFilterTables(VigilFilter *filter, VigilViolationFn report,
                                       void *ctx) {
-   return VigilCheckVmiTable(filter, report, ctx);
+   return VigilCheckVmiTable(filter, report, ctx) + VigilCheckV6PortDb(filter, report, ctx);
 }
