@@ -402,3 +402,38 @@ TEST_F(V6VmiTableTest, ReduceSpendsTheExpiredFirstAndPassesDhcpV6By) {
 }
 
 } // namespace
+
+namespace {
+
+/* The same table with the aging world running. */
+class V6AgingWorldTest : public V6VmiTableTest {
+protected:
+   bool RunAgingWorld() override { return true; }
+};
+
+TEST_F(V6AgingWorldTest, WorldEndsIpv6BindingsAtTheirExpiryAndThenRests) {
+   ASSERT_EQ(AddNd(1), ZEK_OK);                            /* ends 1600 */
+   ASSERT_EQ(Add(Template(2, VIGIL_DISC_DHCPV6)), ZEK_OK); /* ends 1300 */
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(filter->agingKey, kNow + 300);
+   Messages();
+   /* The world wakes a second after a key, when an IPv4 record of that
+    * key has ended too; an IPv6 record is due from its key on. */
+   sim::SetTime((double)kNow + 300.0);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(Messages(), std::vector<std::string>{});
+   sim::SetTime((double)kNow + 301.0);
+   ASSERT_TRUE(sim::WaitIdle(5.0)) << "the world sleeps after the pass";
+   EXPECT_EQ(Messages(), std::vector<std::string>{"removed 2"});
+   EXPECT_EQ(filter->agingKey, kNow + 600);
+
+   SetDeleteExpiry(0);
+   sim::SetTime((double)kNow + 601.0);
+   ASSERT_TRUE(sim::WaitIdle(5.0));
+   EXPECT_EQ(Messages(), std::vector<std::string>{}) << "kept expired, no message";
+   EXPECT_EQ(Expired(), std::vector<u32>{1});
+   EXPECT_EQ(filter->agingPortID, 0u);
+   EXPECT_TRUE(sim::PriQContents(filterAgingQ).empty());
+}
+
+} // namespace
