@@ -5,6 +5,7 @@
  * nothing changes what is read.
  */
 #include <functional>
+#include <optional>
 
 #include "session.h"
 #include "sim_core.h"
@@ -117,6 +118,15 @@ const std::vector<ModuleValue> &ModuleValues() {
    return values;
 }
 
+/* Every value is read before any goes out: a missing symbol fails the whole
+ * command. */
+void ReadModuleValues(const std::vector<const ModuleValue *> &wanted,
+                      const std::function<const void *(const char *)> &symbol, Json &out) {
+   std::vector<Json> values;
+   for (const ModuleValue *v : wanted) values.push_back(v->read(symbol));
+   for (size_t i = 0; i < wanted.size(); i++) out[wanted[i]->name] = values[i];
+}
+
 } // namespace
 
 const void *Session::RequireSymbol(const std::string &name) const {
@@ -128,8 +138,13 @@ const void *Session::RequireSymbol(const std::string &name) const {
    return p;
 }
 
-/* The module-wide values, or only those named. */
+/* The module-wide values, or only those named; `module set` writes some of
+ * them first. */
 void Session::CmdModule(const std::vector<Token> &t, Json &out) {
+   if (t.size() > 1 && t[1].text == "set" && !t[1].quoted) {
+      CmdModuleSet(t, out);
+      return;
+   }
    Args args = SplitArgs("module", t, 1, {});
    std::vector<const ModuleValue *> wanted;
    for (const Token &name : args.positional) {
@@ -149,12 +164,35 @@ void Session::CmdModule(const std::vector<Token> &t, Json &out) {
    }
    if (module_ == nullptr) throw ToolError("no module is loaded");
    WaitForInspection(out);
+   ReadModuleValues(wanted, [this](const char *name) { return RequireSymbol(name); }, out);
+}
+
+/* Writes the module-wide variables that no path reaches at run time, then
+ * shows every value as `module` does.  Nothing is written unless every
+ * option is good and the module has every symbol. */
+void Session::CmdModuleSet(const std::vector<Token> &t, Json &out) {
+   Args args = SplitArgs("module set", t, 2, {"saveVersion", "supportedTlvs", "delOnExpiry"});
+   args.Expect(0, 0, "module set [saveVersion=N] [supportedTlvs=N] [delOnExpiry=0|1]");
+   std::optional<uint32_t> saveVersion, supportedTlvs;
+   std::optional<bool> delOnExpiry;
+   if (args.Has("saveVersion")) {
+      saveVersion = static_cast<uint32_t>(args.Unsigned("saveVersion", 0, UINT32_MAX));
+   }
+   if (args.Has("supportedTlvs")) {
+      supportedTlvs = static_cast<uint32_t>(args.Unsigned("supportedTlvs", 0, UINT32_MAX));
+   }
+   if (args.Has("delOnExpiry")) delOnExpiry = args.Bool("delOnExpiry", true);
+   if (module_ == nullptr) throw ToolError("no module is loaded");
+   WaitForInspection(out);
+   std::vector<const ModuleValue *> all;
+   for (const ModuleValue &v : ModuleValues()) all.push_back(&v);
    auto symbol = [this](const char *name) { return RequireSymbol(name); };
-   /* Every value is read before any goes out: a missing symbol fails the
-    * whole command. */
-   std::vector<Json> values;
-   for (const ModuleValue *v : wanted) values.push_back(v->read(symbol));
-   for (size_t i = 0; i < wanted.size(); i++) out[wanted[i]->name] = values[i];
+   Json before;
+   ReadModuleValues(all, symbol, before);
+   if (saveVersion) *static_cast<uint32_t *>(Symbol("saveVersion")) = *saveVersion;
+   if (supportedTlvs) *static_cast<uint32_t *>(Symbol("supportedTlvs")) = *supportedTlvs;
+   if (delOnExpiry) *static_cast<int64_t *>(Symbol("delOnExpiry")) = *delOnExpiry ? 1 : 0;
+   ReadModuleValues(all, symbol, out);
 }
 
 void Session::CmdMessages(const std::vector<Token> &t, Json &out) {

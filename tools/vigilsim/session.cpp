@@ -89,6 +89,10 @@ std::string Session::CommandName(const std::vector<Token> &tokens) {
        (tokens[1].text == "write" || tokens[1].text == "cleanup")) {
       return "prop " + tokens[1].text;
    }
+   if (tokens[0].text == "module" && tokens.size() > 1 && tokens[1].text == "set" &&
+       !tokens[1].quoted) {
+      return "module set";
+   }
    return tokens[0].text;
 }
 

@@ -111,6 +111,7 @@ class Session {
    void CmdBindings(const std::vector<Token> &t, Json &out);
    void CmdStats(const std::vector<Token> &t, Json &out);
    void CmdModule(const std::vector<Token> &t, Json &out);
+   void CmdModuleSet(const std::vector<Token> &t, Json &out);
    void CmdMessages(const std::vector<Token> &t, Json &out);
    void CmdLogs(const std::vector<Token> &t, Json &out);
    void CmdLogLevel(const std::vector<Token> &t, Json &out);

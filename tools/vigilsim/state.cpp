@@ -5,6 +5,7 @@
 #include "script.h"
 #include "vigil_dhcp.h"
 #include "vigil_filter.h"
+#include "vigil_v6.h"
 #include "vigil_vmi.h"
 #include "vigil_whitelist.h"
 #include "vigil_workers.h"
@@ -44,6 +45,42 @@ Json DhcpReqJson(const VigilDhcpReq *req) {
    j["clientIdLen"] = req->clientIdLen;
    j["clientId"] = BytesOrEmpty(req->clientIdStr, req->clientIdLen);
    j["expiryTs"] = req->expiryTs;
+   return j;
+}
+
+Json V6VmiJson(const VigilV6Vmi *vmi) {
+   Json j;
+   j["vlanId"] = vmi->vlanId;
+   j["mac"] = MacText(vmi->mac);
+   j["ip"] = Ipv6Text(vmi->ip);
+   j["discMethod"] = vmi->discMethod;
+   j["expiryTs"] = vmi->expiryTs;
+   j["iaId"] = vmi->iaId;
+   j["serverIp"] = Ipv6Text(vmi->serverIp);
+   j["validLifetime"] = vmi->validLifetime;
+   j["preferredLifetime"] = vmi->preferredLifetime;
+   j["clientIdLen"] = vmi->clientIdLen;
+   j["clientId"] = BytesOrEmpty(vmi->clientId, vmi->clientIdLen);
+   return j;
+}
+
+/* The message type and transaction id are the copy's first byte and the
+ * three bytes behind it, read big-endian; null if the copy is too short. */
+Json DhcpV6ReqJson(const VigilDhcpV6Req *req) {
+   const u8 *msg = req->msg;
+   Json j;
+   j["vlanId"] = req->vlanId;
+   j["mac"] = MacText(req->mac);
+   j["msgType"] = msg != nullptr && req->msgLen >= 1 ? Json(msg[0]) : Json(nullptr);
+   j["xid"] = msg != nullptr && req->msgLen >= 4
+                 ? Json((uint32_t)msg[1] << 16 | (uint32_t)msg[2] << 8 | msg[3])
+                 : Json(nullptr);
+   j["clientIdLen"] = req->clientIdLen;
+   j["clientId"] = BytesOrEmpty(req->clientId, req->clientIdLen);
+   j["msgLen"] = req->msgLen;
+   j["expiryTs"] = req->expiryTs;
+   j["reqStatus"] = req->reqStatus;
+   j["retransTimeout"] = req->retransTimeout;
    return j;
 }
 
@@ -184,10 +221,15 @@ Json FilterJson(const VigilFilter *f) {
    j["dhcpReqList"] = ListJson(&f->dhcpReqList, [](const VigilListLinks *l) {
       return DhcpReqJson(VIGIL_DHCP_REQ_FROM_LINKS(l));
    });
-   /* The IPv6 tables have no records yet. */
-   j["v6VmiList"] = Json::array();
-   j["v6ExpiredNdList"] = Json::array();
-   j["dhcpV6ReqList"] = Json::array();
+   j["v6VmiList"] = ListJson(&f->v6VmiList, [](const VigilListLinks *l) {
+      return V6VmiJson(VIGIL_V6VMI_FROM_EXPIRY(l));
+   });
+   j["v6ExpiredNdList"] = ListJson(&f->v6ExpiredNdList, [](const VigilListLinks *l) {
+      return V6VmiJson(VIGIL_V6VMI_FROM_EXPIRED(l));
+   });
+   j["dhcpV6ReqList"] = ListJson(&f->dhcpV6ReqList, [](const VigilListLinks *l) {
+      return DhcpV6ReqJson(VIGIL_DHCPV6_REQ_FROM_LINKS(l));
+   });
    j["switchWhiteList"] = EntriesJson(f->switchWhiteList, f->switchWhiteListSize);
    j["portWhiteList"] = EntriesJson(f->portWhiteList, f->portWhiteListSize);
    j["portIgnoreList"] = EntriesJson(f->portIgnoreList, f->portIgnoreListSize);
@@ -231,18 +273,24 @@ Json SelectFilterFields(const Json &filter, const std::vector<std::string> &fiel
 
 namespace {
 
-/* The fields of a binding beyond its key, expiry and method, with the
- * methods they belong to. */
-const std::vector<std::pair<std::string, unsigned>> kBindingDetails = {
+/* The fields of a binding beyond its key, expiry and method, in the
+ * order of its record, with the methods they belong to. */
+using BindingDetails = std::vector<std::pair<std::string, unsigned>>;
+const BindingDetails kV4BindingDetails = {
    {"clientMac", VIGIL_DISC_DHCP},
-   {"clientIdLen", VIGIL_DISC_DHCP | VIGIL_DISC_DHCPV6},
-   {"clientId", VIGIL_DISC_DHCP | VIGIL_DISC_DHCPV6},
+   {"clientIdLen", VIGIL_DISC_DHCP},
+   {"clientId", VIGIL_DISC_DHCP},
    {"serverIp", VIGIL_DISC_DHCP},
    {"leaseTime", VIGIL_DISC_DHCP},
    {"gratuitous", VIGIL_DISC_ARP},
+};
+const BindingDetails kV6BindingDetails = {
    {"iaId", VIGIL_DISC_DHCPV6},
+   {"serverIp", VIGIL_DISC_DHCPV6},
    {"validLifetime", VIGIL_DISC_DHCPV6},
    {"preferredLifetime", VIGIL_DISC_DHCPV6},
+   {"clientIdLen", VIGIL_DISC_DHCPV6},
+   {"clientId", VIGIL_DISC_DHCPV6},
 };
 
 bool IsZero(const Json &v) {
@@ -253,12 +301,12 @@ bool IsZero(const Json &v) {
    return s.empty() || s == "00:00:00:00:00:00" || s == "0.0.0.0" || s == "::";
 }
 
-Json BindingView(const Json &record, bool expired) {
+Json BindingView(const Json &record, bool expired, const BindingDetails &details) {
    Json b;
    for (const char *key : {"vlanId", "mac", "ip", "discMethod", "expiryTs"}) b[key] = record[key];
    b["expired"] = expired;
    unsigned method = record["discMethod"].get<unsigned>();
-   for (const auto &[key, methods] : kBindingDetails) {
+   for (const auto &[key, methods] : details) {
       if (!record.contains(key)) continue;
       if ((methods & method) != 0 || !IsZero(record[key])) b[key] = record[key];
    }
@@ -271,11 +319,16 @@ Json BindingsJson(const VigilFilter *f) {
    if (f == nullptr) return nullptr;
    Json all = FilterJson(f);
    Json out = Json::array();
-   for (const char *list : {"vmiList", "v6VmiList"}) {
-      for (const Json &record : all[list]) out.push_back(BindingView(record, false));
-   }
-   for (const char *list : {"expiredVmiList", "v6ExpiredNdList"}) {
-      for (const Json &record : all[list]) out.push_back(BindingView(record, true));
+   const std::pair<const char *, const BindingDetails *> lists[] = {
+      {"vmiList", &kV4BindingDetails},
+      {"v6VmiList", &kV6BindingDetails},
+      {"expiredVmiList", &kV4BindingDetails},
+      {"v6ExpiredNdList", &kV6BindingDetails},
+   };
+   for (const auto &[list, details] : lists) {
+      bool expired = list == std::string("expiredVmiList") ||
+                     list == std::string("v6ExpiredNdList");
+      for (const Json &record : all[list]) out.push_back(BindingView(record, expired, *details));
    }
    return out;
 }

@@ -138,6 +138,36 @@ std::string BindingsTable(const std::string &title, const Json &list) {
    return Line(title + ":") + table.Render();
 }
 
+/* The DHCPv6 fields read "-" for a binding of another method. */
+std::string V6BindingsTable(const std::string &title, const Json &list) {
+   if (list.empty()) return Line(title + ": none");
+   Table table({"vlan", "mac", "ip", "method", "expires", "iaId", "valid", "preferred",
+                "server", "clientId"});
+   for (const Json &b : list) {
+      bool dhcpV6 = b["discMethod"] == 16;
+      auto field = [&](const char *key) { return dhcpV6 ? Str(b[key]) : std::string("-"); };
+      table.Row({Str(b["vlanId"]), Str(b["mac"]), Str(b["ip"]),
+                 MethodName(b["discMethod"].get<uint64_t>()), Expiry(b["expiryTs"]),
+                 field("iaId"), dhcpV6 ? Str(b["validLifetime"]) + " s" : "-",
+                 dhcpV6 ? Str(b["preferredLifetime"]) + " s" : "-", field("serverIp"),
+                 b["clientId"].get<std::string>().empty() ? "-" : Str(b["clientId"])});
+   }
+   return Line(title + ":") + table.Render();
+}
+
+std::string V6RequestsTable(const Json &list) {
+   if (list.empty()) return Line("pending DHCPv6 requests: none");
+   Table table({"vlan", "mac", "type", "xid", "msgLen", "expires", "status", "retrans",
+                "clientId"});
+   for (const Json &q : list) {
+      table.Row({Str(q["vlanId"]), Str(q["mac"]), Str(q["msgType"]), Hex(q["xid"]),
+                 Str(q["msgLen"]), Expiry(q["expiryTs"]), Str(q["reqStatus"]),
+                 Str(q["retransTimeout"]) + " s",
+                 q["clientId"].get<std::string>().empty() ? "-" : Str(q["clientId"])});
+   }
+   return Line("pending DHCPv6 requests:") + table.Render();
+}
+
 std::string RequestsTable(const Json &list) {
    if (list.empty()) return Line("pending DHCP requests: none");
    Table table({"vlan", "xid", "chaddr", "expires", "clientId"});
@@ -194,11 +224,14 @@ std::string NarrowStateText(const Json &f) {
    for (const auto &[key, value] : f.items()) {
       if (!value.is_structured()) {
          scalars.Row({key, IsHexField(key) ? Hex(value) : Str(value)});
-      } else if (key == "vmiList" || key == "expiredVmiList" || key == "v6VmiList" ||
-                 key == "v6ExpiredNdList") {
+      } else if (key == "vmiList" || key == "expiredVmiList") {
          blocks += BindingsTable(key, value);
+      } else if (key == "v6VmiList" || key == "v6ExpiredNdList") {
+         blocks += V6BindingsTable(key, value);
       } else if (key == "dhcpReqList") {
          blocks += RequestsTable(value);
+      } else if (key == "dhcpV6ReqList") {
+         blocks += V6RequestsTable(value);
       } else if (key == "switchWhiteList" || key == "portWhiteList" || key == "portIgnoreList") {
          blocks += EntriesTable(key, value);
       } else if (key == "stats") {
@@ -270,6 +303,11 @@ std::string StateText(const Json &r) {
    out += BindingsTable("bindings", f["vmiList"]);
    if (!f["expiredVmiList"].empty()) out += BindingsTable("expired bindings", f["expiredVmiList"]);
    out += RequestsTable(f["dhcpReqList"]);
+   out += V6BindingsTable("IPv6 bindings", f["v6VmiList"]);
+   if (!f["v6ExpiredNdList"].empty()) {
+      out += V6BindingsTable("expired IPv6 bindings", f["v6ExpiredNdList"]);
+   }
+   out += V6RequestsTable(f["dhcpV6ReqList"]);
    out += EntriesTable("switch white list", f["switchWhiteList"]);
    out += EntriesTable("port white list", f["portWhiteList"]);
    out += EntriesTable("port ignore list", f["portIgnoreList"]);
@@ -358,7 +396,7 @@ std::string Body(const Json &r) {
    if (cmd == "logs") return busy + LogsText(r);
    if (cmd == "tx" || cmd == "rx" || cmd == "replay") return FramesText(r);
    if (cmd == "check") return busy + CheckText(r);
-   if (cmd == "module") return busy + ModuleText(r);
+   if (cmd == "module" || cmd == "module set") return busy + ModuleText(r);
    if (cmd == "advance") return Line("uptime " + Str(r["uptime"]) + " s");
    if (cmd == "load") {
       return Line("module loaded, start answered " + Str(r["status"]));

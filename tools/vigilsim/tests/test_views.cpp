@@ -167,6 +167,61 @@ TEST(VigilsimViews, CommandsFailNamingASymbolTheModuleLacks) {
    EXPECT_EQ(run.lines[6], R"j({"cmd":"check","ok":false,"error":"script.vsim:7: the module has no symbol VigilCheckFilterTables ()j" FAKE_MODULE R"j()"})j");
 }
 
+TEST(VigilsimViews, ModuleSetWritesTheValuesGivenAndShowsThemAll) {
+   Outcome run = Vigilsim("load\n"
+                          "module set saveVersion=1 supportedTlvs=0x7 delOnExpiry=0\n"
+                          "module set delOnExpiry=1\n"
+                          "module saveVersion supportedTlvs delOnExpiry\n");
+   EXPECT_EQ(run.status, 0);
+   EXPECT_EQ(After(run, 1),
+             Lines({R"j({"cmd":"module set","ok":true,"numFilters":0,"delOnExpiry":0,"saveVersion":1,"supportedTlvs":7,"isLiveUpgrade":0,"isLiveUpgradeFromMod":0,"agingQueue":[],"taskQueueCount":0})j",
+                    R"j({"cmd":"module set","ok":true,"numFilters":0,"delOnExpiry":1,"saveVersion":1,"supportedTlvs":7,"isLiveUpgrade":0,"isLiveUpgradeFromMod":0,"agingQueue":[],"taskQueueCount":0})j",
+                    R"j({"cmd":"module","ok":true,"saveVersion":1,"supportedTlvs":7,"delOnExpiry":1})j"}));
+}
+
+/* A bad option writes nothing, not even the good options beside it. */
+TEST(VigilsimViews, ModuleSetWithABadOptionFailsAndWritesNothing) {
+   Outcome run = Vigilsim("module set delOnExpiry=0\n"
+                          "load\n"
+                          "module set saveVersion=5 delOnExpiry=2\n"
+                          "module set supportedTlvs=0x100000000\n"
+                          "module set saveVersion=5 bogus=1\n"
+                          "module set now\n"
+                          "module saveVersion supportedTlvs delOnExpiry\n"
+                          "module set\n"
+                          "module saveVersion supportedTlvs delOnExpiry\n");
+   EXPECT_EQ(run.status, 1);
+   ASSERT_EQ(run.lines.size(), 9u);
+   EXPECT_EQ(run.lines[0], R"j({"cmd":"module set","ok":false,"error":"script.vsim:1: no module is loaded"})j");
+   EXPECT_EQ(After(run, 2),
+             Lines({R"j({"cmd":"module set","ok":false,"error":"script.vsim:3: bad delOnExpiry= '2': 0 or 1"})j",
+                    R"j({"cmd":"module set","ok":false,"error":"script.vsim:4: bad supportedTlvs= '0x100000000': at most 4294967295"})j",
+                    R"j({"cmd":"module set","ok":false,"error":"script.vsim:5: unknown option bogus= for module set (known: delOnExpiry=, saveVersion=, supportedTlvs=)"})j",
+                    R"j({"cmd":"module set","ok":false,"error":"script.vsim:6: usage: module set [saveVersion=N] [supportedTlvs=N] [delOnExpiry=0|1]"})j",
+                    R"j({"cmd":"module","ok":true,"saveVersion":100,"supportedTlvs":124,"delOnExpiry":1})j",
+                    R"j({"cmd":"module set","ok":true,"numFilters":0,"delOnExpiry":1,"saveVersion":100,"supportedTlvs":124,"isLiveUpgrade":0,"isLiveUpgradeFromMod":0,"agingQueue":[],"taskQueueCount":0})j",
+                    R"j({"cmd":"module","ok":true,"saveVersion":100,"supportedTlvs":124,"delOnExpiry":1})j"}));
+}
+
+/* delOnExpiry written off keeps an ARP binding past its expiry, on the
+ * expired list, as a management call would. */
+TEST(VigilsimViews, ModuleSetDelOnExpiryKeepsBindingsExpired) {
+   Outcome run = Vigilsim(std::string(kSetup) +
+                          "module set delOnExpiry=0\n"
+                          "advance 601\n"
+                          "state 0x10 numArpVmis numExpiredVmis\n");
+   EXPECT_EQ(run.status, 0);
+   EXPECT_EQ(After(run, kSetupLines + 2),
+             Lines({R"j({"cmd":"state","ok":true,"portID":16,"filter":{"numArpVmis":1,"numExpiredVmis":1}})j"}));
+}
+
+TEST(VigilsimViews, ModuleSetFailsNamingASymbolTheModuleLacksAndWritesNothing) {
+   Outcome run = Vigilsim("load\nmodule set delOnExpiry=0\n", "--module " FAKE_MODULE);
+   EXPECT_EQ(run.status, 1);
+   ASSERT_EQ(run.lines.size(), 2u);
+   EXPECT_EQ(run.lines[1], R"j({"cmd":"module set","ok":false,"error":"script.vsim:2: the module has no symbol numFilters ()j" FAKE_MODULE R"j()"})j");
+}
+
 TEST(VigilsimViews, TxAndRxTakeFrameSpecsBesideBytes) {
    Outcome run = Vigilsim(std::string(kSetup) + "state 0x10 numArpVmis numDhcpVmis\n");
    EXPECT_EQ(run.status, 0);
