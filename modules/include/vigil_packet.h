@@ -13,6 +13,18 @@
 #define VIGIL_PKT_UDP 0x10u
 #define VIGIL_PKT_ICMPV6 0x20u
 
+/* ICMPv6 types the IPv6 paths look at. */
+#define VIGIL_ICMPV6_MLD_REPORT 131
+#define VIGIL_ICMPV6_MLD_DONE 132
+#define VIGIL_ICMPV6_ROUTER_SOLICIT 133
+#define VIGIL_ICMPV6_ROUTER_ADVERT 134
+#define VIGIL_ICMPV6_NEIGHBOR_SOLICIT 135
+#define VIGIL_ICMPV6_NEIGHBOR_ADVERT 136
+
+/* UDP ports of DHCPv6: clients listen on 546, servers and relays on 547. */
+#define VIGIL_UDP_PORT_DHCPV6_CLIENT 546
+#define VIGIL_UDP_PORT_DHCPV6_SERVER 547
+
 #define VIGIL_ETH_HDR_COPY 14
 #define VIGIL_IP_HDR_COPY 40
 #define VIGIL_L4_HDR_COPY 20
@@ -102,5 +114,25 @@ VIGIL_MUST_CHECK zek_Status VigilProcessTxIpv6(VigilFilter *filter, zek_Pkt *pkt
                               VigilPacketContext *ctx, u32 *action);
 VIGIL_MUST_CHECK zek_Status VigilProcessRxIpv6(VigilFilter *filter, zek_Pkt *pkt,
                               VigilPacketContext *ctx, u32 *action);
+
+/* Steps of the IPv6 transmit path: learning from neighbor solicitations and
+ * advertisements, and tracking of the DHCPv6 messages a client sends.  Each
+ * answers RELOCK under the read lock and changes nothing then. */
+VIGIL_MUST_CHECK zek_Status VigilProcessTxIpv6NdDiscovery(VigilFilter *filter, zek_Pkt *pkt,
+                                         VigilPacketContext *ctx, u32 *action);
+VIGIL_MUST_CHECK zek_Status VigilDoNsSnooping(VigilFilter *filter, VigilPacketContext *ctx);
+void VigilDoNaSnooping(VigilFilter *filter, VigilPacketContext *ctx);
+VIGIL_MUST_CHECK zek_Status VigilProcessTxDhcpv6Discovery(VigilFilter *filter, zek_Pkt *pkt,
+                                         VigilPacketContext *ctx, u32 *action);
+
+/* DHCPv6: whether a frame is a client or server message (by its UDP source
+ * port), the frame's parse, request tracking on transmit (which gives back
+ * what the parse holds) and the handling of a server's reply on receive. */
+bool VigilIsPktDhcpV6Msg(const VigilPacketContext *ctx);
+VIGIL_MUST_CHECK zek_Status VigilParseDhcpv6Pkt(VigilFilter *filter, zek_Pkt *pkt,
+                               VigilPacketContext *ctx);
+void VigilConfirmSnoopingTx(VigilFilter *filter, zek_Pkt *pkt, VigilPacketContext *ctx);
+VIGIL_MUST_CHECK zek_Status VigilProcessRxDhcpv6Discovery(VigilFilter *filter, zek_Pkt *pkt,
+                                         VigilPacketContext *ctx);
 
 #endif /* VIGIL_PACKET_H */

@@ -829,16 +829,20 @@ TEST_F(WardenTest, SwitchListDropLinesCarryTheSwitchTag) {
 class Ipv6WardenTest : public WardenTest {
 protected:
    /* A frame from the VM: Ethernet, IPv6 from `src`, then ICMPv6 of `type`
-    * or UDP.  The context points into a copy of its bytes. */
-   void Build(const char *src, bool icmpv6, u8 type, u16 vlan = kVlan) {
+    * (with `target` as an ND message's target, then `options`) or UDP.  The
+    * context points into a copy of its bytes, with the transport header's
+    * entry of the host's parse. */
+   void Build(const char *src, bool icmpv6, u8 type, u16 vlan = kVlan,
+              const char *target = "::", const std::vector<u8> &options = {}) {
       bytes_.assign(14 + 40 + 24, 0);
+      bytes_.insert(bytes_.end(), options.begin(), options.end());
       memset(&bytes_[0], 0x33, 6);
       memcpy(&bytes_[6], kVm.data(), 6);
       bytes_[12] = 0x86;
       bytes_[13] = 0xdd;
       u8 *ip = &bytes_[14];
       ip[0] = 0x60;
-      ip[5] = 24;
+      ip[5] = (u8)(24 + options.size());
       ip[6] = icmpv6 ? 58 : 17;
       ip[7] = 255;
       Addr srcAddr = V6(src);
@@ -848,6 +852,8 @@ protected:
       u8 *l4 = ip + 40;
       if (icmpv6) {
          l4[0] = type;
+         Addr targetAddr = V6(target);
+         memcpy(l4 + 8, targetAddr.data(), 16);
       } else {
          l4[0] = type; /* the high byte of the source port */
          l4[3] = 53;
@@ -859,9 +865,12 @@ protected:
       pkt_ = frames::Make(bytes_);
       memset(&ctx, 0, sizeof ctx);
       ctx.flags = VIGIL_PKT_ETH | VIGIL_PKT_IPV6 | (icmpv6 ? VIGIL_PKT_ICMPV6 : VIGIL_PKT_UDP);
+      ctx.frameMapped = bytes_.data();
+      ctx.frameLen = ctx.mappedLen = (u32)bytes_.size();
       ctx.ethHdr = &bytes_[0];
       ctx.ipHdr = ip;
       ctx.l4Hdr = l4;
+      EXPECT_EQ(zek_PktHeaderFind(pkt_, 2, 0x4000, 1, &ctx.l4Entry, 0), ZEK_OK);
       ctx.vlanId = vlan;
       ctx.ppMetadata = meta;
    }
@@ -886,6 +895,15 @@ private:
    std::vector<u8> bytes_;
    zek_Pkt *pkt_ = nullptr;
 };
+
+/* A target link-layer address option of `mac`. */
+static std::vector<u8> TargetOption(const MacAddr &mac, u8 units = 1) {
+   std::vector<u8> option(8u * (units ? units : 1), 0);
+   option[0] = 2;
+   option[1] = units;
+   memcpy(&option[2], mac.data(), 6);
+   return option;
+}
 
 TEST_F(Ipv6WardenTest, AddressConfigurationMessagesFromTheAllZeroSourcePassUnchecked) {
    filter->featuresEnabled = VIGIL_FEAT_SWITCH_WARDEN | VIGIL_FEAT_PORT_WARDEN;
@@ -939,26 +957,97 @@ TEST_F(Ipv6WardenTest, WithoutAWardenBitEveryFrameIsForwarded) {
    EXPECT_TRUE(Observed().empty());
 }
 
-TEST_F(Ipv6WardenTest, NeighborAdvertisementIsJudgedByItsSourceWhileNdParsingIsAbsent) {
+TEST_F(Ipv6WardenTest, NeighborAdvertisementIsJudgedByItsSourceThenByItsTarget) {
    filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN;
    SetPortList({Entry(VIGIL_WL_IPV6 | VIGIL_WL_MAC, V6("2001:db8::"), 64, 0, kVm)});
-   Build("2001:db8::1", true, 136);
+   /* Source and target in the list: the input observation comes from the
+    * source check, the output observation from the target check. */
+   Build("2001:db8::1", true, 136, kVlan, "2001:db8::1", TargetOption(kVm));
    EXPECT_EQ(Run(), 2u);
    EXPECT_EQ(Observed(),
              (std::vector<Seen>{{false, InputRecord(kPort)},
-                                {false, OutputRecord(kPort, filter->portWhiteList, 2)}}));
+                                {false, OutputRecord(kPort, filter->portWhiteList, 5)}}));
    EXPECT_TRUE(LogTexts().empty());
-   EXPECT_EQ(filter->stats.statWardenNdDrops, 0u);
 
-   Build("2001:db8:1::1", true, 136);
+   /* The target's option names another MAC: dropped by the target check. */
+   Build("2001:db8::1", true, 136, kVlan, "2001:db8::1", TargetOption(kOtherMac));
+   EXPECT_EQ(Run(), 1u);
+   EXPECT_EQ(filter->stats.statWardenNdDrops, 1u);
+   EXPECT_EQ(filter->stats.statWardenV6Drops, 0u);
+   EXPECT_EQ(Observed(), (std::vector<Seen>{{false, InputRecord(kPort)},
+                                            {true, DropRecord(kPort)}}));
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Filter 0x10 [P]DROP wdnType 5 vlan 5 mac 02:00:00:00:00:11",
+                            "Filter 0x10 [P]DROP ND: 2001:db8:0:0:0:0:0:1"}));
+
+   /* A target outside the list. */
+   Build("2001:db8::1", true, 136, kVlan, "2001:db8:1::1", TargetOption(kVm));
+   EXPECT_EQ(Run(), 1u);
+   EXPECT_EQ(filter->stats.statWardenNdDrops, 2u);
+   Observed();
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Filter 0x10 [P]DROP wdnType 5 vlan 5 mac 02:00:00:00:00:10",
+                            "Filter 0x10 [P]DROP ND: 2001:db8:1:0:0:0:0:1"}));
+
+   /* A source outside the list ends the check before the target. */
+   Build("2001:db8:1::1", true, 136, kVlan, "2001:db8::1", TargetOption(kVm));
    EXPECT_EQ(Run(), 1u);
    EXPECT_EQ(filter->stats.statWardenV6Drops, 1u);
-   EXPECT_EQ(filter->stats.statWardenNdDrops, 0u);
+   EXPECT_EQ(filter->stats.statWardenNdDrops, 2u);
    EXPECT_EQ(Observed(), (std::vector<Seen>{{false, InputRecord(kPort)},
                                             {true, DropRecord(kPort)}}));
    EXPECT_EQ(LogTexts(), (std::vector<std::string>{
                             "Filter 0x10 [P]DROP wdnType 2 vlan 5 mac 02:00:00:00:00:10",
                             "Filter 0x10 [P]DROP v6: 2001:db8:1:0:0:0:0:1"}));
+}
+
+TEST_F(Ipv6WardenTest, NeighborAdvertisementWithoutTargetOptionPassesTheMacTest) {
+   filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN;
+   /* The entry's MAC is not the frame's: only the null MAC of a missing
+    * option lets the target pass; the source is judged by a second entry. */
+   SetPortList({Entry(VIGIL_WL_IPV6 | VIGIL_WL_MAC | VIGIL_WL_VLAN, V6("2001:db8::50"), 128,
+                      kVlan, kOtherMac),
+                Entry(VIGIL_WL_IPV6 | VIGIL_WL_MAC, V6("fe80::"), 64, 0, kVm)});
+   Build("fe80::10", true, 136, kVlan, "2001:db8::50");
+   EXPECT_EQ(Run(), 2u);
+   EXPECT_EQ(Observed(),
+             (std::vector<Seen>{{false, InputRecord(kPort)},
+                                {false, OutputRecord(kPort, &filter->portWhiteList[0], 5)}}));
+   /* The same advertisement with the frame's MAC in the option fails. */
+   Build("fe80::10", true, 136, kVlan, "2001:db8::50", TargetOption(kVm));
+   EXPECT_EQ(Run(), 1u);
+   EXPECT_EQ(filter->stats.statWardenNdDrops, 1u);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Filter 0x10 [P]DROP wdnType 5 vlan 5 mac 02:00:00:00:00:10",
+                            "Filter 0x10 [P]DROP ND: 2001:db8:0:0:0:0:0:50"}));
+}
+
+TEST_F(Ipv6WardenTest, InvalidNeighborAdvertisementIsDroppedOnceItsSourcePasses) {
+   filter->featuresEnabled = VIGIL_FEAT_PORT_WARDEN;
+   SetPortList({Entry(VIGIL_WL_IPV6, V6("2001:db8::"), 64)});
+   /* A target option of two units. */
+   Build("2001:db8::1", true, 136, kVlan, "2001:db8::1", TargetOption(kVm, 2));
+   EXPECT_EQ(Run(), 1u);
+   EXPECT_EQ(filter->stats.statWardenNdDrops, 1u);
+   EXPECT_EQ(filter->stats.statWardenV6Drops, 0u);
+   /* The source check asked for both observations and passed. */
+   EXPECT_EQ(Observed(),
+             (std::vector<Seen>{{false, InputRecord(kPort)},
+                                {false, OutputRecord(kPort, filter->portWhiteList, 2)}}));
+   EXPECT_EQ(LogTexts(),
+             (std::vector<std::string>{
+                "Filter 0x10 Invalid target addr option length: 16",
+                "Filter 0x10 Invalid IPV6 ND Pkt, setting action to drop the packet"}));
+
+   /* From a source outside the list it is a source drop and nothing more. */
+   Build("2001:db9::1", true, 136, kVlan, "2001:db8::1", TargetOption(kVm, 2));
+   EXPECT_EQ(Run(), 1u);
+   EXPECT_EQ(filter->stats.statWardenNdDrops, 1u);
+   EXPECT_EQ(filter->stats.statWardenV6Drops, 1u);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Filter 0x10 Invalid target addr option length: 16",
+                            "Filter 0x10 [P]DROP wdnType 2 vlan 5 mac 02:00:00:00:00:10",
+                            "Filter 0x10 [P]DROP v6: 2001:db9:0:0:0:0:0:1"}));
 }
 
 TEST_F(Ipv6WardenTest, OtherIpv6FramesAreJudgedByTheirSource) {

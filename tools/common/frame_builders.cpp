@@ -87,6 +87,47 @@ Bytes Ipv6Bytes(const std::string &text) {
    return Bytes(b, b + 16);
 }
 
+Ipv6Extension HopByHopOptions() {
+   return {0, Bytes{0, 0, 1, 4, 0, 0, 0, 0}};
+}
+
+Ipv6Extension DestinationOptions() {
+   return {60, Bytes{0, 0, 1, 4, 0, 0, 0, 0}};
+}
+
+Ipv6Extension FragmentHeader(uint16_t offset8, bool moreFragments, uint32_t ident) {
+   uint16_t word = static_cast<uint16_t>((offset8 << 3) | (moreFragments ? 1 : 0));
+   return {44, Bytes{0, 0, static_cast<uint8_t>(word >> 8), static_cast<uint8_t>(word),
+                     static_cast<uint8_t>(ident >> 24), static_cast<uint8_t>(ident >> 16),
+                     static_cast<uint8_t>(ident >> 8), static_cast<uint8_t>(ident)}};
+}
+
+Bytes WithIpv6Extensions(const Bytes &frame, const std::vector<Ipv6Extension> &exts) {
+   constexpr size_t kIp = 14;
+   if (frame.size() < kIp + 40 || frame[12] != 0x86 || frame[13] != 0xdd) {
+      throw std::invalid_argument("not an untagged IPv6 frame");
+   }
+   Bytes out(frame.begin(), frame.begin() + kIp + 40);
+   uint8_t next = frame[kIp + 6];
+   Bytes chain;
+   for (size_t i = exts.size(); i-- > 0;) {
+      Bytes ext = exts[i].bytes;
+      if (ext.size() < 8 || ext.size() % 8 != 0) {
+         throw std::invalid_argument("an extension header is a multiple of 8 bytes");
+      }
+      ext[0] = next;
+      next = exts[i].proto;
+      chain.insert(chain.begin(), ext.begin(), ext.end());
+   }
+   out[kIp + 6] = next;
+   size_t payloadLen = (static_cast<size_t>(out[kIp + 4]) << 8 | out[kIp + 5]) + chain.size();
+   out[kIp + 4] = static_cast<uint8_t>(payloadLen >> 8);
+   out[kIp + 5] = static_cast<uint8_t>(payloadLen);
+   out.insert(out.end(), chain.begin(), chain.end());
+   out.insert(out.end(), frame.begin() + kIp + 40, frame.end());
+   return out;
+}
+
 Bytes Udp6Frame(const std::string &srcMac, const std::string &dstMac, const Ipv6Fields &ip,
                 uint16_t sport, uint16_t dport, const Bytes &payload) {
    EthernetII frame = EthernetII(MacOf(dstMac), MacOf(srcMac)) / Ipv6Header(ip) / UDP(dport, sport);

@@ -167,6 +167,28 @@ Bytes Dhcpv6Frame(const std::string &srcMac, const std::string &dstMac, const Ip
                   uint16_t sport, uint16_t dport, uint8_t msgType, uint32_t xid,
                   const std::vector<std::pair<uint16_t, Bytes>> &options);
 
+/* IPv6 extension headers, put between the IPv6 header of a frame and what
+ * follows it by WithIpv6Extensions: the protocol number that announces the
+ * header and its bytes, whose first byte (the next header) is filled in
+ * there. */
+struct Ipv6Extension {
+   uint8_t proto;
+   Bytes bytes;
+};
+/* Hop-by-hop options (0) and destination options (60): eight bytes, a PadN
+ * option filling them. */
+Ipv6Extension HopByHopOptions();
+Ipv6Extension DestinationOptions();
+/* A fragment header (44) with the offset in units of 8 bytes, the More
+ * Fragments flag and an identification.  Offset 0 without More Fragments
+ * is an atomic fragment. */
+Ipv6Extension FragmentHeader(uint16_t offset8, bool moreFragments, uint32_t ident = 0x1234);
+/* The IPv6 frame (untagged Ethernet II) with `exts` in that order between
+ * its IPv6 header and the rest, the payload length grown to match.  An
+ * upper-layer checksum stays right: it does not cover extension headers.
+ * Throws std::invalid_argument for a frame that is not IPv6. */
+Bytes WithIpv6Extensions(const Bytes &frame, const std::vector<Ipv6Extension> &exts);
+
 /* The bytes of an IPv6 address; throws std::invalid_argument. */
 Bytes Ipv6Bytes(const std::string &text);
 

@@ -12,12 +12,6 @@
 #include "vigil_log.h"
 #include "vigil_warden.h"
 
-#define VIGIL_ICMPV6_MLD_REPORT 131
-#define VIGIL_ICMPV6_MLD_DONE 132
-#define VIGIL_ICMPV6_ROUTER_SOLICIT 133
-#define VIGIL_ICMPV6_NEIGHBOR_SOLICIT 135
-#define VIGIL_ICMPV6_NEIGHBOR_ADVERT 136
-
 /* The top `bits` bits of a word, with the count of low zero bits taken
  * modulo 32 as the shift does it. */
 static inline u32 VigilPrefixWordMask(u32 bits) {
