@@ -11,7 +11,7 @@ PACKAGES="cmake ninja-build g++ pkg-config binutils googletest libgtest-dev \
 libgmock-dev libbenchmark-dev libtins-dev libpcap-dev nlohmann-json3-dev \
 libcli11-dev"
 LAB_PACKAGES="python3-pytest python3-scapy dnsmasq-base isc-dhcp-client \
-dhcpcd-base iproute2 iputils-ping ethtool"
+dhcpcd-base iproute2 iputils-ping ethtool radvd"
 
 missing_of() {
    for pkg in "$@"; do

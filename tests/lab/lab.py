@@ -4,7 +4,8 @@ pairs, real programs in them, and vigilctl to look inside the switch.
 Every Lab makes its own namespaces (named after the process and a counter),
 and removes everything it made when it is closed: the programs it started,
 vigild, the namespaces and with them the veth pairs.  Addresses come from
-192.0.2.0/24 and 198.51.100.0/24 only, and every wait is bounded.
+192.0.2.0/24, 198.51.100.0/24 and 2001:db8::/32 only, and every wait is
+bounded.  IPv6 is off in a namespace unless it is asked for.
 """
 import itertools
 import json
@@ -51,6 +52,7 @@ class VM:
         self.port_if = port_if
         self.ifname = "eth0"
         self.ip = None
+        self.ip6 = None
 
     def run(self, *cmd, **kw):
         return self.lab.run(self.ns, *cmd, **kw)
@@ -69,12 +71,50 @@ class VM:
         if self.ip is None:
             self.ip = cidr.split("/")[0]
 
+    def add_ip6(self, cidr):
+        """An IPv6 address on eth0; the kernel runs duplicate address
+        detection for it (see wait_dad)."""
+        self.run("ip", "-6", "addr", "add", cidr, "dev", self.ifname)
+        if self.ip6 is None:
+            self.ip6 = cidr.split("/")[0]
+
+    def addresses6(self, scope="global"):
+        """The IPv6 addresses of eth0 in `scope`: {address: flags}."""
+        r = self.run("ip", "-6", "-o", "addr", "show", "dev", self.ifname, "scope", scope)
+        found = {}
+        for line in r.stdout.splitlines():
+            words = line.split()
+            if "inet6" in words:
+                at = words.index("inet6")
+                found[words[at + 1].split("/")[0]] = words[at + 2:]
+        return found
+
+    def wait_dad(self, timeout=6):
+        """Waits until duplicate address detection has ended for every IPv6
+        address of eth0, link-local included; fails if one was refused."""
+        def done():
+            text = self.run("ip", "-6", "-o", "addr", "show", "dev", self.ifname).stdout
+            if "dadfailed" in text:
+                raise LabError(f"{self.name}: duplicate address detection failed:\n{text}")
+            return "inet6" in text and "tentative" not in text
+        wait_for(done, timeout=timeout, what=f"duplicate address detection on {self.name}")
+
+    def snmp6(self, counter):
+        """A counter of the namespace's /proc/net/snmp6 (Icmp6InEchos...)."""
+        for line in self.run("cat", "/proc/net/snmp6").stdout.splitlines():
+            words = line.split()
+            if len(words) == 2 and words[0] == counter:
+                return int(words[1])
+        raise LabError(f"{self.name}: no {counter} in /proc/net/snmp6")
+
     def ping(self, dst, count=3, src=None, timeout=10, check=True):
         if check:
             # An address that failed to resolve before stays failed for a
             # while: start from an empty neighbour table.
             self.run("ip", "neigh", "flush", "dev", self.ifname, check=False)
         cmd = ["ping", "-n", "-q", "-c", str(count), "-i", "0.2", "-W", "1"]
+        if ":" in dst:
+            cmd.append("-6")
         if src:
             cmd += ["-I", src]
         r = self.run(*cmd, dst, timeout=timeout, check=False)
@@ -96,12 +136,20 @@ class Lab:
 
     # ------------------------------------------------------------ basics
     def netns(self, name, ipv6=False):
+        """A namespace with lo up.  Without `ipv6` its interfaces have no
+        IPv6; with it, they are hosts with the kernel's defaults (duplicate
+        address detection, router advertisements and SLAAC accepted), no
+        temporary addresses and no unsolicited advertisements."""
         ns = f"{self.prefix}-{name}"
         subprocess.run(["ip", "netns", "add", ns], check=True, timeout=10)
         self.namespaces.append(ns)
         self.run(ns, "ip", "link", "set", "lo", "up")
-        if not ipv6:
-            for key in ("all", "default"):
+        for key in ("all", "default"):
+            if ipv6:
+                self.run(ns, "sysctl", "-qw", f"net.ipv6.conf.{key}.disable_ipv6=0",
+                         f"net.ipv6.conf.{key}.use_tempaddr=0",
+                         f"net.ipv6.conf.{key}.ndisc_notify=0")
+            else:
                 self.run(ns, "sysctl", "-qw", f"net.ipv6.conf.{key}.disable_ipv6=1")
         return ns
 
@@ -136,12 +184,13 @@ class Lab:
             os.killpg(proc.pid, signal.SIGKILL)
             return proc.wait(timeout=5)
 
-    def vm(self, name, mac, ip=None, offload=False):
+    def vm(self, name, mac, ip=None, offload=False, ipv6=False):
         """A namespace with eth0 (MAC `mac`) whose peer `p-NAME` is in the
         switch namespace.  Segmentation offload is off on eth0 (a switch
         port carries frames of the link's size); checksums stay offloaded
-        unless `offload` is false... kept as the kernel sets them."""
-        ns = self.netns(name)
+        unless `offload` is false... kept as the kernel sets them.  With
+        `ipv6`, eth0 has IPv6 (a link-local address once it is up)."""
+        ns = self.netns(name, ipv6=ipv6)
         port_if = f"p-{name}"
         self.run(None, "ip", "link", "add", "eth0", "netns", ns, "address", mac, "type", "veth",
                  "peer", "name", port_if, "netns", self.sw)
@@ -199,6 +248,9 @@ class Lab:
     def bindings(self, port):
         return self.state(port)["vmiList"]
 
+    def bindings6(self, port):
+        return self.state(port)["v6VmiList"]
+
     def messages(self):
         """Portset messages delivered since the last call (also kept in
         messages_seen)."""
@@ -225,6 +277,33 @@ class Lab:
         proc, log = vm.spawn(*cmd, name=name)
         wait_for(lambda: proc.poll() is not None or "DHCP, IP range" in self.read(log),
                  timeout=10, what=f"{name} to start")
+        if proc.poll() is not None:
+            raise LabError(f"{name} ended:\n{self.read(log)}")
+        return proc
+
+    def radvd(self, vm, prefix, name="radvd"):
+        """radvd on the VM's eth0, advertising `prefix` (on-link,
+        autonomous) every 3 to 4 s and in answer to router solicitations.
+        The namespace forwards IPv6, as a router's does."""
+        conf = os.path.join(self.workdir, f"{name}.conf")
+        with open(conf, "w") as f:
+            f.write(f"interface {vm.ifname} {{\n"
+                    "  AdvSendAdvert on;\n"
+                    "  MinRtrAdvInterval 3;\n"
+                    "  MaxRtrAdvInterval 4;\n"
+                    f"  prefix {prefix} {{\n"
+                    "    AdvOnLink on;\n"
+                    "    AdvAutonomous on;\n"
+                    "  };\n"
+                    "};\n")
+        os.chmod(conf, 0o644)
+        vm.run("sysctl", "-qw", "net.ipv6.conf.all.forwarding=1")
+        pid = os.path.join(self.workdir, f"{name}.pid")
+        proc, log = vm.spawn("radvd", "--nodaemon", "--debug", "1", "--logmethod", "stderr",
+                             "--config", conf, "--pidfile", pid, name=name)
+        # radvd writes its pid file once its configuration is read.
+        wait_for(lambda: proc.poll() is not None or os.path.exists(pid), timeout=10,
+                 what=f"{name} to start")
         if proc.poll() is not None:
             raise LabError(f"{name} ended:\n{self.read(log)}")
         return proc
