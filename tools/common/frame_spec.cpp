@@ -329,11 +329,46 @@ Ipv6Fields Ipv6Of(const Values &v, const std::string &sip, const std::string &di
    return ip;
 }
 
+/* The IPv6 extension headers of `ext`: words joined by '+', in the order
+ * they stand in the frame. */
+std::vector<Ipv6Extension> ExtensionsOf(const Values &v) {
+   std::string text = v.Text("ext", "none");
+   std::vector<Ipv6Extension> exts;
+   if (text == "none") return exts;
+   size_t start = 0;
+   for (;;) {
+      size_t plus = text.find('+', start);
+      std::string word = text.substr(start, plus == std::string::npos ? plus : plus - start);
+      if (word == "hop") {
+         exts.push_back(HopByHopOptions());
+      } else if (word == "dst") {
+         exts.push_back(DestinationOptions());
+      } else if (word == "frag") {
+         exts.push_back(FragmentHeader(0, false));
+      } else if (word == "frag-first") {
+         exts.push_back(FragmentHeader(0, true));
+      } else if (word == "frag-later") {
+         exts.push_back(FragmentHeader(1, false));
+      } else {
+         throw SpecError(v.What("ext") + ": '" + word +
+                         "' is not hop, dst, frag, frag-first or frag-later");
+      }
+      if (plus == std::string::npos) return exts;
+      start = plus + 1;
+   }
+}
+
+/* The IPv6 frame with the extension headers of `ext`, if any. */
+Bytes WithExtensions(const Values &v, const Bytes &frame) {
+   std::vector<Ipv6Extension> exts = ExtensionsOf(v);
+   return exts.empty() ? frame : WithIpv6Extensions(frame, exts);
+}
+
 Bytes BuildUdp6(const Values &v) {
-   return Udp6Frame(v.Mac("src", kSpecVmMac), v.Mac("dst", kSpecServerMac),
+   return WithExtensions(v, Udp6Frame(v.Mac("src", kSpecVmMac), v.Mac("dst", kSpecServerMac),
                     Ipv6Of(v, kSpecVmIp6, kSpecServerIp6, 64),
                     static_cast<uint16_t>(v.Number("sport", 40000, 0xffff)),
-                    static_cast<uint16_t>(v.Number("dport", 80, 0xffff)), v.Hex("payload"));
+                    static_cast<uint16_t>(v.Number("dport", 80, 0xffff)), v.Hex("payload")));
 }
 
 Bytes BuildNs(const Values &v) {
@@ -351,7 +386,7 @@ Bytes BuildNs(const Values &v) {
    Ipv6Fields ip = Ipv6Of(v, kSpecVmLinkLocal, groupText, 255);
    bool unspecified = Ipv6Bytes(ip.sip) == Bytes(16, 0);
    if (auto sll = LinkLayerOption(v, "sll", unspecified ? "none" : src)) nd.options.emplace_back(1, *sll);
-   return NdFrame(src, v.Mac("dst", MacText(groupMac)), ip, nd);
+   return WithExtensions(v, NdFrame(src, v.Mac("dst", MacText(groupMac)), ip, nd));
 }
 
 Bytes BuildNa(const Values &v) {
@@ -363,7 +398,8 @@ Bytes BuildNa(const Values &v) {
    nd.override = v.Has("override") ? v.Flag("override") : true;
    std::string src = v.Mac("src", kSpecVmMac);
    if (auto tll = LinkLayerOption(v, "tll", src)) nd.options.emplace_back(2, *tll);
-   return NdFrame(src, v.Mac("dst", kAllNodesMac), Ipv6Of(v, kSpecVmLinkLocal, kAllNodes, 255), nd);
+   return WithExtensions(v, NdFrame(src, v.Mac("dst", kAllNodesMac),
+                                    Ipv6Of(v, kSpecVmLinkLocal, kAllNodes, 255), nd));
 }
 
 Bytes BuildRa(const Values &v) {
@@ -396,7 +432,8 @@ Bytes BuildRa(const Values &v) {
       value.insert(value.end(), addr, addr + 16);
       nd.options.emplace_back(3, value);
    }
-   return NdFrame(src, v.Mac("dst", kAllNodesMac), Ipv6Of(v, kSpecVmLinkLocal, kAllNodes, 255), nd);
+   return WithExtensions(v, NdFrame(src, v.Mac("dst", kAllNodesMac),
+                                    Ipv6Of(v, kSpecVmLinkLocal, kAllNodes, 255), nd));
 }
 
 const std::map<std::string, int> kDhcpv6Types = {
@@ -449,10 +486,11 @@ Bytes BuildDhcpv6(const Values &v) {
       options.emplace_back(static_cast<uint16_t>(ParseNumber(opt.substr(0, eq), 0xffff, v.What("opt"))),
                            ParseHex(opt.substr(eq + 1), v.What("opt")));
    }
-   return Dhcpv6Frame(src, dst, ip, static_cast<uint16_t>(v.Number("sport", server ? 547 : 546, 0xffff)),
+   return WithExtensions(
+       v, Dhcpv6Frame(src, dst, ip, static_cast<uint16_t>(v.Number("sport", server ? 547 : 546, 0xffff)),
                       static_cast<uint16_t>(v.Number("dport", server ? 546 : 547, 0xffff)),
                       static_cast<uint8_t>(type),
-                      static_cast<uint32_t>(v.Number("xid", 0x1001, 0xffffff)), options);
+                      static_cast<uint32_t>(v.Number("xid", 0x1001, 0xffffff)), options));
 }
 
 const std::vector<Kind> &Kinds() {
@@ -548,7 +586,10 @@ const std::vector<Kind> &Kinds() {
                     {"hlim", Type::Number, "64", "hop limit"},
                     {"sport", Type::Number, "40000", "source port"},
                     {"dport", Type::Number, "80", "destination port"},
-                    {"payload", Type::Hex, "none", "bytes behind the UDP header"}},
+                    {"payload", Type::Hex, "none", "bytes behind the UDP header"},
+                    {"ext", Type::Word, "none",
+                     "IPv6 extension headers before the payload, joined by +: hop, dst, frag "
+                     "(atomic), frag-first, frag-later (offset 8)"}},
                    BuildUdp6});
       k.push_back({"ns", "a neighbor solicitation of the VM",
                    {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
@@ -560,7 +601,10 @@ const std::vector<Kind> &Kinds() {
                     {"hlim", Type::Number, "255", "hop limit"},
                     {"target", Type::Ipv6, "2001:db8::1", "target address"},
                     {"sll", Type::Word, "src; none when sip is ::",
-                     "source link-layer address option; none leaves it out"}},
+                     "source link-layer address option; none leaves it out"},
+                    {"ext", Type::Word, "none",
+                     "IPv6 extension headers before the payload, joined by +: hop, dst, frag "
+                     "(atomic), frag-first, frag-later (offset 8)"}},
                    BuildNs});
       k.push_back({"na", "a neighbor advertisement of the VM",
                    {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
@@ -573,7 +617,10 @@ const std::vector<Kind> &Kinds() {
                     {"solicited", Type::Flag, "0", "the solicited flag"},
                     {"override", Type::Flag, "1", "the override flag"},
                     {"tll", Type::Word, "src",
-                     "target link-layer address option; none leaves it out"}},
+                     "target link-layer address option; none leaves it out"},
+                    {"ext", Type::Word, "none",
+                     "IPv6 extension headers before the payload, joined by +: hop, dst, frag "
+                     "(atomic), frag-first, frag-later (offset 8)"}},
                    BuildNa});
       k.push_back({"ra", "a router advertisement, sent by the VM",
                    {{"src", Type::Mac, "02:00:00:00:00:10", "source MAC"},
@@ -593,7 +640,10 @@ const std::vector<Kind> &Kinds() {
                      "prefix information option; none leaves it out"},
                     {"prefix-flags", Type::Number, "0xc0", "its on-link and autonomous flags"},
                     {"valid", Type::Number, "86400", "its valid lifetime"},
-                    {"preferred", Type::Number, "14400", "its preferred lifetime"}},
+                    {"preferred", Type::Number, "14400", "its preferred lifetime"},
+                    {"ext", Type::Word, "none",
+                     "IPv6 extension headers before the payload, joined by +: hop, dst, frag "
+                     "(atomic), frag-first, frag-later (offset 8)"}},
                    BuildRa});
       k.push_back(
           {"dhcpv6",
@@ -626,7 +676,10 @@ const std::vector<Kind> &Kinds() {
             {"preferred", Type::Number, "3600", "its preferred lifetime"},
             {"valid", Type::Number, "7200", "its valid lifetime"},
             {"opt", Type::Option, "none",
-             "CODE=HEX: one more option, after the others; may be given more than once"}},
+             "CODE=HEX: one more option, after the others; may be given more than once"},
+            {"ext", Type::Word, "none",
+             "IPv6 extension headers before the UDP header, joined by +: hop, dst, frag "
+             "(atomic), frag-first, frag-later (offset 8)"}},
            BuildDhcpv6});
       return k;
    }();

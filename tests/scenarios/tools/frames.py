@@ -55,6 +55,11 @@ Commands (all addresses in their usual text form; numbers decimal or 0x):
          [--reachable N] [--retrans N] [--sll MAC|none] [--prefix P/LEN|none]
          [--prefix-flags N] [--valid N] [--preferred N]
       A router advertisement sent by the VM, with 2001:db8::/64.
+      udp6, ns, na, ra and dhcpv6 also take [--ext HDR+HDR...]: IPv6
+      extension headers between the IPv6 header and the payload, in that
+      order: hop (hop-by-hop options), dst (destination options), frag (an
+      atomic fragment), frag-first (offset 0, more fragments), frag-later
+      (offset 8); each eight bytes, a fragment's identification 0x1234.
   dhcpv6 TYPE [--src MAC] [--dst MAC] [--sip IP6] [--dip IP6] [--hlim N]
          [--sport N] [--dport N] [--xid N] [--client-id HEX|none]
          [--server-id HEX|none] [--ia 0|1] [--iaid N] [--t1 N] [--t2 N]
@@ -261,11 +266,37 @@ def ip6(text):
     return ipaddress.IPv6Address(text).packed
 
 
-def ipv6_frame(dst, src, sip, dip, hlim, nh, l4):
+EXT_HEADERS = {
+    "hop": (0, bytes.fromhex("00010400000000")),  # PadN fills the eight bytes
+    "dst": (60, bytes.fromhex("00010400000000")),
+    "frag": (44, struct.pack("!BHI", 0, 0 << 3 | 0, 0x1234)),
+    "frag-first": (44, struct.pack("!BHI", 0, 0 << 3 | 1, 0x1234)),
+    "frag-later": (44, struct.pack("!BHI", 0, 1 << 3 | 0, 0x1234)),
+}
+
+
+def ext_chain(ext, nh):
+    """The extension headers of --ext (words joined by '+') in front of a
+    payload of protocol `nh`: the bytes and the first next header."""
+    if not ext or ext == "none":
+        return b"", nh
+    chain = b""
+    for word in reversed(ext.split("+")):
+        if word not in EXT_HEADERS:
+            raise SystemExit("--ext: %r is not hop, dst, frag, frag-first or frag-later" % word)
+        proto, rest = EXT_HEADERS[word]
+        chain = bytes([nh]) + rest + chain
+        nh = proto
+    return chain, nh
+
+
+def ipv6_frame(dst, src, sip, dip, hlim, nh, l4, ext=None):
     """Ethernet and IPv6 around `l4`, whose checksum at `l4[csum_at]` is
-    filled in by the caller through upper_checksum."""
-    hdr = struct.pack("!IHBB16s16s", 0x60000000, len(l4), nh, hlim, sip, dip)
-    return eth(dst, src, 0x86DD) + [hdr.hex(), l4.hex()]
+    filled in by the caller through upper_checksum; `ext` puts extension
+    headers in between."""
+    chain, first = ext_chain(ext, nh)
+    hdr = struct.pack("!IHBB16s16s", 0x60000000, len(chain) + len(l4), first, hlim, sip, dip)
+    return eth(dst, src, 0x86DD) + [hdr.hex()] + ([chain.hex()] if chain else []) + [l4.hex()]
 
 
 def upper_checksum(sip, dip, nh, l4):
@@ -285,8 +316,8 @@ def cmd_udp6(a):
     payload = bytes.fromhex(a.payload)
     udp = struct.pack("!HHHH", a.sport, a.dport, 8 + len(payload), 0) + payload
     udp = with_checksum(sip, dip, 17, udp, 6)
-    emit(ipv6_frame(mac(a.dst or SERVER_MAC), mac(a.src or VM_MAC), sip, dip, a.hlim, 17, udp),
-         pad_to=60)
+    emit(ipv6_frame(mac(a.dst or SERVER_MAC), mac(a.src or VM_MAC), sip, dip, a.hlim, 17, udp,
+                    a.ext), pad_to=60)
 
 
 def nd_option(kind, value):
@@ -296,8 +327,8 @@ def nd_option(kind, value):
 def icmp6_frame(a, dst_default, dip_default, body):
     sip, dip = ip6(a.sip), ip6(a.dip or dip_default)
     msg = with_checksum(sip, dip, 58, body, 2)
-    emit(ipv6_frame(mac(a.dst or dst_default), mac(a.src or VM_MAC), sip, dip, a.hlim, 58, msg),
-         pad_to=60)
+    emit(ipv6_frame(mac(a.dst or dst_default), mac(a.src or VM_MAC), sip, dip, a.hlim, 58, msg,
+                    a.ext), pad_to=60)
 
 
 def cmd_ns(a):
@@ -372,7 +403,7 @@ def cmd_dhcpv6(a):
         body += opt(num(code), bytes.fromhex(val))
     udp = struct.pack("!HHHH", sport, dport, 8 + len(body), 0) + body
     udp = with_checksum(sip, dip, 17, udp, 6)
-    emit(ipv6_frame(dst, src, sip, dip, a.hlim, 17, udp), pad_to=60)
+    emit(ipv6_frame(dst, src, sip, dip, a.hlim, 17, udp, a.ext), pad_to=60)
 
 
 PROTOS = {"udp4": 17, "tcp4": 6, "icmp4": 1}
@@ -559,6 +590,7 @@ def parser():
     u6.add_argument("--sport", type=num, default=40000)
     u6.add_argument("--dport", type=num, default=80)
     u6.add_argument("--payload", default="")
+    u6.add_argument("--ext")
     u6.set_defaults(fn=cmd_udp6)
 
     for name, fn in (("ns", cmd_ns), ("na", cmd_na), ("ra", cmd_ra)):
@@ -589,6 +621,7 @@ def parser():
             n.add_argument("--prefix-flags", type=num, default=0xc0)
             n.add_argument("--valid", type=num, default=86400)
             n.add_argument("--preferred", type=num, default=14400)
+        n.add_argument("--ext")
         n.set_defaults(fn=fn)
 
     d6 = sub.add_parser("dhcpv6")
@@ -606,6 +639,7 @@ def parser():
     d6.add_argument("--preferred", type=num, default=3600)
     d6.add_argument("--valid", type=num, default=7200)
     d6.add_argument("--opt", action="append")
+    d6.add_argument("--ext")
     d6.set_defaults(fn=cmd_dhcpv6)
 
     b = sub.add_parser("bpdu")

@@ -445,6 +445,36 @@ const Case kCases[] = {
      "333300010002.020000000010.86dd."
      "60000000001a1140fe80000000000000000000fffe000010ff0200000000000000000000"
      "00010002.02220223001ae1be0b0010010001000a00030001020000000010"},
+    {"RaBehindHopByHopOptionsInAFirstFragment", "ra:ext=hop+frag-first",
+     "ra --ext hop+frag-first",
+     "333300000001.020000000010.86dd."
+     "60000000004800fffe80000000000000000000fffe000010ff0200000000000000000000"
+     "00000001.2c000104000000003a00000100001234."
+     "860037a04000070800000000000000000101020000000010030440c00001518000003840"
+     "0000000020010db8000000000000000000000000"},
+    {"NsBehindDestinationOptionsInAnAtomicFragment", "ns:ext=dst+frag,sll=none",
+     "ns --ext dst+frag --sll none",
+     "3333ff000001.020000000010.86dd."
+     "6000000000283cfffe80000000000000000000fffe000010ff0200000000000000000001"
+     "ff000001.2c000104000000003a00000000001234."
+     "87004f5c0000000020010db8000000000000000000000001"},
+    {"NaInALaterFragment", "na:ext=frag-later",
+     "na --ext frag-later",
+     "333300000001.020000000010.86dd."
+     "6000000000282cfffe80000000000000000000fffe000010ff0200000000000000000000"
+     "00000001.3a00000800001234."
+     "880028f62000000020010db80000000000000000000000500201020000000010"},
+    {"Udp6BehindHopByHopAndDestinationOptions", "udp6:ext=hop+dst,dport=53",
+     "udp6 --ext hop+dst --dport 53",
+     "020000000001.020000000010.86dd."
+     "600000000018004020010db800000000000000000000005020010db80000000000000000"
+     "00000001.3c000104000000001100010400000000.9c400035000807a6"},
+    {"Dhcpv6BehindHopByHopOptions", "dhcpv6:ext=hop,ia=0",
+     "dhcpv6 solicit --ext hop --ia 0",
+     "333300010002.020000000010.86dd."
+     "6000000000220040fe80000000000000000000fffe000010ff0200000000000000000000"
+     "00010002.1100010400000000."
+     "02220223001aebbe010010010001000a00030001020000000010"},
     {"Dhcpv6RenewWithTimers", "dhcpv6:type=renew,t1=100,t2=200,iaid=9",
      "dhcpv6 renew --t1 100 --t2 200 --iaid 9",
      "333300010002.020000000010.86dd."
@@ -513,6 +543,13 @@ TEST(FrameSpec, UnknownKindIsAnErrorThatListsTheKinds) {
 
 TEST(FrameSpec, UnknownKeyIsAnErrorThatListsTheKeysOfTheKind) {
    EXPECT_EQ(SpecError("bpdu:vlan=5"), "unknown key 'vlan' for bpdu frames (keys: src, dst)");
+}
+
+TEST(FrameSpec, UnknownExtensionHeaderIsAnErrorThatListsTheWords) {
+   EXPECT_EQ(SpecError("ra:ext=hop+routing"),
+             "ra key ext: 'routing' is not hop, dst, frag, frag-first or frag-later");
+   EXPECT_EQ(SpecError("udp6:ext="),
+             "udp6 key ext: '' is not hop, dst, frag, frag-first or frag-later");
 }
 
 TEST(FrameSpec, BadValuesAreErrorsNamingKindAndKey) {
