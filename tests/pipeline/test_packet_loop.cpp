@@ -801,7 +801,10 @@ TEST_F(MappedPtrTest, FailedFlatCopyAllocationLogsAndGivesNull) {
    EXPECT_EQ(VigilGetMappedPtr(pkt, &offset, 20, &ctx), nullptr);
    EXPECT_EQ(ctx.flatCopy, nullptr);
    EXPECT_EQ(offset, 30u);
-   EXPECT_EQ(LogTexts(), std::vector<std::string>{"Failed to alloc pktCopy: 100"});
+   std::vector<sim::LogLine> lines = TakeModuleLogs();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].log, "vigil.throttle") << "a frame causes it";
+   EXPECT_EQ(lines[0].text, "Failed to alloc pktCopy: 100");
 }
 
 TEST_F(MappedPtrTest, FailedCopyOfTheFrameLogsFreesTheCopyAndGivesNull) {
@@ -812,7 +815,10 @@ TEST_F(MappedPtrTest, FailedCopyOfTheFrameLogsFreesTheCopyAndGivesNull) {
    EXPECT_EQ(offset, 30u);
    EXPECT_EQ(sim::GetHeapStats(heapID).allocations, heapBefore.allocations);
    EXPECT_EQ(sim::GetHeapStats(heapID).totalAllocs, heapBefore.totalAllocs + 1);
-   EXPECT_EQ(LogTexts(), std::vector<std::string>{"Failed to copy pkt: Invalid data(100)"});
+   std::vector<sim::LogLine> lines = TakeModuleLogs();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].log, "vigil.throttle") << "a frame causes it";
+   EXPECT_EQ(lines[0].text, "Failed to copy pkt: Invalid data(100)");
 }
 
 /* ------------------------------------------------------ OXA_PktFindSGEntry */

@@ -354,14 +354,14 @@ u8 *VigilGetMappedPtr(zek_Pkt *pkt, u32 *offset, u32 length,
    }
    ctx->flatCopy = (u8 *)Vigil_HeapAlloc(ctx->frameLen);
    if (ctx->flatCopy == nullptr) {
-      VIGIL_LOG_ERROR("Failed to alloc pktCopy: %u", ctx->frameLen);
+      VIGIL_LOG_THROTTLED("Failed to alloc pktCopy: %u", ctx->frameLen);
       return nullptr;
    }
    zek_Status status =
       zek_PktCopyBytesOut(ctx->flatCopy, ctx->frameLen, 0, pkt);
    if (status != ZEK_OK) {
-      VIGIL_LOG_ERROR("Failed to copy pkt: %s(%u)", zek_StatusToString(status),
-                      ctx->frameLen);
+      VIGIL_LOG_THROTTLED("Failed to copy pkt: %s(%u)", zek_StatusToString(status),
+                          ctx->frameLen);
       VigilFreeFlatCopy(ctx);
       return nullptr;
    }
