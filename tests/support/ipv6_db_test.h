@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "test_addresses.h"
+#include "port_db_test.h"
 #include "test_frames.h"
 #include "vigil_config.h"
 #include "vigil_test.h"
@@ -172,9 +173,8 @@ inline i64 Uptime() {
    return now.sec;
 }
 
-class Ipv6DbTest : public VigilTest {
+class Ipv6DbTest : public PortDbTest {
 protected:
-   VigilFilter *filter = nullptr;
 
    void SetUp() override {
       VigilTest::SetUp();
@@ -213,13 +213,6 @@ protected:
       return texts;
    }
 
-   void WithWriteLock(const std::function<void()> &fn) {
-      VigilFilter *locked = Vigil_LockFilter(kPort, true);
-      EXPECT_EQ(locked, filter);
-      fn();
-      Vigil_UnlockFilter(locked, true);
-   }
-
    /* Every binding, expired ones too, goes. */
    void ClearDatabase() {
       WithWriteLock([this] { VigilClearV6Vmi(filter, true, 0, nullptr); });
@@ -231,37 +224,6 @@ protected:
       ClearDatabase();
       TakeMessages();
       sim::TakeLogs();
-   }
-
-   /* One frame as its own batch; its verdict. */
-   std::string Tx1(const Bytes &bytes, const sim::FrameOptions &opts = {}) {
-      std::vector<std::string> verdicts = Tx(kPort, {frames::Make(bytes, opts)});
-      return verdicts.size() == 1 ? verdicts[0] : "none";
-   }
-   std::string Rx1(const Bytes &bytes, const sim::FrameOptions &opts = {}) {
-      std::vector<std::string> verdicts = Rx(kPort, {frames::Make(bytes, opts)});
-      return verdicts.size() == 1 ? verdicts[0] : "none";
-   }
-
-   sim::LockCounts Locks() { return sim::GetLockCounts(filter->configLock); }
-
-   std::vector<sim::PortsetMessage> TakeMessages() {
-      sim::WaitIdle(5.0);
-      return sim::TakePortsetMessages();
-   }
-
-   /* The bytes of the messages delivered since the last look, each checked
-    * for its portset, port, flags and name. */
-   std::vector<Bytes> MessageBytes() {
-      std::vector<Bytes> out;
-      for (const sim::PortsetMessage &msg : TakeMessages()) {
-         EXPECT_EQ(msg.portset, "vs0");
-         EXPECT_EQ(msg.portID, kPort);
-         EXPECT_EQ(msg.flags, kMsgFlags);
-         EXPECT_EQ(msg.name, std::string((const char *)msg.bytes.data()));
-         out.push_back(msg.bytes);
-      }
-      return out;
    }
 
    VigilV6Vmi *Find(u16 vlan, const std::string &mac, const std::string &ip) {
