@@ -4,6 +4,7 @@
 #ifndef VIGIL_PACKET_H
 #define VIGIL_PACKET_H
 
+#include "vigil_dhcpv6.h"
 #include "vigil_filter.h"
 
 /* Parse bits of VigilPacketContext.flags. */
@@ -51,12 +52,7 @@ struct VigilPacketContext {
    u8 *dhcpLeaseTime;
    u8 *ndHdr;
    u8 *ndLinkAddrOpt;
-   u8 *dhcpV6Hdr;
-   u8 *dhcpV6ClientIdOpt;
-   u8 *dhcpV6ServerIdOpt;
-   u8 *dhcpV6RapidCommitOpt;
-   u8 *dhcpV6StatusOpt;
-   VigilListLinks dhcpV6IaList;
+   VigilDhcpV6Hdrs dhcpV6Hdrs; /* set by VigilParseDhcpv6Pkt */
    u8 holdsReadLock;
    u8 ethCopy[VIGIL_ETH_HDR_COPY];
    u8 ipCopy[VIGIL_IP_HDR_COPY];
@@ -125,12 +121,9 @@ void VigilDoNaSnooping(VigilFilter *filter, VigilPacketContext *ctx);
 VIGIL_MUST_CHECK zek_Status VigilProcessTxDhcpv6Discovery(VigilFilter *filter, zek_Pkt *pkt,
                                          VigilPacketContext *ctx, u32 *action);
 
-/* DHCPv6: whether a frame is a client or server message (by its UDP source
- * port), the frame's parse, request tracking on transmit (which gives back
- * what the parse holds) and the handling of a server's reply on receive. */
-bool VigilIsPktDhcpV6Msg(const VigilPacketContext *ctx);
-VIGIL_MUST_CHECK zek_Status VigilParseDhcpv6Pkt(VigilFilter *filter, zek_Pkt *pkt,
-                               VigilPacketContext *ctx);
+/* DHCPv6: recognising and parsing a frame's message is in vigil_dhcpv6.h;
+ * here request tracking on transmit (which gives back what the parse holds)
+ * and the handling of a server's reply on receive. */
 void VigilConfirmSnoopingTx(VigilFilter *filter, zek_Pkt *pkt, VigilPacketContext *ctx);
 VIGIL_MUST_CHECK zek_Status VigilProcessRxDhcpv6Discovery(VigilFilter *filter, zek_Pkt *pkt,
                                          VigilPacketContext *ctx);
