@@ -1053,3 +1053,66 @@ TEST_F(Dhcpv6TrackTest, MessageBeyondTheMappedPartAndAcrossElementsIsCopiedWhole
    EXPECT_NE(Find(0, kVmMac, kAddr1), nullptr);
    ExpectNoLeak();
 }
+
+TEST_F(Dhcpv6TrackTest, EveryAllocationOfAScatteredSolicitFailsInTurn) {
+   const Bytes solicit = Client(1, kXid, kRapidSolicit);
+   sim::FrameOptions opts;
+   opts.mapped = (int32_t)kIcmpAt + 10;
+   opts.sg = {(u32)kIcmpAt + 9, 7, 5};
+   ForEachAllocFailure(
+      3, [&] { DropRequests(); sim::TakeLogs(); },
+      [&] { EXPECT_EQ(Tx1(solicit, opts), "forward"); },
+      [&](u32 n) {
+         /* The frame's flat copy, the IA node of the parse, the request;
+          * the request's copy is taken from the flat copy. */
+         EXPECT_EQ(filter->numDhcpV6Reqs, n == 0 ? 1u : 0u);
+         if (n == 3) {
+            EXPECT_EQ(LogTexts(), (Texts{"Filter 0x10 No DHCPv6 pending request match found",
+                                         "Filter 0x10 Error! Alloc for DhcpV6Req failed"}));
+         }
+      });
+}
+
+TEST_F(Dhcpv6TrackTest, EveryAllocationOfARenewThatLostItsBindingFailsInTurn) {
+   /* The copy's IA and address nodes, the removed message. */
+   ForEachAllocFailure(
+      3,
+      [&] {
+         DropRequests();
+         Lease();
+         EXPECT_EQ(Tx1(Client(5, 0x556, ClientOpts(true, {{3, IaNa(kIaid, IaAddrSub(kAddr1, 0, 0))}}))),
+                   "forward");
+         TakeMessages();
+         sim::TakeLogs();
+      },
+      [&] {
+         EXPECT_EQ(Rx1(Server(7, 0x556, ServerOpts({}, {{13, StatusValue(3, "")}}))), "forward");
+      },
+      [&](u32 n) {
+         EXPECT_EQ(filter->numDhcpV6Entries, n == 1 || n == 2 ? 1u : 0u);
+         EXPECT_EQ(TakeMessages().size(), n == 0 ? 1u : 0u);
+         EXPECT_EQ(filter->numDhcpV6Reqs, 0u);
+      });
+}
+
+class Dhcpv6AgingTest : public Dhcpv6TrackTest {
+protected:
+   bool RunAgingWorld() override { return true; }
+};
+
+TEST_F(Dhcpv6AgingTest, TheAgingWorldEndsAnUnansweredRequestOnItsClock) {
+   const i64 now = Uptime();
+   EXPECT_EQ(Tx1(Client(3, 0x123, ClientOpts(true, {{3, IaNa(kIaid)}}))), "forward");
+   EXPECT_EQ(filter->agingKey, now + 2);
+   sim::Advance(1);
+   EXPECT_EQ(filter->numDhcpV6Reqs, 1u);
+   /* A retransmission a second later runs to now + 6. */
+   EXPECT_EQ(Tx1(Client(3, 0x123, ClientOpts(true, {{3, IaNa(kIaid)}}))), "forward");
+   EXPECT_EQ(filter->agingKey, now + 1 + 6);
+   sim::Advance(5);
+   EXPECT_EQ(filter->numDhcpV6Reqs, 1u);
+   sim::Advance(2);
+   EXPECT_EQ(filter->numDhcpV6Reqs, 0u);
+   EXPECT_EQ(filter->dhcpV6ReqBytes, 0u);
+   ExpectNoLeak();
+}
