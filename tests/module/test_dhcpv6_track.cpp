@@ -1116,3 +1116,32 @@ TEST_F(Dhcpv6AgingTest, TheAgingWorldEndsAnUnansweredRequestOnItsClock) {
    EXPECT_EQ(filter->dhcpV6ReqBytes, 0u);
    ExpectNoLeak();
 }
+
+TEST_F(Dhcpv6TrackTest, MessageWhoseOptionsLieInTwoElementsIsCopiedThroughAFlatCopy) {
+   /* Headers, message header and Client ID in the mapped first element, the
+    * other options in the second: the parse maps each option in place, the
+    * copy of the whole message needs the frame's flat copy. */
+   const Bytes solicit = Client(1, kXid, kRapidSolicit);
+   const u32 split = (u32)kIcmpAt + 8 + 4 + 18;
+   sim::FrameOptions opts;
+   opts.mapped = (int32_t)split;
+   opts.sg = {split};
+   /* The IA node of the parse, the request, the flat copy. */
+   ForEachAllocFailure(
+      3, [&] { DropRequests(); sim::TakeLogs(); },
+      [&] { EXPECT_EQ(Tx1(solicit, opts), "forward"); },
+      [&](u32 n) {
+         EXPECT_EQ(filter->numDhcpV6Reqs, n == 0 ? 1u : 0u);
+         if (n == 0) {
+            VigilDhcpV6Req *req = Requests()[0];
+            EXPECT_EQ(Bytes(req->msg, req->msg + req->msgLen),
+                      Bytes(solicit.begin() + kIcmpAt + 8, solicit.end()));
+         }
+         if (n == 3) {
+            EXPECT_EQ(LogTexts(),
+                      (Texts{"Filter 0x10 No DHCPv6 pending request match found",
+                             "Failed to alloc pktCopy: " + std::to_string(solicit.size()),
+                             "Filter 0x10 Error! Mapping packet for request creation failed"}));
+         }
+      });
+}
