@@ -624,6 +624,29 @@ TEST_F(Dhcpv6ParseTest, OptionHeaderAcrossTwoElementsIsReadFromACopy) {
    ExpectClean();
 }
 
+TEST_F(Dhcpv6ParseTest, MessageHeaderThatCanNotBeMappedIsRefused) {
+   /* The header straddles two elements and the frame's copy can't be made. */
+   Bytes frame = Frame(Msg(VIGIL_DHCPV6_SOLICIT, {ClientId()}));
+   sim::FrameOptions opts;
+   opts.mapped = (int32_t)(kMsgAt + 2);
+   opts.sg = {kMsgAt + 2};
+   sim::FaultAlloc(1);
+   EXPECT_EQ(Parse(frame, opts), VIGIL_STATUS_BAD_PARAM);
+   sim::FaultAlloc(0);
+   EXPECT_EQ(LogTexts(), (std::vector<std::string>{
+                            "Failed to alloc pktCopy: " + std::to_string(frame.size()),
+                            "Filter 0x10 Error! Can't access DHCP hdr"}));
+   EXPECT_EQ(ctx.flatCopy, nullptr);
+   EXPECT_TRUE(VigilListIsEmpty(&Hdrs().iaList));
+   /* With memory the same frame reads from the copy. */
+   ASSERT_EQ(Parse(frame, opts), ZEK_OK);
+   ASSERT_NE(ctx.flatCopy, nullptr);
+   EXPECT_EQ(Hdrs().msg, ctx.flatCopy + kMsgAt);
+   EXPECT_EQ(Hdrs().clientIdOpt, ctx.flatCopy + kMsgAt + 4);
+   Release(Hdrs());
+   ExpectClean();
+}
+
 /* ---------------------------------------------------- the inside of an IA */
 
 TEST_F(Dhcpv6ParseTest, IaKeepsItsLastStatusAndAddressesInOrderWithTheirStatus) {
