@@ -1145,3 +1145,25 @@ TEST_F(Dhcpv6TrackTest, MessageWhoseOptionsLieInTwoElementsIsCopiedThroughAFlatC
          }
       });
 }
+
+TEST_F(Dhcpv6TrackTest, ReplyOnAnotherVlanFindsNoRequestAndServerMessagesButReplyAreSkipped) {
+   sim::FrameOptions vlan5;
+   vlan5.vlan = 5;
+   EXPECT_EQ(Tx1(Client(3, 0x321, ClientOpts(true, {{3, IaNa(kIaid)}})), vlan5), "forward");
+   sim::TakeLogs();
+   EXPECT_EQ(Rx1(Server(7, 0x321, ServerOpts(Grant(kAddr1)))), "forward");
+   EXPECT_EQ(Rx1(Server(10, 0x321, {})), "forward");
+   EXPECT_EQ(Rx1(Server(13, 0x321, {})), "forward");
+   EXPECT_EQ(filter->numDhcpV6Entries, 0u);
+   EXPECT_EQ(filter->numDhcpV6Reqs, 1u);
+   EXPECT_EQ(LogTexts(),
+             (Texts{"Filter 0x10 No DHCPv6 pending request match found",
+                    "Filter 0x10 No Request for reply found - vlanID: 0, Xid: 0x32100",
+                    "Filter 0x10 Skipping DHCPv6 message type: Reconfigure (0xa)",
+                    "Filter 0x10 Skipping DHCPv6 message type: Relay-reply (0xd)"}));
+   /* On its own VLAN the Reply binds. */
+   EXPECT_EQ(Rx1(Server(7, 0x321, ServerOpts(Grant(kAddr1))), vlan5), "forward");
+   EXPECT_NE(Find(5, kVmMac, kAddr1), nullptr);
+   EXPECT_EQ(MessageBytes(), std::vector<Bytes>{DhcpAdded(5, kVmMac, kAddr1)});
+   ExpectNoLeak();
+}
