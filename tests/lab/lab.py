@@ -281,6 +281,24 @@ class Lab:
             raise LabError(f"{name} ended:\n{self.read(log)}")
         return proc
 
+    def dnsmasq6(self, vm, first, last, lease="2m", name="dnsmasq6"):
+        """dnsmasq serving stateful DHCPv6 only (no DNS, no router
+        advertisements) on the VM's eth0, addresses `first` to `last` of a
+        /64 that eth0 has an address in, for `lease` (valid and preferred
+        lifetimes alike)."""
+        leases = os.path.join(self.workdir, f"{name}.leases")
+        cmd = ["dnsmasq", "--no-daemon", "--conf-file=/dev/null", "--port=0",
+               f"--interface={vm.ifname}", "--bind-interfaces", "--dhcp-authoritative",
+               "--pid-file=", "--user=root", "--group=root",
+               f"--dhcp-range={first},{last},64,{lease}",
+               f"--dhcp-leasefile={leases}", "--log-dhcp"]
+        proc, log = vm.spawn(*cmd, name=name)
+        wait_for(lambda: proc.poll() is not None or "DHCPv6, IP range" in self.read(log),
+                 timeout=10, what=f"{name} to start")
+        if proc.poll() is not None:
+            raise LabError(f"{name} ended:\n{self.read(log)}")
+        return proc
+
     def radvd(self, vm, prefix, name="radvd"):
         """radvd on the VM's eth0, advertising `prefix` (on-link,
         autonomous) every 3 to 4 s and in answer to router solicitations.
@@ -362,6 +380,69 @@ class Lab:
             vm.dhclient = None
         vm.run("dhclient", "-r", "-v", "-cf", conf, "-lf", leases, "-pf", pid, "-sf", script,
                vm.ifname, timeout=timeout)
+
+    def _dhclient6_files(self, vm):
+        base = os.path.join(self.workdir, f"dhclient6-{vm.name}")
+        conf, script = base + ".conf", base + ".sh"
+        with open(conf, "w") as f:
+            f.write("timeout 10;\n")
+        # The address as the server gave it, with its lifetimes; gone again
+        # on release, expiry or stop.
+        with open(script, "w") as f:
+            f.write("#!/bin/sh\n"
+                    "case \"$reason\" in\n"
+                    "BOUND6|RENEW6|REBIND6|REBOOT6)\n"
+                    "  if [ -n \"$new_ip6_address\" ]; then\n"
+                    "    ip -6 addr replace \"$new_ip6_address/$new_ip6_prefixlen\" dev "
+                    "\"$interface\" valid_lft \"$new_max_life\" preferred_lft "
+                    "\"$new_preferred_life\"\n"
+                    "  fi ;;\n"
+                    "EXPIRE6|RELEASE6|STOP6)\n"
+                    "  if [ -n \"$old_ip6_address\" ]; then\n"
+                    "    ip -6 addr del \"$old_ip6_address/$old_ip6_prefixlen\" dev "
+                    "\"$interface\"\n"
+                    "  fi ;;\n"
+                    "esac\nexit 0\n")
+        os.chmod(script, 0o755)
+        return conf, base + ".leases", base + ".pid", script
+
+    def dhclient6(self, vm, timeout=15):
+        """Starts dhclient -6 (stateful, one IA_NA) on the VM and returns at
+        once; the address it was bound to comes from dhclient6_bound.  The
+        VM's link-local address must be past duplicate address detection."""
+        conf, leases, pid, script = self._dhclient6_files(vm)
+        proc, log = vm.spawn("dhclient", "-6", "-d", "-1", "-v", "-cf", conf, "-lf", leases,
+                             "-pf", pid, "-sf", script, vm.ifname, name=f"dhclient6-{vm.name}")
+        vm.dhclient6, vm.dhclient6_log = proc, log
+        return proc
+
+    def dhclient6_bound(self, vm, timeout=15):
+        """Waits until the dhclient -6 of the VM is bound; the address."""
+        def bound():
+            text = self.read(vm.dhclient6_log)
+            if "Bound to lease" in text:
+                # The last address received: the Reply's.
+                address = None
+                for line in text.splitlines():
+                    if line.startswith("RCV:") and "IAADDR" in line:
+                        address = line.split("IAADDR")[1].split()[0]
+                if address is None:
+                    raise LabError(f"dhclient -6 on {vm.name} bound no address:\n{text}")
+                return address
+            if vm.dhclient6.poll() is not None:
+                raise LabError(f"dhclient -6 on {vm.name} ended:\n{text}")
+            return None
+
+        return wait_for(bound, timeout=timeout, what=f"dhclient -6 on {vm.name}")
+
+    def dhclient6_release(self, vm, timeout=15):
+        """Stops the VM's dhclient -6, then releases its lease."""
+        conf, leases, pid, script = self._dhclient6_files(vm)
+        if getattr(vm, "dhclient6", None) is not None:
+            self.stop(vm.dhclient6)
+            vm.dhclient6 = None
+        vm.run("dhclient", "-6", "-r", "-v", "-cf", conf, "-lf", leases, "-pf", pid, "-sf",
+               script, vm.ifname, timeout=timeout)
 
     # ------------------------------------------------------------ helpers
     @staticmethod
