@@ -16,10 +16,6 @@
 #include "vigil_packet.h"
 #include "vigil_v6.h"
 
-/* Informational lines a frame can cause: level 1, through the throttle. */
-#define VIGIL_LOG_THROTTLED_INFO(fmt, ...)                                     \
-   VIGIL_LOG_ON(vigilThrottledLogHandle, 1, fmt, ##__VA_ARGS__)
-
 /* A new request's reqStatus; a Reply's message-level status replaces it. */
 #define VIGIL_DHCPV6_REQ_PENDING 1u
 

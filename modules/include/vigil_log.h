@@ -46,6 +46,9 @@
 #define VIGIL_LOG_INFO(fmt, ...) VIGIL_LOG_ON(logHandle, 1, fmt, ##__VA_ARGS__)
 #define VIGIL_LOG_THROTTLED(fmt, ...)                                          \
    VIGIL_LOG_ON(vigilThrottledLogHandle, 2, fmt, ##__VA_ARGS__)
+/* Informational lines a frame can cause: level 1, through the throttle. */
+#define VIGIL_LOG_THROTTLED_INFO(fmt, ...)                                     \
+   VIGIL_LOG_ON(vigilThrottledLogHandle, 1, fmt, ##__VA_ARGS__)
 
 #define VIGIL_LOG_VERBOSE(verbosity, fmt, ...)                                 \
    do {                                                                        \

@@ -22,9 +22,6 @@
 /* The smallest Status Code option: its header and the code. */
 #define VIGIL_DHCPV6_STATUS_MIN_SIZE (VIGIL_DHCPV6_STATUS_CODE + 2u)
 
-#define VIGIL_LOG_THROTTLED_INFO(fmt, ...)                                     \
-   VIGIL_LOG_ON(vigilThrottledLogHandle, 1, fmt, ##__VA_ARGS__)
-
 const char *const dhcpV6MsgTypeStr[VIGIL_DHCPV6_NUM_MSG_TYPES] = {
    "None",    "Solicit", "Advertise", "Request",     "Confirm",
    "Renew",   "Rebind",  "Reply",     "Release",     "Decline",
