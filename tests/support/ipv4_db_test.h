@@ -228,7 +228,7 @@ protected:
    }
 
    /* What the invariant checker reports about the database. */
-   std::vector<std::string> Violations() {
+   std::vector<std::string> Violations() override {
       std::vector<std::string> texts;
       u32 count = VigilCheckVmiTable(filter, CollectViolation, &texts);
       EXPECT_EQ(count, texts.size());
@@ -253,7 +253,7 @@ protected:
    }
 
    /* The database back to empty and nothing left over to look at. */
-   void Restart() {
+   void Restart() override {
       ClearDatabase();
       TakeMessages();
       sim::TakeLogs();
@@ -326,7 +326,7 @@ protected:
    /* Module allocations that the database itself accounts for: each
     * binding and request with its client identifier copy, and the ignore
     * list. */
-   u64 DatabaseAllocations() {
+   u64 DatabaseAllocations() override {
       u64 count = filter->portIgnoreList != nullptr ? 1 : 0;
       auto countVmi = [&count](VigilVmi *vmi) {
          count += 1 + (vmi->clientIdStr != nullptr ? 1 : 0);
@@ -342,51 +342,6 @@ protected:
       }
       return count;
    }
-
-   /* Live module allocations are the filter's own and the database's:
-    * nothing leaked, no frame copy or task left over. */
-   void ExpectNoLeak() {
-      sim::WaitIdle(5.0);
-      EXPECT_EQ(sim::GetHeapStats(heapID).allocations, baseAllocs_ + DatabaseAllocations());
-   }
-
-   u64 TotalAllocs() { return sim::GetHeapStats(heapID).totalAllocs; }
-
-   /* Runs a path once as it is to count its module allocations, then once
-    * for each of them with exactly that allocation failing (setup, then the
-    * path with the fault armed, then `check(n)`), then once more with no
-    * failure, which must succeed as the first run did (`check(0)`).  Every
-    * run is followed by the checks that nothing leaked and the database is
-    * sound. */
-   void ForEachAllocFailure(u32 expectedAllocs, const std::function<void()> &setup,
-                            const std::function<void()> &path,
-                            const std::function<void(u32 n)> &check) {
-      Restart();
-      setup();
-      u64 before = TotalAllocs();
-      path();
-      sim::WaitIdle(5.0);
-      u64 allocs = TotalAllocs() - before;
-      ASSERT_EQ(allocs, expectedAllocs) << "allocations of the path";
-      check(0);
-      ExpectNoLeak();
-      EXPECT_EQ(Violations(), std::vector<std::string>());
-      for (u32 n = 1; n <= allocs + 1; n++) {
-         SCOPED_TRACE("allocation " + std::to_string(n) + " fails");
-         Restart();
-         setup();
-         sim::FaultAlloc(n);
-         path();
-         sim::FaultAlloc(0);
-         sim::WaitIdle(5.0);
-         check(n > allocs ? 0 : n);
-         ExpectNoLeak();
-         EXPECT_EQ(Violations(), std::vector<std::string>());
-      }
-   }
-
-private:
-   u64 baseAllocs_ = 0;
 };
 
 } // namespace v4db
