@@ -80,6 +80,9 @@ void UseVirtualClock(bool on) {
 }
 
 void SetTime(double seconds) {
+   /* As in Advance: a world still busy from before the jump computes its
+    * next deadline from the old time, not from the new one. */
+   if (AnyLiveWorlds() && ClockIsVirtual()) WaitIdle(kSettleSeconds);
    {
       std::lock_guard<std::mutex> guard(gClockMutex);
       gBaseNs = ToNs(seconds);

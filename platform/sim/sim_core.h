@@ -84,8 +84,9 @@ void UseVirtualClock(bool on);
 /* With worlds alive on the virtual clock, Advance stops at each world
  * deadline inside the step, in time order, wakes that world and waits for the
  * worlds to be idle before going on; it ends with the time moved by exactly
- * `seconds` and the worlds idle again.  SetTime sets the time, wakes the
- * worlds whose deadline has passed and waits for idle. */
+ * `seconds` and the worlds idle again.  SetTime first lets busy worlds go
+ * to sleep, then sets the time, wakes the worlds whose deadline has passed
+ * and waits for idle. */
 void SetTime(double seconds);
 void Advance(double seconds);
 double Now(); /* seconds of uptime */

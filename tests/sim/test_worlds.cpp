@@ -337,6 +337,40 @@ TEST_F(SimWorld, SetTimeWakesWorldsWhoseDeadlinePassed) {
    EXPECT_EQ(Join(b).back(), ZEK_OK);
 }
 
+/* A world woken just before the jump is still working when SetTime is
+ * called: it finishes and starts its timed wait at the old time, so the
+ * jump past that deadline wakes it. */
+struct SlowSleeper {
+   char event = 0;
+   std::atomic<bool> working{false};
+   std::atomic<uint64_t> sleptAt{0};
+   std::atomic<uint64_t> wokeAt{0};
+};
+
+void SlowSleeperMain(void *data) {
+   SlowSleeper *s = static_cast<SlowSleeper *>(data);
+   zek_WorldWait(&s->event, nullptr, ZEK_TIMEOUT_NONE, "Wait");
+   s->working = true;
+   std::this_thread::sleep_for(100ms); /* the pass takes real time */
+   s->sleptAt = zek_GetTimerCycles();
+   zek_WorldWait(&s->event, nullptr, 2000, "Wait");
+   s->wokeAt = zek_GetTimerCycles();
+   zek_WorldExit(0);
+}
+
+TEST_F(SimWorld, SetTimeLetsABusyWorldSleepBeforeTheTimeJumps) {
+   SlowSleeper sleeper;
+   zek_WorldID id = Start("vigil.slow", SlowSleeperMain, &sleeper);
+   ASSERT_TRUE(sim::WaitIdle(2.0));
+   zek_WorldWakeup(&sleeper.event);
+   while (!sleeper.working) std::this_thread::yield();
+   sim::SetTime(1005.0);
+   EXPECT_EQ(sleeper.sleptAt.load(), 1000000000000u) << "the wait began before the jump";
+   EXPECT_EQ(sleeper.wokeAt.load(), 1005000000000u) << "the jump passed its deadline";
+   EXPECT_EQ(sim::WorldWakes(id), 2u);
+   EXPECT_EQ(Join(id).back(), ZEK_OK);
+}
+
 TEST_F(SimWorld, TimedWaitOnTheRealClockUsesRealTime) {
    sim::UseVirtualClock(false);
    OneShot shot{30};
