@@ -32,6 +32,40 @@ extern VIGIL_EXPORT VigilTaskQueue taskQueue;
 extern VIGIL_EXPORT u32 saveVersion;   /* the layout the save path writes */
 extern VIGIL_EXPORT u32 supportedTlvs; /* a bit per block it writes */
 
+/* One binding as the port database API hands it out, 32 bytes; the
+ * portset messages carry the same layout.  A query writes only the named
+ * fields (gratuitous is the portset message's own), so callers clear their
+ * buffer first. */
+struct VigilPortDbEntry {
+   u16 vlanId; /* host order */
+   u8 mac[6];
+   u8 isIpv4; /* 1 for IPv4, 0 for IPv6 */
+   u8 pad1[3];
+   u8 ip[16]; /* network order; an IPv4 address in the first four bytes */
+   u8 bound;
+   u8 gratuitous;
+   u8 discMethod;
+   u8 pad2;
+};
+static_assert(sizeof(VigilPortDbEntry) == 32, "32-byte entry");
+static_assert(offsetof(VigilPortDbEntry, mac) == 2, "mac at 2");
+static_assert(offsetof(VigilPortDbEntry, isIpv4) == 8, "isIpv4 at 8");
+static_assert(offsetof(VigilPortDbEntry, ip) == 12, "ip at 12");
+static_assert(offsetof(VigilPortDbEntry, bound) == 28, "bound at 28");
+static_assert(offsetof(VigilPortDbEntry, gratuitous) == 29, "gratuitous at 29");
+static_assert(offsetof(VigilPortDbEntry, discMethod) == 30, "discMethod at 30");
+
+/* Entry classes of the port database API. */
+#define VIGIL_PORTDB_CLASS_ASSIGNED 0u /* DHCP, static, DHCPv6 */
+#define VIGIL_PORTDB_CLASS_SNOOPED 1u  /* ARP, ND */
+#define VIGIL_PORTDB_CLASS_ALL 2u
+
+/* The port database API of sibling modules, reached by name.  Each takes
+ * the port's filter lock itself. */
+extern "C" VIGIL_EXPORT zek_Status Vigil_PortDBGetNumEntries(zek_PortID portID, u32 entryClass, u32 *count);
+extern "C" VIGIL_EXPORT zek_Status Vigil_PortDBGetEntries(zek_PortID portID, u32 entryClass, VigilPortDbEntry *buffer, u32 capacity, u32 *count);
+extern "C" VIGIL_EXPORT zek_Status Vigil_PortDBDelEntries(zek_PortID portID, u32 ip, const u8 *mac);
+
 /* The invariant checker of a filter's tables. */
 extern "C" VIGIL_EXPORT u32 VigilCheckFilterTables(VigilFilter *filter,
                                                    VigilViolationFn report,

@@ -6,6 +6,7 @@
 #define VIGIL_V6_H
 
 #include "oxa_hash_common.h"
+#include "vigil_exports.h"
 #include "vigil_filter.h"
 #include "vigil_whitelist.h"
 
@@ -81,6 +82,13 @@ i64 VigilDhcpV6FirstReqExpiry(VigilFilter *filter);
  * Discovery configuration (flush, ND life time) is in vigil_config.h. */
 bool VigilMatchV6IgnoreList(const VigilWhiteListEntry *list, u32 count, u16 vlanId,
                             const u8 *mac, const u8 *ip);
+
+/* Copies the IPv6 bindings of the methods in `mask` into `buffer`, going on
+ * from *count when given; the caller holds the lock (see VigilQueryPortDb). */
+void VigilQueryPortDbV6(VigilFilter *filter, void *buffer, u32 capacity, u32 *count,
+                        u32 format, u8 mask);
+/* The fields of an API entry, as the query writes them (bound 0). */
+void VigilFillPortDbEntryV6(VigilPortDbEntry *entry, const VigilV6Vmi *vmi);
 
 /* Of DHCPv6 request tracking. */
 void VigilDelDhcpV6Req(VigilFilter *filter, VigilDhcpV6Req *req);

@@ -62,6 +62,28 @@ void VigilDelVmiByDiscMethod(VigilFilter *filter, u32 mask);
 VIGIL_MUST_CHECK zek_Status VigilConfigL3(VigilFilter *filter, const u32 *newBits, bool flush);
 void VigilIgnoreListDelPortDb(VigilFilter *filter);
 
+/* The key of an IPv4 binding, in the layout of the record's key fields. */
+struct VigilVmiKey {
+   u16 vlanId; /* host order */
+   u8 mac[6];
+   u32 ip; /* network order */
+};
+static_assert(sizeof(VigilVmiKey) == VIGIL_VMI_KEY_LEN, "12-byte key");
+
+/* Record formats of a query. */
+#define VIGIL_QUERY_FORMAT_RECORD 0u /* the whole record, for this module only */
+#define VIGIL_QUERY_FORMAT_ENTRY 1u  /* VigilPortDbEntry */
+#define VIGIL_QUERY_FORMAT_KEY 2u    /* VigilVmiKey, IPv4 only */
+
+/* Queries and deletions of the port database; the caller holds the lock. */
+void VigilQueryPortDb(VigilFilter *filter, void *buffer, u32 capacity, u32 *count,
+                      u32 format, u8 mask);
+void VigilClearVmi(VigilFilter *filter, bool all, u32 count, const VigilVmiKey *keys);
+VIGIL_MUST_CHECK zek_Status Vigil_RestoreVMIEntryList(VigilFilter *filter,
+                                                      VigilListLinks *list);
+/* The fields of an API entry, as the query writes them. */
+void VigilFillPortDbEntry(VigilPortDbEntry *entry, const VigilVmi *vmi);
+
 /* Of the background workers. */
 void VigilUpdateFilterAging(VigilFilter *filter);
 void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi);

@@ -49,27 +49,13 @@ struct __attribute__((packed)) VigilPortsetMsg {
    u64 payloadLen; /* 40: the bytes after this field */
    u32 op;         /* 0 added, 1 removed */
    u32 numEntries; /* 1 */
-   u16 vlanId;
-   u8 mac[6];
-   u8 isIpv4;
-   u8 pad1[3];
-   u8 ip[16]; /* network order; IPv4 in the first four bytes */
-   u8 bound;
-   u8 gratuitous;
-   u8 discMethod;
-   u8 pad2;
+   VigilPortDbEntry entry;
 };
 static_assert(sizeof(VigilPortsetMsg) == VIGIL_PORTSET_MSG_LEN, "80-byte message");
 static_assert(offsetof(VigilPortsetMsg, payloadLen) == 32, "payloadLen at 32");
 static_assert(offsetof(VigilPortsetMsg, op) == 40, "op at 40");
 static_assert(offsetof(VigilPortsetMsg, numEntries) == 44, "numEntries at 44");
-static_assert(offsetof(VigilPortsetMsg, vlanId) == 48, "vlanId at 48");
-static_assert(offsetof(VigilPortsetMsg, mac) == 50, "mac at 50");
-static_assert(offsetof(VigilPortsetMsg, isIpv4) == 56, "isIpv4 at 56");
-static_assert(offsetof(VigilPortsetMsg, ip) == 60, "ip at 60");
-static_assert(offsetof(VigilPortsetMsg, bound) == 76, "bound at 76");
-static_assert(offsetof(VigilPortsetMsg, gratuitous) == 77, "gratuitous at 77");
-static_assert(offsetof(VigilPortsetMsg, discMethod) == 78, "discMethod at 78");
+static_assert(offsetof(VigilPortsetMsg, entry) == 48, "entry at 48");
 
 extern zek_SpinlockHandle taskQLock;
 extern u32 cpWorldID;

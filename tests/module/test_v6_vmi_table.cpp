@@ -127,7 +127,7 @@ protected:
       for (const sim::PortsetMessage &m : sim::TakePortsetMessages()) {
          const VigilPortsetMsg *msg = (const VigilPortsetMsg *)m.bytes.data();
          out.push_back(std::string(msg->op == 0 ? "added " : "removed ") +
-                       std::to_string(msg->ip[15]));
+                       std::to_string(msg->entry.ip[15]));
       }
       return out;
    }

@@ -333,6 +333,18 @@ Json BindingsJson(const VigilFilter *f) {
    return out;
 }
 
+Json PortDbEntryJson(const VigilPortDbEntry &e, bool withGratuitous) {
+   Json j;
+   j["vlanId"] = e.vlanId;
+   j["mac"] = MacText(e.mac);
+   j["isIpv4"] = e.isIpv4;
+   j["ip"] = e.isIpv4 ? Ipv4Text(e.ip) : Ipv6Text(e.ip);
+   j["bound"] = e.bound;
+   if (withGratuitous) j["gratuitous"] = e.gratuitous;
+   j["discMethod"] = e.discMethod;
+   return j;
+}
+
 Json PortsetMessageJson(const sim::PortsetMessage &m) {
    Json j;
    j["portsetName"] = m.portset;
@@ -342,13 +354,8 @@ Json PortsetMessageJson(const sim::PortsetMessage &m) {
       VigilPortsetMsg msg;
       std::memcpy(&msg, m.bytes.data(), sizeof msg);
       j["op"] = static_cast<uint32_t>(msg.op);
-      j["vlanId"] = static_cast<uint16_t>(msg.vlanId);
-      j["mac"] = MacText(msg.mac);
-      j["isIpv4"] = msg.isIpv4;
-      j["ip"] = msg.isIpv4 ? Ipv4Text(msg.ip) : Ipv6Text(msg.ip);
-      j["bound"] = msg.bound;
-      j["gratuitous"] = msg.gratuitous;
-      j["discMethod"] = msg.discMethod;
+      VigilPortDbEntry entry = msg.entry;
+      j.update(PortDbEntryJson(entry, true));
    }
    j["raw"] = HexText(m.bytes.data(), m.bytes.size());
    return j;

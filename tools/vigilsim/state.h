@@ -14,6 +14,7 @@
 
 #include "sim_core.h"
 #include "sim_frames.h"
+#include "vigil_exports.h"
 
 struct VigilFilter;
 
@@ -34,6 +35,8 @@ Json SelectFilterFields(const Json &filter, const std::vector<std::string> &fiel
  * expired, then the fields that apply to its discovery method, and any
  * other field that is not zero. */
 Json BindingsJson(const VigilFilter *filter);
+/* A port database API entry; the portset messages add `gratuitous`. */
+Json PortDbEntryJson(const VigilPortDbEntry &entry, bool withGratuitous);
 Json PortsetMessageJson(const sim::PortsetMessage &message);
 Json LogLineJson(const sim::LogLine &line);
 Json ObservationJson(const sim::Observation &observation);

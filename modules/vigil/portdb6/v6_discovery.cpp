@@ -1,11 +1,12 @@
 /*
  * IPv6 discovery configuration: switching ND and DHCPv6 snooping, the ND
  * life time, flushing the IPv6 table by method and applying the ignore
- * list to it.
+ * list to it; and the query that copies the IPv6 bindings out.
  */
 #include "vigil_config.h"
 #include "vigil_log.h"
 #include "vigil_v6.h"
+#include "vigil_vmi.h"
 
 #define VIGIL_DISC_V6_MASK (VIGIL_DISC_ND | VIGIL_DISC_DHCPV6)
 
@@ -39,9 +40,11 @@ zek_Status VigilConfigIpv6Discovery(VigilFilter *filter, bool dhcpv6, bool nd,
 
 zek_Status VigilConfigNdExpiry(VigilFilter *filter, u32 minutes) {
    Vigil_AssertFilterIsLocked(filter, true);
+   /* Unsigned arithmetic, converted: no signed overflow whatever the
+    * value (the property handler refuses what doesn't fit). */
    i32 expiry = (i32)(minutes * 60u);
    if (expiry != filter->ndExpiry) {
-      VigilPortDbV6TimeoutChange(filter, expiry - filter->ndExpiry);
+      VigilPortDbV6TimeoutChange(filter, (i32)((u32)expiry - (u32)filter->ndExpiry));
       filter->ndExpiry = expiry;
    }
    return ZEK_OK;
@@ -107,5 +110,64 @@ void VigilIgnoreListDelPortDbV6(VigilFilter *filter) {
                                  vmi->vlanId, vmi->mac, vmi->ip)) {
          VigilDelV6Vmi(filter, vmi);
       }
+   }
+}
+
+void VigilFillPortDbEntryV6(VigilPortDbEntry *entry, const VigilV6Vmi *vmi) {
+   entry->vlanId = vmi->vlanId;
+   memcpy(entry->mac, vmi->mac, 6);
+   entry->isIpv4 = 0;
+   memcpy(entry->ip, vmi->ip, 16);
+   entry->bound = 0;
+   entry->discMethod = vmi->discMethod;
+}
+
+/* Writes entry number `n` of the buffer in `format`; a format without an
+ * IPv6 record writes nothing and is logged. */
+static void VigilWriteV6Entry(VigilFilter *filter, void *buffer, u32 n, u32 format,
+                              const VigilV6Vmi *vmi) {
+   switch (format) {
+   case VIGIL_QUERY_FORMAT_RECORD:
+      memcpy((VigilV6Vmi *)buffer + n, vmi, sizeof *vmi);
+      break;
+   case VIGIL_QUERY_FORMAT_ENTRY:
+      VigilFillPortDbEntryV6((VigilPortDbEntry *)buffer + n, vmi);
+      break;
+   default:
+      VIGIL_LOG_INFO("Filter %#x Unsupported query format: %#x", filter->portID, format);
+      break;
+   }
+}
+
+void VigilQueryPortDbV6(VigilFilter *filter, void *buffer, u32 capacity, u32 *count,
+                        u32 format, u8 mask) {
+   Vigil_AssertFilterIsLocked(filter, false);
+   if ((mask & VIGIL_DISC_V6_MASK) == 0) {
+      return;
+   }
+   u32 n = count != nullptr ? *count : 0u;
+   /* Compared before each write: nothing lands past the capacity. */
+   VIGIL_LIST_FOR_EACH(pos, &filter->v6VmiList) {
+      if (n >= capacity) {
+         break;
+      }
+      const VigilV6Vmi *vmi = VIGIL_V6VMI_FROM_EXPIRY(pos);
+      if (vmi->discMethod & mask) {
+         VigilWriteV6Entry(filter, buffer, n, format, vmi);
+         n++;
+      }
+   }
+   VIGIL_LIST_FOR_EACH(pos, &filter->v6ExpiredNdList) {
+      if (n >= capacity) {
+         break;
+      }
+      const VigilV6Vmi *vmi = VIGIL_V6VMI_FROM_EXPIRED(pos);
+      if (vmi->discMethod & mask) {
+         VigilWriteV6Entry(filter, buffer, n, format, vmi);
+         n++;
+      }
+   }
+   if (count != nullptr) {
+      *count = n;
    }
 }

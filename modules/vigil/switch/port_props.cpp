@@ -16,6 +16,7 @@
 #define VIGIL_DISCOVERY_BLOB_LEN 2u
 #define VIGIL_DISCOVERY6_BLOB_LEN 14u
 #define VIGIL_DEFAULT_EXPIRY_MINUTES 10u
+#define VIGIL_MAX_EXPIRY_MINUTES (0x7fffffffu / 60u) /* 35791394 */
 
 /* The IPv6 discovery blob; bytes 6 to 13 are counted, not read. */
 struct __attribute__((packed)) VigilDiscovery6Blob {
@@ -175,12 +176,19 @@ zek_Status VigilPortPropDiscoveryIpv6Write(zek_PortsetHandle portset,
                      dataLen, (unsigned long)VIGIL_DISCOVERY6_BLOB_LEN);
       return VIGIL_STATUS_BAD_PARAM;
    }
+   VigilDiscovery6Blob blob;
+   memcpy(&blob, data, sizeof blob);
+   /* A life time whose seconds don't fit a signed 32-bit value would wrap
+    * and end every binding in the second it was learnt. */
+   if (blob.expiry > VIGIL_MAX_EXPIRY_MINUTES) {
+      VIGIL_LOG_ERROR("vigil.discovery.ipv6 expiry too long: %u minutes, at most: %u",
+                      blob.expiry, VIGIL_MAX_EXPIRY_MINUTES);
+      return VIGIL_STATUS_BAD_PARAM;
+   }
    VigilFilter *filter = VigilLockForProperty(portID);
    if (filter == nullptr) {
       return VIGIL_STATUS_NOT_FOUND;
    }
-   VigilDiscovery6Blob blob;
-   memcpy(&blob, data, sizeof blob);
    if (VigilConfigIpv6Discovery(filter, blob.dhcpv6Snooping != 0,
                                 blob.ndSnooping != 0, true) != ZEK_OK) {
       VIGIL_LOG_ERROR("IPv6 discovery configuration failed for port %#x", portID);

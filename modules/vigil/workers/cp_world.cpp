@@ -55,25 +55,17 @@ static void VigilSendPortDbMsg(VigilFilter *filter, const VigilPortsetMsg *msg) 
 void VigilPostPortDbMsg(VigilFilter *filter, u32 op, VigilVmi *vmi) {
    VigilPortsetMsg msg;
    VigilInitPortDbMsg(&msg, op);
-   msg.vlanId = vmi->vlanId;
-   memcpy(msg.mac, vmi->mac, 6);
-   msg.isIpv4 = 1;
-   memcpy(msg.ip, &vmi->ip, 4);
-   msg.bound = vmi->discMethod == VIGIL_DISC_DHCP || vmi->discMethod == VIGIL_DISC_STATIC;
-   msg.gratuitous = vmi->gratuitous;
-   msg.discMethod = vmi->discMethod;
+   VigilFillPortDbEntry(&msg.entry, vmi);
+   msg.entry.gratuitous = vmi->gratuitous;
    VigilSendPortDbMsg(filter, &msg);
 }
 
 void VigilPostPortDbV6Msg(VigilFilter *filter, u32 op, const VigilV6Vmi *vmi) {
    VigilPortsetMsg msg;
    VigilInitPortDbMsg(&msg, op);
-   msg.vlanId = vmi->vlanId;
-   memcpy(msg.mac, vmi->mac, 6);
-   msg.isIpv4 = 0;
-   memcpy(msg.ip, vmi->ip, 16);
-   msg.bound = vmi->discMethod == VIGIL_DISC_DHCPV6;
-   msg.discMethod = vmi->discMethod;
+   VigilFillPortDbEntryV6(&msg.entry, vmi);
+   /* The message marks a leased address bound; the API's entries don't. */
+   msg.entry.bound = vmi->discMethod == VIGIL_DISC_DHCPV6;
    VigilSendPortDbMsg(filter, &msg);
 }
 
