@@ -6,10 +6,8 @@
  * subscription is made; each of those steps succeeds.
  */
 #include "vigil_lifecycle.h"
+#include "vigil_migration.h"
 #include "vigil_switch.h"
-
-#define VIGIL_SAVE_VERSION_TLV 100u
-#define VIGIL_SUPPORTED_TLVS 0x7Cu /* types 2 to 6 */
 
 u32 saveVersion = 0;
 u32 supportedTlvs = 0;
