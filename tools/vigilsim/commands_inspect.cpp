@@ -1,9 +1,11 @@
 /*
  * Inspection: the filter of a port, the module's globals, messages, logs,
  * observations, the flow cache, accelerated datapath commands, invariant
- * checks and the module heap.  Each first waits for idle worlds, so that
- * nothing changes what is read.
+ * checks, the module heap and the port database calls of sibling modules.
+ * Each first waits for idle worlds, so that nothing changes what is read.
  */
+#include <algorithm>
+#include <cstring>
 #include <functional>
 #include <optional>
 
@@ -314,6 +316,99 @@ void Session::CmdCheck(const std::vector<Token> &t, Json &out) {
    for (const std::string &p : sim::Panics()) ctx.texts.push_back("panic: " + p);
    out["filters"] = filters;
    out["violations"] = ctx.texts;
+}
+
+namespace {
+
+/* The most records `api entries` hands the module: a buffer of 32 MiB. */
+constexpr uint64_t kMaxApiCapacity = 1u << 20;
+
+/* The port database calls as vigil_exports.h declares them. */
+using PortDbNumEntriesFn = zek_Status (*)(zek_PortID, u32, u32 *);
+using PortDbEntriesFn = zek_Status (*)(zek_PortID, u32, VigilPortDbEntry *, u32, u32 *);
+using PortDbDelEntriesFn = zek_Status (*)(zek_PortID, u32, const u8 *);
+
+template <typename Fn>
+Fn FunctionAt(const void *symbol) {
+   return reinterpret_cast<Fn>(const_cast<void *>(symbol));
+}
+
+/* A port id as the caller gives it: a port the host doesn't know, or one
+ * without a filter, is the module's to answer. */
+uint32_t ApiPortArg(const Token &token) {
+   return static_cast<uint32_t>(ParseUnsigned(token.text, "port id", UINT32_MAX));
+}
+
+} // namespace
+
+/* Calls the port database functions of the loaded module, resolved by name
+ * as a sibling module resolves them.  The arguments are checked first; the
+ * module's status and what it wrote are the answer. */
+void Session::CmdApi(const std::vector<Token> &t, Json &out) {
+   const std::string usage = "api numEntries PORTID CLASS | api entries PORTID CLASS CAPACITY | "
+                             "api delEntries PORTID IP MAC";
+   if (t.size() < 2) throw ToolError("usage: " + usage);
+   const std::string call = t[1].quoted ? "" : t[1].text;
+   if (call == "numEntries") {
+      Args args = SplitArgs("api numEntries", t, 2, {});
+      args.Expect(2, 2, "api numEntries PORTID CLASS");
+      uint32_t port = ApiPortArg(args.positional[0]);
+      auto entryClass = static_cast<uint32_t>(
+          ParseUnsigned(args.positional[1].text, "class", UINT32_MAX));
+      auto numEntries =
+          FunctionAt<PortDbNumEntriesFn>(RequireSymbol("Vigil_PortDBGetNumEntries"));
+      WaitForInspection(out);
+      u32 count = 0;
+      zek_Status status = numEntries(port, entryClass, &count);
+      out["portID"] = port;
+      out["status"] = status;
+      out["count"] = count;
+   } else if (call == "entries") {
+      Args args = SplitArgs("api entries", t, 2, {});
+      args.Expect(3, 3, "api entries PORTID CLASS CAPACITY");
+      uint32_t port = ApiPortArg(args.positional[0]);
+      auto entryClass = static_cast<uint32_t>(
+          ParseUnsigned(args.positional[1].text, "class", UINT32_MAX));
+      auto capacity = static_cast<uint32_t>(
+          ParseUnsigned(args.positional[2].text, "capacity", kMaxApiCapacity));
+      auto entries = FunctionAt<PortDbEntriesFn>(RequireSymbol("Vigil_PortDBGetEntries"));
+      WaitForInspection(out);
+      /* Never a null buffer, even for capacity 0, and cleared: the module
+       * writes only the fields it names. */
+      std::vector<VigilPortDbEntry> buffer(std::max<uint32_t>(capacity, 1));
+      std::memset(buffer.data(), 0, buffer.size() * sizeof(VigilPortDbEntry));
+      u32 count = 0;
+      zek_Status status = entries(port, entryClass, buffer.data(), capacity, &count);
+      out["portID"] = port;
+      out["status"] = status;
+      out["count"] = count;
+      /* A count beyond the capacity shows no more than the buffer holds. */
+      Json list = Json::array();
+      for (uint32_t i = 0; i < std::min<uint32_t>(count, capacity); i++) {
+         list.push_back(PortDbEntryJson(buffer[i], false));
+      }
+      out["entries"] = list;
+   } else if (call == "delEntries") {
+      Args args = SplitArgs("api delEntries", t, 2, {});
+      args.Expect(3, 3, "api delEntries PORTID IP MAC");
+      uint32_t port = ApiPortArg(args.positional[0]);
+      uint8_t ipBytes[4];
+      if (!TryParseIpv4(args.positional[1].text, ipBytes)) {
+         throw ToolError("bad IP '" + args.positional[1].text + "': a dotted IPv4 address");
+      }
+      uint8_t mac[6];
+      ParseMac(args.positional[2].text, mac);
+      auto delEntries =
+          FunctionAt<PortDbDelEntriesFn>(RequireSymbol("Vigil_PortDBDelEntries"));
+      WaitForInspection(out);
+      u32 ip; /* network order, as the address lies in a frame */
+      std::memcpy(&ip, ipBytes, sizeof ip);
+      out["portID"] = port;
+      out["status"] = delEntries(port, ip, mac);
+   } else {
+      throw ToolError("unknown api call '" + t[1].text +
+                      "' (calls: numEntries, entries, delEntries)");
+   }
 }
 
 void Session::CmdHeap(const std::vector<Token> &t, Json &out) {

@@ -72,7 +72,7 @@ const std::map<std::string, Session::Handler> &Session::Handlers() {
       {"check", &Session::CmdCheck},
       {"heap", &Session::CmdHeap},
       {"fault", &Session::CmdFault},
-      {"api", &Session::CmdNotYet},
+      {"api", &Session::CmdApi},
       {"mgmt", &Session::CmdNotYet},
       {"migrate", &Session::CmdNotYet},
       {"save", &Session::CmdNotYet},

@@ -120,6 +120,8 @@ class Session {
    void CmdGlx(const std::vector<Token> &t, Json &out);
    void CmdCheck(const std::vector<Token> &t, Json &out);
    void CmdHeap(const std::vector<Token> &t, Json &out);
+   /* The port database calls that sibling modules make by name. */
+   void CmdApi(const std::vector<Token> &t, Json &out);
    /* Waits up to 2 s for idle worlds; adds "busy": true when they are not. */
    void WaitForInspection(Json &out);
 

@@ -167,10 +167,12 @@ Json FilterJson(const VigilFilter *f) {
 #define VIGILSIM_FIELD(name) j[#name] = f->name
    VIGILSIM_FIELD(portID);
    VIGILSIM_FIELD(configWriteHeld);
+   VIGILSIM_FIELD(configReadHolds);
    j["portsetName"] = std::string(f->portsetName, strnlen(f->portsetName, sizeof f->portsetName));
    VIGILSIM_FIELD(vnicType);
    VIGILSIM_FIELD(enableCleanedUp);
    VIGILSIM_FIELD(discoveryFlags);
+   VIGILSIM_FIELD(retired);
    VIGILSIM_FIELD(numVmis);
    VIGILSIM_FIELD(numDhcpVmis);
    VIGILSIM_FIELD(numArpVmis);

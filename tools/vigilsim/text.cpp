@@ -378,6 +378,20 @@ std::string ModuleText(const Json &r) {
    return out + Line("agingQueue: " + (queue.empty() ? std::string("empty") : queue));
 }
 
+/* The answer of a port database call: its status, the count, and the
+ * records of the buffer. */
+std::string ApiText(const Json &r) {
+   std::string out = Line("status " + StatusText(r["status"]) +
+                          (r.contains("count") ? ", count " + Str(r["count"]) : ""));
+   if (!r.contains("entries") || r["entries"].empty()) return out;
+   Table table({"vlan", "mac", "ip", "bound", "method"});
+   for (const Json &e : r["entries"]) {
+      table.Row({Str(e["vlanId"]), Str(e["mac"]), Str(e["ip"]), Str(e["bound"]),
+                 MethodName(e["discMethod"].get<uint64_t>())});
+   }
+   return out + table.Render();
+}
+
 std::string Body(const Json &r) {
    const std::string cmd = r["cmd"].get<std::string>();
    if (!r["ok"].get<bool>()) return Line("error: " + Str(r["error"]));
@@ -397,6 +411,7 @@ std::string Body(const Json &r) {
    if (cmd == "tx" || cmd == "rx" || cmd == "replay") return FramesText(r);
    if (cmd == "check") return busy + CheckText(r);
    if (cmd == "module" || cmd == "module set") return busy + ModuleText(r);
+   if (cmd == "api") return busy + ApiText(r);
    if (cmd == "advance") return Line("uptime " + Str(r["uptime"]) + " s");
    if (cmd == "load") {
       return Line("module loaded, start answered " + Str(r["status"]));

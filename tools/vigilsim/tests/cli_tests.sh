@@ -77,7 +77,7 @@ check "prop write to unknown port" \
 
 # Commands of later work answer "not available yet".
 run <<'S'
-api numEntries 1 1
+mgmt listVmi
 migrate 1 2
 S
 check "not available yet" $([ "$(grep -c 'not available yet' out)" -eq 2 ]; echo $?)

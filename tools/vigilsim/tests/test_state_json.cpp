@@ -125,6 +125,39 @@ TEST_F(StateJsonTest, StateShowsBothIPv6ListsAndThePendingRequestsWithEveryField
    EXPECT_EQ(j["dhcpV6ReqList"].dump(), std::string("[") + kRequestJson + "]");
 }
 
+/* Every scalar field of the record, by its name and in its order; the
+ * handles, pointers and list heads are not values of their own. */
+TEST_F(StateJsonTest, StateShowsEveryScalarFieldOfTheFilterRecord) {
+   Json j = vigilsim::FilterJson(filter.get());
+   std::vector<std::string> scalars;
+   for (const auto &[key, value] : j.items()) {
+      if (!value.is_structured()) scalars.push_back(key);
+   }
+   EXPECT_EQ(scalars,
+             std::vector<std::string>(
+                 {"portID", "configWriteHeld", "configReadHolds", "portsetName", "vnicType",
+                  "enableCleanedUp", "discoveryFlags", "retired", "numVmis", "numDhcpVmis",
+                  "numArpVmis", "numExpiredVmis", "numStaticVmis", "totalClientIdLen",
+                  "numDhcpReqs", "arpExpiry", "portDbArpEntriesSize", "numNdEntries",
+                  "numExpiredNdEntries", "numDhcpV6Entries", "dhcpV6ClientIdBytes",
+                  "numDhcpV6Reqs", "dhcpV6ReqBytes", "ndExpiry", "portDbNdEntriesSize",
+                  "portDbDhcpV6EntriesSize", "maxDhcpV6Reqs", "agingPortID", "agingKey",
+                  "portIgnoreListSize", "featuresEnabled", "rxBcastRateLimit",
+                  "txBcastRateLimit", "rxMcastRateLimit", "txMcastRateLimit",
+                  "switchWhiteListSize", "portWhiteListSize", "bpduExclusionListSize",
+                  "bpduBitmap"}));
+}
+
+TEST_F(StateJsonTest, StateShowsTheRetiredFlagAndTheReadHolds) {
+   filter->retired = 1;
+   filter->configReadHolds = 2;
+   Json j = vigilsim::FilterJson(filter.get());
+   EXPECT_EQ(j["retired"], 1);
+   EXPECT_EQ(j["configReadHolds"], 2);
+   EXPECT_EQ(vigilsim::SelectFilterFields(j, {"retired", "configReadHolds"}).dump(),
+             R"j({"retired":1,"configReadHolds":2})j");
+}
+
 TEST_F(StateJsonTest, NarrowStateShowsTheIPv6ListsNamed) {
    Json j = vigilsim::SelectFilterFields(vigilsim::FilterJson(filter.get()),
                                          {"dhcpV6ReqList", "v6ExpiredNdList"});
