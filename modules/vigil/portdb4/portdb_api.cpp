@@ -182,6 +182,10 @@ extern "C" zek_Status Vigil_PortDBGetEntries(zek_PortID portID, u32 entryClass,
 }
 
 extern "C" zek_Status Vigil_PortDBDelEntries(zek_PortID portID, u32 ip, const u8 *mac) {
+   /* A caller's null MAC is refused like the other calls' null pointers. */
+   if (mac == nullptr) {
+      return VIGIL_STATUS_BAD_PARAM;
+   }
    VigilFilter *filter = Vigil_LockFilter(portID, true);
    if (filter == nullptr) {
       VIGIL_LOG_ERROR("Vigil filter not found for port %u", portID);
