@@ -151,6 +151,34 @@ extern u32 supportedTlvs;
 u32 VigilGetFilterSaveLen(VigilFilter *filter);
 VIGIL_MUST_CHECK zek_Status VigilMigrationSave(u32 portID, void *buf, u32 bufLen,
                                                u32 *dataLen, u64 reserved);
+/* The writer of each layout: sets *dataLen to 0, takes the filter for read
+ * and sets *dataLen to the computed size only once everything is written;
+ * whatever stops it is logged. */
+void VigilMigrationSaveV1(u32 portID, void *buf, u32 bufLen, u32 *dataLen);
+void VigilMigrationSaveTlv(u32 portID, void *buf, u32 bufLen, u32 *dataLen);
+/* The pieces of the size, from the filter's counters: a V1 buffer, and each
+ * TLV with its 4-byte header.  The stats TLV has a size but no writer, and
+ * VigilGetFilterSaveLen never counts it. */
+u32 VigilGetStateV1Size(VigilFilter *filter);
+u32 VigilGetStatsV1TlvSize(VigilFilter *filter);
+u32 VigilGetIpv4V1TlvSize(VigilFilter *filter);
+u32 VigilGetExpiredIpv4V1TlvSize(VigilFilter *filter);
+u32 VigilGetNdV1TlvSize(VigilFilter *filter);
+u32 VigilGetExpiredNdV1TlvSize(VigilFilter *filter);
+u32 VigilGetDhcpv6V1TlvSize(VigilFilter *filter);
+/* One writer per TLV, under the filter's lock (read is enough): writes the
+ * TLV at `tlv`, `room` bytes being left in the buffer from there, and
+ * leaves its length in it so that the caller can step on.  0xbad0026 when
+ * the bindings need more than `room` (nothing is written past it), 0xbad0001
+ * (logged) when the length would not fit its 16 bits, and 0xbad0007
+ * (logged) for a null filter or TLV in the two writers that look. */
+VIGIL_MUST_CHECK zek_Status VigilPopulateIpv4V1Tlv(VigilFilter *filter, u8 *tlv, u32 room);
+VIGIL_MUST_CHECK zek_Status VigilPopulateExpiredIpv4V1Tlv(VigilFilter *filter, u8 *tlv,
+                                                          u32 room);
+VIGIL_MUST_CHECK zek_Status VigilPopulateNdV1Tlv(VigilFilter *filter, u8 *tlv, u32 room);
+VIGIL_MUST_CHECK zek_Status VigilPopulateExpiredNdV1Tlv(VigilFilter *filter, u8 *tlv,
+                                                        u32 room);
+VIGIL_MUST_CHECK zek_Status VigilPopulateDhcp6V1Tlv(VigilFilter *filter, u8 *tlv, u32 room);
 
 /* The restore path: fills a port's live databases from a saved buffer. */
 VIGIL_MUST_CHECK zek_Status VigilMigrationRestore(u32 portID, const void *buf, u32 bufLen,
