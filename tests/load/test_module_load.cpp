@@ -1,9 +1,10 @@
 /*
  * The loadable module as the host runs it: vigil.so loaded with its
  * parameters, started, driven only through what the host offers (portsets
- * and their events, port properties, frames through the I/O chains) and
- * unloaded, with the host's account of everything left behind.  Start
- * failures are injected into the host's calls.
+ * and their events, port properties, frames through the I/O chains, the
+ * port database functions a sibling module finds by name) and unloaded,
+ * with the host's account of everything left behind.  Start failures are
+ * injected into the host's calls.
  */
 #include <gtest/gtest.h>
 
@@ -16,10 +17,12 @@
 #include <vector>
 
 #include "config_blobs.h"
+#include "portdb_text.h"
 #include "sim_core.h"
 #include "sim_frames.h"
 #include "sim_switch.h"
 #include "test_frames.h"
+#include "vigil_exports.h"
 #include "vigil_filter.h"
 
 #ifndef VIGIL_SO_PATH
@@ -697,6 +700,225 @@ TEST_F(ModuleLoad, DisablingAPortTakesItsFilterAway) {
    Logs();
    Unload();
    EXPECT_EQ(FilterOf(kPort), nullptr);
+}
+
+/* ------------------------------------------ the port database by name */
+
+using NumEntriesFn = zek_Status (*)(zek_PortID, u32, u32 *);
+using GetEntriesFn = zek_Status (*)(zek_PortID, u32, VigilPortDbEntry *, u32, u32 *);
+using DelEntriesFn = zek_Status (*)(zek_PortID, u32, const u8 *);
+
+constexpr u8 kGuard = 0xaa; /* what the caller's buffer holds before a query */
+constexpr u32 kBadParam = 0xbad0007;
+const char *const kLeaseIp = "192.0.2.50";
+const char *const kArpIp = "192.0.2.10";
+const char *const kNdIp = "2001:db8::a";
+const std::string kVm = frames::kVmMac;
+
+/* The module loaded, a port with the filter and every discovery method on,
+ * and the three functions found as a sibling module finds them. */
+class PortDbByName : public ModuleLoad {
+protected:
+   void SetUp() override {
+      ModuleLoad::SetUp();
+      ASSERT_EQ(Load({}), 0);
+      numEntries = (NumEntriesFn)sim::ModuleSymbol(module_, "Vigil_PortDBGetNumEntries");
+      getEntries = (GetEntriesFn)sim::ModuleSymbol(module_, "Vigil_PortDBGetEntries");
+      delEntries = (DelEntriesFn)sim::ModuleSymbol(module_, "Vigil_PortDBDelEntries");
+      ASSERT_NE(numEntries, nullptr);
+      ASSERT_NE(getEntries, nullptr);
+      ASSERT_NE(delEntries, nullptr);
+      ASSERT_TRUE(sim::AddPort("vs0", kPort));
+      ASSERT_TRUE(sim::AddPort("vs0", kPort2));
+      ASSERT_EQ(Write(kPort, kEnabled, Text("true")), ZEK_OK);
+      ASSERT_EQ(Write(kPort, kDiscovery, Bytes{1, 1}), ZEK_OK);
+      ASSERT_EQ(Write(kPort, kDiscovery6, blobs::Discovery6(1, 1, 10)), ZEK_OK);
+      Logs();
+   }
+
+   /* A lease of kLeaseIp, the VM's ARP request from kArpIp and its
+    * neighbor solicitation from kNdIp, all from kVm on VLAN 0. */
+   void Learn() {
+      using namespace frames;
+      const addrtext::Mac mac = addrtext::MacOf(kVm);
+      DhcpFields request;
+      request.op = 1;
+      request.xid = 0x5eed;
+      request.chaddr = kVm;
+      request.msgType = 3;
+      request.clientId = Bytes{1, mac[0], mac[1], mac[2], mac[3], mac[4], mac[5]};
+      request.requestedIp = kLeaseIp;
+      request.serverId = "192.0.2.1";
+      DhcpFields ack;
+      ack.op = 2;
+      ack.xid = 0x5eed;
+      ack.chaddr = kVm;
+      ack.msgType = 5;
+      ack.yiaddr = kLeaseIp;
+      ack.siaddr = "192.0.2.1";
+      ack.serverId = "192.0.2.1";
+      ack.leaseTime = 3600;
+      NdFields ns;
+      ns.type = 135;
+      ns.target = "2001:db8::1";
+      EXPECT_EQ(Run(kPort,
+                    {DhcpFrame(kVm, kBroadcast, "0.0.0.0", "255.255.255.255", 68, 67, request),
+                     Arp(kVm, kVm, kArpIp, "192.0.2.1"),
+                     NdFrame(kVm, "33:33:ff:00:00:01", {kNdIp, "ff02::1:ff00:1", 255}, ns)},
+                    true),
+                (std::vector<bool>{true, true, true}));
+      EXPECT_EQ(Run(kPort, {DhcpFrame(kServerMac, kVm, "192.0.2.1", kLeaseIp, 67, 68, ack)},
+                    false),
+                (std::vector<bool>{true}));
+      VigilFilter *filter = FilterOf(kPort);
+      ASSERT_NE(filter, nullptr);
+      ASSERT_EQ(filter->numDhcpVmis, 1u);
+      ASSERT_EQ(filter->numArpVmis, 1u);
+      ASSERT_EQ(filter->numNdEntries, 1u);
+      ASSERT_TRUE(sim::WaitIdle(5.0));
+      sim::TakePortsetMessages();
+      Logs();
+   }
+
+   u32 Count(u32 cls) {
+      u32 count = 0xdeadbeef;
+      EXPECT_EQ(numEntries(kPort, cls, &count), ZEK_OK) << cls;
+      return count;
+   }
+
+   /* The entries of a class in a buffer of `room` entries that held
+    * kGuard, with room for `capacity` of them. */
+   Bytes Entries(u32 cls, u32 capacity, u32 room, u32 *count) {
+      Bytes buffer(room * sizeof(VigilPortDbEntry), kGuard);
+      *count = 0xdeadbeef;
+      EXPECT_EQ(getEntries(kPort, cls, (VigilPortDbEntry *)buffer.data(), capacity, count),
+                ZEK_OK);
+      return buffer;
+   }
+
+   static Bytes Slice(const Bytes &bytes, size_t at, size_t len) {
+      return Bytes(bytes.begin() + (long)at, bytes.begin() + (long)(at + len));
+   }
+
+   std::vector<std::string> Messages() {
+      EXPECT_TRUE(sim::WaitIdle(5.0));
+      std::vector<std::string> out;
+      for (const sim::PortsetMessage &msg : sim::TakePortsetMessages()) {
+         out.push_back(portdbtext::MessageText(msg.bytes));
+      }
+      return out;
+   }
+
+   NumEntriesFn numEntries = nullptr;
+   GetEntriesFn getEntries = nullptr;
+   DelEntriesFn delEntries = nullptr;
+};
+
+TEST_F(PortDbByName, NumEntriesOfEachClassFromTheLoadedModule) {
+   Learn();
+   EXPECT_EQ(Count(0), 1u) << "the lease";
+   EXPECT_EQ(Count(1), 2u) << "ARP and ND";
+   EXPECT_EQ(Count(2), 3u);
+   EXPECT_EQ(Count(3), 0u);
+   EXPECT_EQ(numEntries(kPort, 0, nullptr), kBadParam);
+   u32 count = 7;
+   EXPECT_EQ(numEntries(kPort2, 0, &count), kNotFound);
+   EXPECT_EQ(count, 7u);
+   EXPECT_TRUE(Logs().empty());
+}
+
+TEST_F(PortDbByName, EntriesOfEachClassFromTheLoadedModule) {
+   using portdbtext::V4Entry;
+   using portdbtext::V6Entry;
+   Learn();
+   u32 count = 0;
+   Bytes all = Entries(2, 8, 8, &count);
+   ASSERT_EQ(count, 3u);
+   /* The ARP binding ends in ten minutes, the lease in an hour. */
+   EXPECT_EQ(Slice(all, 0, 32), V4Entry(0, kVm, kArpIp, 0, 2, kGuard));
+   EXPECT_EQ(Slice(all, 32, 32), V4Entry(0, kVm, kLeaseIp, 1, 1, kGuard));
+   EXPECT_EQ(Slice(all, 64, 32), V6Entry(0, kVm, kNdIp, 8, kGuard));
+   EXPECT_EQ(Slice(all, 96, 160), Bytes(160, kGuard));
+
+   Bytes assigned = Entries(0, 8, 2, &count);
+   ASSERT_EQ(count, 1u);
+   EXPECT_EQ(Slice(assigned, 0, 32), V4Entry(0, kVm, kLeaseIp, 1, 1, kGuard));
+   EXPECT_EQ(Slice(assigned, 32, 32), Bytes(32, kGuard));
+
+   Bytes snooped = Entries(1, 8, 3, &count);
+   ASSERT_EQ(count, 2u);
+   EXPECT_EQ(Slice(snooped, 0, 32), V4Entry(0, kVm, kArpIp, 0, 2, kGuard));
+   EXPECT_EQ(Slice(snooped, 32, 32), V6Entry(0, kVm, kNdIp, 8, kGuard));
+
+   Bytes none = Entries(3, 8, 2, &count);
+   EXPECT_EQ(count, 0u);
+   EXPECT_EQ(none, Bytes(64, kGuard));
+
+   /* Room for one: the binding that ends first. */
+   Bytes one = Entries(2, 1, 2, &count);
+   ASSERT_EQ(count, 1u);
+   EXPECT_EQ(Slice(one, 0, 32), V4Entry(0, kVm, kArpIp, 0, 2, kGuard));
+   EXPECT_EQ(Slice(one, 32, 32), Bytes(32, kGuard));
+   EXPECT_TRUE(Logs().empty());
+}
+
+TEST_F(PortDbByName, EntriesRefuseNullPointersAndAPortWithoutFilter) {
+   VigilPortDbEntry entries[2];
+   u32 count = 7;
+   EXPECT_EQ(getEntries(kPort, 2, nullptr, 2, &count), kBadParam);
+   EXPECT_EQ(getEntries(kPort, 2, entries, 2, nullptr), kBadParam);
+   EXPECT_EQ(getEntries(kPort2, 2, entries, 2, &count), kNotFound);
+   EXPECT_EQ(count, 7u);
+   EXPECT_TRUE(Logs().empty());
+}
+
+TEST_F(PortDbByName, DelEntriesTakesTheBindingAwayWithItsMessage) {
+   Learn();
+   const addrtext::Mac mac = addrtext::MacOf(kVm);
+   EXPECT_EQ(delEntries(kPort, addrtext::Ip(kArpIp), mac.data()), ZEK_OK);
+   EXPECT_EQ(Messages(), (std::vector<std::string>{
+                            portdbtext::Msg("removed", 0, kVm, kArpIp, 2)}));
+   EXPECT_EQ(Count(1), 1u);
+   EXPECT_EQ(Count(2), 2u);
+   /* Once gone, not found; another MAC's binding is not the VM's. */
+   EXPECT_EQ(delEntries(kPort, addrtext::Ip(kArpIp), mac.data()), kNotFound);
+   const addrtext::Mac other = addrtext::MacOf("02:00:00:00:00:77");
+   EXPECT_EQ(delEntries(kPort, addrtext::Ip(kLeaseIp), other.data()), kNotFound);
+   EXPECT_EQ(Count(0), 1u);
+   EXPECT_TRUE(Logs().empty());
+}
+
+TEST_F(PortDbByName, DelEntriesOnAPortWithoutFilterSaysSoInDecimal) {
+   const addrtext::Mac mac = addrtext::MacOf(kVm);
+   EXPECT_EQ(delEntries(kPort2, addrtext::Ip(kArpIp), mac.data()), kNotFound);
+   std::vector<sim::LogLine> lines = Logs();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].log, "vigil");
+   EXPECT_EQ(lines[0].level, 2);
+   EXPECT_EQ(lines[0].text, "Vigil filter not found for port 33");
+}
+
+TEST_F(PortDbByName, ExpiredArpBindingIsListedButCannotBeDeleted) {
+   Learn();
+   /* Expired ARP bindings are kept rather than deleted. */
+   i64 *keep = (i64 *)sim::ModuleSymbol(module_, "delOnExpiry");
+   ASSERT_NE(keep, nullptr);
+   *keep = 0;
+   sim::Advance(601);
+   VigilFilter *filter = FilterOf(kPort);
+   ASSERT_EQ(filter->numExpiredVmis, 1u);
+   EXPECT_EQ(Messages(), std::vector<std::string>{}) << "kept, no message";
+   EXPECT_EQ(Count(1), 2u);
+   u32 count = 0;
+   Bytes snooped = Entries(1, 8, 3, &count);
+   ASSERT_EQ(count, 2u);
+   EXPECT_EQ(Slice(snooped, 0, 32), portdbtext::V4Entry(0, kVm, kArpIp, 0, 2, kGuard));
+   const addrtext::Mac mac = addrtext::MacOf(kVm);
+   EXPECT_EQ(delEntries(kPort, addrtext::Ip(kArpIp), mac.data()), kNotFound);
+   EXPECT_EQ(filter->numExpiredVmis, 1u);
+   EXPECT_EQ(Count(1), 2u);
+   EXPECT_EQ(Messages(), std::vector<std::string>{});
+   Logs();
 }
 
 } // namespace

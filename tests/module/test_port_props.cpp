@@ -1,19 +1,23 @@
 /*
  * Port properties as the switch delivers them: registration of the five
  * handlers on a portset, the enable words, the size checks and refusals of
- * each blob, and the cleanup handlers.
+ * each blob, what the IPv6 life time and the ignore list do to the bindings
+ * already learnt, and the cleanup handlers.
  */
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "config_blobs.h"
+#include "portdb_text.h"
 #include "sim_switch.h"
+#include "test_addresses.h"
 #include "test_frames.h"
 #include "vigil_config.h"
 #include "vigil_lifecycle.h"
 #include "vigil_switch.h"
 #include "vigil_test.h"
+#include "vigil_v6.h"
 #include "vigil_vmi.h"
 
 namespace {
@@ -55,6 +59,7 @@ protected:
    void TearDown() override {
       sim::FaultClear();
       sim::SetLogLevel("vigil", 0);
+      SetDeleteExpiry(1);
       isLiveUpgradeFromMod = 0;
       if (Vigil_GetPortFilter(kPort) != nullptr) {
          EXPECT_EQ(Vigil_CleanupFilter(nullptr, kPort, nullptr), ZEK_OK);
@@ -96,6 +101,64 @@ protected:
       using namespace frames;
       EXPECT_EQ(Tx(kPort, {Make(Arp(kVmMac, kVmMac, ip, "192.0.2.1"))}),
                 (std::vector<std::string>{"forward"}));
+   }
+
+   /* A neighbor solicitation the VM sends from `ip`: ND snooping learns
+    * the address with the frame's source MAC. */
+   void LearnNd(const char *ip) {
+      using namespace frames;
+      NdFields nd;
+      nd.type = 135;
+      nd.target = "2001:db8::1";
+      EXPECT_EQ(Tx(kPort, {Make(NdFrame(kVmMac, "33:33:ff:00:00:01",
+                                        {ip, "ff02::1:ff00:1", 255}, nd))}),
+                (std::vector<std::string>{"forward"}));
+   }
+
+   /* The IPv4 binding of the VM's MAC on VLAN 0, or null. */
+   VigilVmi *FindV4(VigilFilter *filter, const char *ip) {
+      addrtext::Mac mac = addrtext::MacOf(frames::kVmMac);
+      return WithReadHold(kPort,
+                          [&] { return VigilFindVmi(filter, 0, mac.data(), addrtext::Ip(ip)); });
+   }
+
+   /* The IPv6 binding of that key, or null. */
+   VigilV6Vmi *FindV6(VigilFilter *filter, u16 vlan, const std::string &mac, const char *ip) {
+      u8 key[VIGIL_V6_KEY_LEN];
+      memcpy(key, &vlan, 2);
+      addrtext::Mac m = addrtext::MacOf(mac);
+      memcpy(key + 2, m.data(), 6);
+      blobs::Addr a = blobs::V6(ip);
+      memcpy(key + 8, a.data(), 16);
+      return WithReadHold(kPort, [&] { return VigilFindV6Vmi(filter, key); });
+   }
+
+   /* Adds an IPv6 binding as a snooper does; gives the table's answer. */
+   zek_Status AddV6(VigilFilter *filter, u16 vlan, const std::string &mac, const char *ip,
+                    u8 method, i64 expiryTs) {
+      VigilV6Vmi t;
+      memset(&t, 0, sizeof t);
+      t.vlanId = vlan;
+      addrtext::Mac m = addrtext::MacOf(mac);
+      memcpy(t.mac, m.data(), 6);
+      blobs::Addr a = blobs::V6(ip);
+      memcpy(t.ip, a.data(), 16);
+      t.discMethod = method;
+      t.expiryTs = expiryTs;
+      zek_Status status = ZEK_OK;
+      WithWriteHold(kPort, [&] { status = VigilAddV6Vmi(filter, &t); });
+      return status;
+   }
+
+   /* The binding messages delivered since the last look, as text. */
+   std::vector<std::string> Messages() {
+      EXPECT_TRUE(sim::WaitIdle(5.0));
+      std::vector<std::string> out;
+      for (const sim::PortsetMessage &msg : sim::TakePortsetMessages()) {
+         EXPECT_EQ(msg.portID, kPort);
+         out.push_back(portdbtext::MessageText(msg.bytes));
+      }
+      return out;
    }
 
    /* The texts of the lines since the last look, with their levels. */
@@ -466,6 +529,100 @@ TEST_F(PortProps, Ipv6ExpiryOfFiveMinutesGivesThreeHundredSeconds) {
    EXPECT_EQ(filter->arpExpiry, 600);
 }
 
+TEST_F(PortProps, Ipv6ExpiryMovesLiveArpAndNdBindingsEachKeepingItsAge) {
+   using portdbtext::Msg;
+   VigilFilter *filter = Enable();
+   ASSERT_EQ(Write(kDiscovery, Bytes{1, 0}), ZEK_OK);
+   ASSERT_EQ(Write(kDiscovery6, blobs::Discovery6(1, 0, 10)), ZEK_OK);
+   LearnArp("192.0.2.10"); /* seen at 1000 */
+   LearnNd("2001:db8::a");
+   sim::Advance(400);
+   LearnArp("192.0.2.11"); /* seen at 1400 */
+   LearnNd("2001:db8::b");
+   Messages();
+   LogTexts();
+
+   /* Five minutes: what was seen 400 s ago is past its end. */
+   EXPECT_EQ(Write(kDiscovery6, blobs::Discovery6(1, 0, 5)), ZEK_OK);
+   EXPECT_EQ(filter->arpExpiry, 300);
+   EXPECT_EQ(filter->ndExpiry, 300);
+   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 14"},
+                             {1, portdbtext::V6TableLine("Deleting V6 VMI", 0, frames::kVmMac,
+                                                         "2001:db8::a", VIGIL_DISC_ND, 1300)}}));
+   EXPECT_EQ(Messages(),
+             (std::vector<std::string>{
+                Msg("removed", 0, frames::kVmMac, "2001:db8::a", VIGIL_DISC_ND),
+                Msg("removed", 0, frames::kVmMac, "192.0.2.10", VIGIL_DISC_ARP)}));
+   EXPECT_EQ(FindV4(filter, "192.0.2.10"), nullptr);
+   ASSERT_NE(FindV4(filter, "192.0.2.11"), nullptr);
+   EXPECT_EQ(FindV4(filter, "192.0.2.11")->expiryTs, 1700);
+   ASSERT_NE(FindV6(filter, 0, frames::kVmMac, "2001:db8::b"), nullptr);
+   EXPECT_EQ(FindV6(filter, 0, frames::kVmMac, "2001:db8::b")->expiryTs, 1700);
+
+   /* The cleanup puts ten minutes back and switches ND off, flushing
+    * nothing: the bindings stay, their ends moved back. */
+   EXPECT_EQ(Cleanup(kDiscovery6), ZEK_OK);
+   EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.discovery.ipv6 cleanup on port 0x10"},
+                             {1, "oldConfig: 0x8, newConfig: 0, toFlush: 0x8"},
+                             {1, "Filter 0x10 IPv6 Discover config updated, new features: 0x2"}}));
+   EXPECT_EQ(filter->arpExpiry, 600);
+   EXPECT_EQ(filter->ndExpiry, 600);
+   EXPECT_EQ(filter->discoveryFlags, VIGIL_DISC_ARP);
+   EXPECT_EQ(Messages(), std::vector<std::string>{});
+   EXPECT_EQ(filter->numArpVmis, 1u);
+   EXPECT_EQ(filter->numNdEntries, 1u);
+   EXPECT_EQ(FindV4(filter, "192.0.2.11")->expiryTs, 2000);
+   EXPECT_EQ(FindV6(filter, 0, frames::kVmMac, "2001:db8::b")->expiryTs, 2000);
+}
+
+TEST_F(PortProps, Ipv6ExpiryWhoseSecondsDoNotFitIsRefusedAndNothingIsApplied) {
+   /* Refused before the filter is looked for. */
+   EXPECT_EQ(Write(kDiscovery6, blobs::Discovery6(1, 1, 35791395)), kBadParam);
+   EXPECT_EQ(Lines(),
+             (Said{{1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 14"},
+                   {2, "vigil.discovery.ipv6 expiry too long: 35791395 minutes, at most: "
+                       "35791394"}}));
+
+   VigilFilter *filter = Enable();
+   ASSERT_EQ(Write(kDiscovery, Bytes{1, 0}), ZEK_OK);
+   ASSERT_EQ(Write(kDiscovery6, blobs::Discovery6(1, 0, 7)), ZEK_OK);
+   LearnArp("192.0.2.10");
+   LearnNd("2001:db8::a");
+   Messages();
+   LogTexts();
+   for (u32 minutes : {35791395u, 0x7fffffffu, 0xffffffffu}) {
+      EXPECT_EQ(Write(kDiscovery6, blobs::Discovery6(0, 1, minutes)), kBadParam) << minutes;
+      EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 14"},
+                                {2, "vigil.discovery.ipv6 expiry too long: " +
+                                       std::to_string(minutes) +
+                                       " minutes, at most: 35791394"}}));
+      EXPECT_EQ(filter->discoveryFlags, VIGIL_DISC_ARP | VIGIL_DISC_ND);
+      EXPECT_EQ(filter->arpExpiry, 420);
+      EXPECT_EQ(filter->ndExpiry, 420);
+      EXPECT_EQ(FindV4(filter, "192.0.2.10")->expiryTs, 1420);
+      EXPECT_EQ(FindV6(filter, 0, frames::kVmMac, "2001:db8::a")->expiryTs, 1420);
+   }
+   EXPECT_EQ(Messages(), std::vector<std::string>{});
+}
+
+TEST_F(PortProps, Ipv6ExpiryOfTheLongestLifeThatFitsIsAccepted) {
+   VigilFilter *filter = Enable();
+   ASSERT_EQ(Write(kDiscovery, Bytes{1, 0}), ZEK_OK);
+   LearnArp("192.0.2.10");
+   LogTexts();
+   EXPECT_EQ(Write(kDiscovery6, blobs::Discovery6(1, 1, 35791394)), ZEK_OK);
+   EXPECT_EQ(filter->arpExpiry, 2147483640);
+   EXPECT_EQ(filter->ndExpiry, 2147483640);
+   EXPECT_EQ(filter->discoveryFlags, VIGIL_DISC_ARP | VIGIL_DISC_ND | VIGIL_DISC_DHCPV6);
+   EXPECT_EQ(FindV4(filter, "192.0.2.10")->expiryTs, 1000 + 2147483640ll);
+   EXPECT_EQ(Lines(),
+             (Said{{1, "Prop vigil.discovery.ipv6 write on port 0x10, len: 14"},
+                   {1, "oldConfig: 0, newConfig: 0x18, toFlush: 0"},
+                   {1, "Filter 0x10 IPv6 Discover config updated, new features: 0x1a"}}));
+   LearnNd("2001:db8::a");
+   EXPECT_EQ(FindV6(filter, 0, frames::kVmMac, "2001:db8::a")->expiryTs, 1000 + 2147483640ll);
+}
+
 /* ---------------------------------------------------------- ignore list */
 
 TEST_F(PortProps, IgnoreListBlobMustHoldItsCount) {
@@ -527,6 +684,83 @@ TEST_F(PortProps, IgnoreListRefusalAndCleanup) {
    EXPECT_EQ(filter->portIgnoreList, nullptr);
    EXPECT_EQ(filter->portIgnoreListSize, 0u);
    EXPECT_EQ(Lines(), (Said{{1, "Prop vigil.discovery.IL cleanup on port 0x10"}}));
+}
+
+TEST_F(PortProps, IgnoreListWritePurgesTheIpv6BindingsItCoversRunningAndExpired) {
+   using portdbtext::Msg;
+   using portdbtext::V6TableLine;
+   const std::string other = "02:00:00:00:00:77";
+   VigilFilter *filter = Enable();
+   ASSERT_EQ(Write(kDiscovery6, blobs::Discovery6(1, 1, 10)), ZEK_OK);
+   SetDeleteExpiry(0);
+   ASSERT_EQ(AddV6(filter, 5, frames::kVmMac, "2001:db8::1", VIGIL_DISC_ND, 1600), ZEK_OK);
+   ASSERT_EQ(AddV6(filter, 7, other, "2001:db8::3", VIGIL_DISC_ND, 995), ZEK_OK);
+   ASSERT_EQ(AddV6(filter, 5, frames::kVmMac, "2001:db8::2", VIGIL_DISC_DHCPV6, 1300), ZEK_OK);
+   ASSERT_EQ(AddV6(filter, 6, frames::kVmMac, "2001:db8::4", VIGIL_DISC_ND, 1400), ZEK_OK);
+   ASSERT_EQ(AddV6(filter, 6, other, "2001:db8::4", VIGIL_DISC_ND, 1450), ZEK_OK);
+   ASSERT_EQ(AddV6(filter, 5, other, "2001:db8::5", VIGIL_DISC_ND, 1500), ZEK_OK);
+   ASSERT_EQ(filter->numExpiredNdEntries, 1u);
+   Messages();
+   LogTexts();
+
+   Bytes list = blobs::IgnoreList(
+      {Entry(VIGIL_WL_VLAN, {}, 0, 7),
+       Entry(VIGIL_WL_MAC | VIGIL_WL_IPV6, blobs::V6("2001:db8::4"), 128, 0,
+             blobs::Mac(frames::kVmMac)),
+       Entry(VIGIL_WL_IPV6, blobs::V6("2001:db8::5"), 128),
+       Entry(VIGIL_WL_IPV4, blobs::V4("32.1.13.184"), 32)});
+   EXPECT_EQ(Write(kIgnore, list), ZEK_OK);
+   EXPECT_EQ(Lines(),
+             (Said{{1, "Prop vigil.discovery.IL write on port 0x10, len: 132"},
+                   {1, V6TableLine("Deleting V6 VMI", 7, other, "2001:db8::3", VIGIL_DISC_ND, 995)},
+                   {1, V6TableLine("Deleting V6 VMI", 6, frames::kVmMac, "2001:db8::4",
+                                   VIGIL_DISC_ND, 1400)},
+                   {1, V6TableLine("Deleting V6 VMI", 5, other, "2001:db8::5", VIGIL_DISC_ND,
+                                   1500)},
+                   {1, "Filter 0x10 Ignore list discovery is configured successfully with size "
+                       "of 4"}}));
+   EXPECT_EQ(Messages(),
+             (std::vector<std::string>{
+                Msg("removed", 7, other, "2001:db8::3", VIGIL_DISC_ND),
+                Msg("removed", 6, frames::kVmMac, "2001:db8::4", VIGIL_DISC_ND),
+                Msg("removed", 5, other, "2001:db8::5", VIGIL_DISC_ND)}));
+   EXPECT_NE(FindV6(filter, 5, frames::kVmMac, "2001:db8::1"), nullptr);
+   EXPECT_NE(FindV6(filter, 5, frames::kVmMac, "2001:db8::2"), nullptr);
+   EXPECT_NE(FindV6(filter, 6, other, "2001:db8::4"), nullptr) << "the MAC differs";
+   EXPECT_EQ(filter->numNdEntries, 2u);
+   EXPECT_EQ(filter->numExpiredNdEntries, 0u);
+   EXPECT_EQ(filter->numDhcpV6Entries, 1u);
+   EXPECT_EQ(filter->stats.statV6VmiAddRefused, 0u);
+
+   /* Later adds that the list covers are refused and counted. */
+   EXPECT_EQ(AddV6(filter, 7, frames::kVmMac, "2001:db8::9", VIGIL_DISC_ND, 1600), 0xbad0002u);
+   EXPECT_EQ(AddV6(filter, 6, frames::kVmMac, "2001:db8::4", VIGIL_DISC_ND, 1600), 0xbad0002u);
+   EXPECT_EQ(AddV6(filter, 9, other, "2001:db8::5", VIGIL_DISC_DHCPV6, 1600), 0xbad0002u);
+   EXPECT_EQ(AddV6(filter, 6, other, "2001:db8::6", VIGIL_DISC_ND, 1600), ZEK_OK);
+   EXPECT_EQ(filter->stats.statV6VmiAddRefused, 3u);
+   EXPECT_EQ(Messages(),
+             (std::vector<std::string>{Msg("added", 6, other, "2001:db8::6", VIGIL_DISC_ND)}));
+}
+
+TEST_F(PortProps, Ipv6AddressOnTheIgnoreListIsNotLearntFromFramesAndIsCounted) {
+   VigilFilter *filter = Enable();
+   ASSERT_EQ(Write(kDiscovery6, blobs::Discovery6(1, 0, 10)), ZEK_OK);
+   ASSERT_EQ(Write(kIgnore, blobs::IgnoreList({Entry(VIGIL_WL_IPV6, blobs::V6("2001:db8::a"),
+                                                     128)})),
+             ZEK_OK);
+   LogTexts();
+   LearnNd("2001:db8::a");
+   EXPECT_EQ(Lines(),
+             (Said{{2, "Filter 0x10 Unable to add VMI: Ignored"},
+                   {2, "Filter 0x10 ND Snooping failed on port 0x10: Ignored"},
+                   {2, "Filter 0x10 Error performing IPv6 ND Discovery on port 0x10: Ignored"}}));
+   EXPECT_EQ(filter->numNdEntries, 0u);
+   EXPECT_EQ(filter->stats.statV6VmiAddRefused, 1u);
+   LearnNd("2001:db8::b");
+   EXPECT_EQ(filter->numNdEntries, 1u);
+   EXPECT_EQ(filter->stats.statV6VmiAddRefused, 1u);
+   EXPECT_EQ(Messages(), (std::vector<std::string>{portdbtext::Msg(
+                            "added", 0, frames::kVmMac, "2001:db8::b", VIGIL_DISC_ND)}));
 }
 
 /* ------------------------------------------------------------- security */
