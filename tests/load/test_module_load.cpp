@@ -884,6 +884,7 @@ TEST_F(PortDbByName, DelEntriesTakesTheBindingAwayWithItsMessage) {
    EXPECT_EQ(delEntries(kPort, addrtext::Ip(kArpIp), mac.data()), kNotFound);
    const addrtext::Mac other = addrtext::MacOf("02:00:00:00:00:77");
    EXPECT_EQ(delEntries(kPort, addrtext::Ip(kLeaseIp), other.data()), kNotFound);
+   EXPECT_EQ(delEntries(kPort, addrtext::Ip(kLeaseIp), nullptr), kBadParam);
    EXPECT_EQ(Count(0), 1u);
    EXPECT_TRUE(Logs().empty());
 }

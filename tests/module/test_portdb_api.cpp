@@ -725,6 +725,18 @@ TEST_F(PortDbApiTest, DelEntriesWithoutFilterLogsThePortInDecimal) {
    EXPECT_EQ(Lines(), (Said{{2, "Vigil filter not found for port 17"}}));
 }
 
+TEST_F(PortDbApiTest, DelEntriesRefusesANullMacBeforeLookingForTheFilter) {
+   AddV4(5, kVmMac, "192.0.2.10", VIGIL_DISC_ARP, kNow + 100);
+   Messages();
+   sim::LockCounts before = sim::GetLockCounts(filter->configLock);
+   EXPECT_EQ(Vigil_PortDBDelEntries(kPort, Ip("192.0.2.10"), nullptr), kBadParam);
+   EXPECT_EQ(Vigil_PortDBDelEntries(kOtherPort, Ip("192.0.2.10"), nullptr), kBadParam);
+   EXPECT_EQ(sim::GetLockCounts(filter->configLock).writes, before.writes);
+   EXPECT_NE(FindV4(5, kVmMac, "192.0.2.10"), nullptr);
+   EXPECT_EQ(Messages(), std::vector<std::string>{});
+   EXPECT_EQ(Lines(), Said{});
+}
+
 TEST_F(PortDbApiTest, DelEntriesTakesTheBindingNearerItsEndWhateverItsVlan) {
    AddV4(5, kVmMac, "192.0.2.10", VIGIL_DISC_DHCP, kNow + 900);
    AddV4(6, kVmMac, "192.0.2.10", VIGIL_DISC_ARP, kNow + 100);
