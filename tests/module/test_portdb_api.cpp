@@ -321,6 +321,17 @@ TEST_F(PortDbApiTest, WholeRecordsOfEveryMethodAreRefusedWithCountZeroAndNothing
    EXPECT_EQ(Lines(), Said{});
 }
 
+TEST_F(PortDbApiTest, WholeRecordsOfBothFamiliesInOneMaskAreRefusedToo) {
+   Populate();
+   /* ARP and ND: IPv6 records would stand sizeof(VigilV6Vmi) apart in a
+    * buffer sized for IPv4 ones. */
+   Answer a = Query(8, VIGIL_QUERY_FORMAT_RECORD, VIGIL_DISC_ARP | VIGIL_DISC_ND,
+                    8 * sizeof(VigilVmi));
+   EXPECT_EQ(a.count, 0u);
+   EXPECT_TRUE(GuardFrom(a.buffer, 0));
+   EXPECT_EQ(Lines(), Said{});
+}
+
 TEST_F(PortDbApiTest, WholeRecordFormatCopiesEachIpv4RecordSizeofApart) {
    Populate();
    Answer a = Query(8, VIGIL_QUERY_FORMAT_RECORD, 0x07, 8 * sizeof(VigilVmi));

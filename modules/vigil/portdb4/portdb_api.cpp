@@ -70,8 +70,11 @@ void VigilQueryPortDb(VigilFilter *filter, void *buffer, u32 capacity, u32 *coun
    if (count != nullptr) {
       *count = 0;
    }
-   if (format == VIGIL_QUERY_FORMAT_RECORD && mask == VIGIL_DISC_ALL_MASK) {
-      /* Whole records of both families can't share one buffer. */
+   if (format == VIGIL_QUERY_FORMAT_RECORD && (mask & VIGIL_DISC_V4_MASK) != 0 &&
+       (mask & (VIGIL_DISC_ND | VIGIL_DISC_DHCPV6)) != 0) {
+      /* Whole records of the two families differ in size and can't share
+       * one buffer: the IPv6 ones would land past a buffer sized for IPv4
+       * records. */
       return;
    }
    u32 n = 0;
