@@ -299,13 +299,19 @@ zek_Status zek_FABClientPortRegister(zek_FABClientHandle *handle,
                                      const zek_FABClientPortOps *ops);
 zek_Status zek_FABClientPortUnregister(zek_FABClientHandle handle);
 
-/* The Transit carrier's table of state operations for one portset. */
+/* The Transit carrier's table of state operations, registered per portset.
+ * When a VM moves, the switch asks the source port's client for the size of
+ * its state (0: nothing to save), hands it a buffer of that size to save
+ * into, gives the destination port's client the bytes saved, and tells both
+ * sides that the move is over.  `reserved` is the carrier's own word, passed
+ * on unread. */
 typedef struct zek_FABTransitOps {
-   zek_Status (*getSize)(zek_PortID portID, uint32_t *size);
+   uint32_t (*getSize)(zek_PortID portID);
    zek_Status (*save)(zek_PortID portID, void *buf, uint32_t bufLen,
-                      uint32_t *dataLen);
-   zek_Status (*restore)(zek_PortID portID, const void *buf, uint32_t dataLen,
-                         uint64_t elapsedMs);
+                      uint32_t *dataLen, uint64_t reserved);
+   zek_Status (*restore)(zek_PortID portID, const void *buf, uint32_t bufLen,
+                         uint64_t elapsedMS);
+   void (*completed)(bool isCrossHost, zek_Status status);
 } zek_FABTransitOps;
 
 zek_Status zek_FABTransitClientRuntimeRegister(

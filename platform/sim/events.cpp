@@ -1,7 +1,9 @@
 /*
  * Portset events of the simulated host: subscriptions by exact event name,
  * and the activate/deactivate events the host raises as portsets come and
- * go.  Subscribers run with no host lock held.
+ * go.  Subscribers run with no host lock held.  When the outermost event
+ * has returned, the switch replays property values to the handlers that
+ * registered meanwhile (ReplayProperties).
  */
 #include <list>
 #include <memory>
@@ -15,6 +17,7 @@ struct zek_NetEvent {
    std::string name;
    zek_NetEventFn fn;
    void *cbData;
+   uint64_t serial;
 };
 
 namespace sim {
@@ -22,10 +25,15 @@ namespace {
 
 std::mutex gEventMutex;
 std::list<std::unique_ptr<zek_NetEvent>> gSubscriptions; /* in order */
+uint64_t gNextSerial = 1;
+/* Events being raised on this thread: the property replays wait until the
+ * outermost one has returned. */
+thread_local uint32_t tRaising = 0;
 
 void ResetEvents() {
    std::lock_guard<std::mutex> guard(gEventMutex);
    gSubscriptions.clear();
+   gNextSerial = 1;
 }
 
 struct Registrar {
@@ -34,14 +42,24 @@ struct Registrar {
 
 } // namespace
 
+uint64_t SubscriptionMark() {
+   std::lock_guard<std::mutex> guard(gEventMutex);
+   return gNextSerial;
+}
+
 void RaiseEvent(const std::string &name, void *eventData) {
+   RaiseEventSince(name, eventData, 0);
+}
+
+void RaiseEventSince(const std::string &name, void *eventData, uint64_t mark) {
    std::vector<zek_NetEventHandle> matching;
    {
       std::lock_guard<std::mutex> guard(gEventMutex);
       for (auto &sub : gSubscriptions) {
-         if (sub->name == name) matching.push_back(sub.get());
+         if (sub->name == name && sub->serial >= mark) matching.push_back(sub.get());
       }
    }
+   tRaising++;
    for (zek_NetEventHandle handle : matching) {
       zek_NetEventFn fn = nullptr;
       void *cbData = nullptr;
@@ -58,6 +76,7 @@ void RaiseEvent(const std::string &name, void *eventData) {
       }
       if (fn != nullptr) (void)fn(nullptr, name.c_str(), cbData, eventData);
    }
+   if (--tRaising == 0) (void)ReplayProperties();
 }
 
 std::vector<std::string> Subscriptions() {
@@ -100,8 +119,8 @@ zek_Status zek_NetEventPortsetEventSubscribe(uint32_t flags, const char *name,
    SIM_FAULT_RETURN("NetEventPortsetEventSubscribe");
    if (name == nullptr || fn == nullptr || handle == nullptr) return kBadParam;
    std::lock_guard<std::mutex> guard(gEventMutex);
-   gSubscriptions.push_back(
-      std::make_unique<zek_NetEvent>(zek_NetEvent{flags, name, fn, cbData}));
+   gSubscriptions.push_back(std::make_unique<zek_NetEvent>(
+      zek_NetEvent{flags, name, fn, cbData, gNextSerial++}));
    *handle = gSubscriptions.back().get();
    return ZEK_OK;
 }

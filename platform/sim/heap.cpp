@@ -17,6 +17,7 @@ struct zek_Heap {
    uint32_t minSize;
    uint32_t maxSize; /* 0: no limit */
    uint64_t created; /* point in the heap history (HeapMark) */
+   const void *owner; /* the object whose code created it */
    struct Block {
       uint32_t size;
       const void *caller;
@@ -45,6 +46,7 @@ struct DestroyedHeap {
    uint64_t event;
    uint64_t leaks;
    uint64_t bytes;
+   const void *owner;
 };
 std::vector<DestroyedHeap> gDestroyed;
 
@@ -125,17 +127,19 @@ uint64_t HeapMark() {
    return gHeapEvents;
 }
 
-HeapLeakTotals HeapLeaksSince(uint64_t mark) {
+HeapLeakTotals HeapLeaksSince(uint64_t mark, const void *owner) {
    std::lock_guard<std::mutex> guard(gHeapMutex);
    HeapLeakTotals totals{};
    for (const DestroyedHeap &d : gDestroyed) {
-      if (d.event > mark) {
+      if (d.event > mark && (owner == nullptr || d.owner == owner)) {
          totals.leaks += d.leaks;
          totals.bytes += d.bytes;
       }
    }
    for (zek_Heap *heap : gHeaps) {
-      if (heap->created > mark) totals.heapsLive++;
+      if (heap->created > mark && (owner == nullptr || heap->owner == owner)) {
+         totals.heapsLive++;
+      }
    }
    return totals;
 }
@@ -147,6 +151,7 @@ using namespace sim;
 extern "C" {
 
 zek_Status zek_HeapCreate(const zek_HeapProps *props, zek_HeapID *heap) {
+   const void *owner = ObjectOf(__builtin_return_address(0));
    SIM_FAULT_RETURN("HeapCreate");
    if (props == nullptr || heap == nullptr) {
       return kBadParam;
@@ -159,6 +164,7 @@ zek_Status zek_HeapCreate(const zek_HeapProps *props, zek_HeapID *heap) {
                   strnlen(props->name.string, ZEK_NAME_MAX));
    h->minSize = props->minSize;
    h->maxSize = props->maxSize;
+   h->owner = owner;
    std::lock_guard<std::mutex> guard(gHeapMutex);
    h->created = ++gHeapEvents;
    gHeaps.insert(h);
@@ -187,7 +193,7 @@ void zek_HeapDestroy(zek_HeapID heap) {
    }
    gLeaksSinceReset += leaks.size();
    gDestroyed.push_back(
-      DestroyedHeap{++gHeapEvents, leaks.size(), heap->stats.inUse});
+      DestroyedHeap{++gHeapEvents, leaks.size(), heap->stats.inUse, heap->owner});
    FreeHeap(heap);
 }
 

@@ -132,6 +132,15 @@ bool SetParam(LoadedModule *m, const std::string &name, int64_t value,
 
 } // namespace
 
+const void *ObjectOf(const void *addr) {
+   Dl_info info;
+   return addr != nullptr && dladdr(addr, &info) != 0 ? info.dli_fbase : nullptr;
+}
+
+const void *ModuleBase(const LoadedModule *m) {
+   return m != nullptr ? m->base : nullptr;
+}
+
 bool CodeIn(const void *fn, const void *base) {
    if (fn == nullptr || base == nullptr) return false;
    Dl_info info;
@@ -179,6 +188,9 @@ LoadedModule *LoadModule(const std::string &soPath,
    int result = init();
    m->initOk = result == 0;
    if (initResult != nullptr) *initResult = result;
+   /* The switch gives the handlers registered at start what the ports of
+    * their portsets carry. */
+   if (m->initOk) (void)ReplayProperties();
    return m;
 }
 
@@ -206,12 +218,15 @@ UnloadReport UnloadModule(LoadedModule *m) {
    DropSubscriptionsInto(m->base, &left);
    DropClientsInto(m->base, &left);
    DropPortDestructorsInto(m->base, &left);
+   DropTransitClientsInto(m->base, &left);
+   DropRtmClientsInto(m->base, &left);
    for (const std::string &what : left) {
       ReportFailure("module unloaded with its " + what + " still in place");
    }
    const uint64_t mark = m->heapMark;
+   const void *base = m->base;
    Close(m);
-   HeapLeakTotals totals = HeapLeaksSince(mark);
+   HeapLeakTotals totals = HeapLeaksSince(mark, base);
    report.leaks = totals.leaks;
    report.leakBytes = totals.bytes;
    report.heapsLive = totals.heapsLive;

@@ -159,8 +159,12 @@ bool RemovePort(zek_PortID portID) {
    /* The port stays visible while its destructors run: they read their
     * slot through oxa_PortVoltaliteDataGet. */
    for (oxa_PortDataDestructor destructor : destructors) destructor(portID);
-   std::lock_guard<std::mutex> guard(gPortMutex);
-   gPorts.erase(portID);
+   {
+      std::lock_guard<std::mutex> guard(gPortMutex);
+      gPorts.erase(portID);
+   }
+   /* The port's property values go with it. */
+   ForgetPortProperties(portID);
    return true;
 }
 
@@ -168,6 +172,28 @@ zek_PortsetHandle PortsetOfPort(zek_PortID portID) {
    std::lock_guard<std::mutex> guard(gPortMutex);
    Port *port = FindPort(portID);
    return port != nullptr ? port->portset : nullptr;
+}
+
+std::vector<zek_PortID> PortsOf(zek_PortsetHandle ps) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::vector<zek_PortID> out;
+   for (auto &entry : gPorts) {
+      if (ps == nullptr || entry.second.portset == ps) out.push_back(entry.first);
+   }
+   return out;
+}
+
+std::vector<zek_PortsetHandle> AllPortsets() {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::vector<zek_PortsetHandle> out;
+   for (auto &p : gPortsets) out.push_back(p.get());
+   return out;
+}
+
+bool PortFlagSet(zek_PortID portID, uint32_t flag) {
+   std::lock_guard<std::mutex> guard(gPortMutex);
+   Port *port = FindPort(portID);
+   return port != nullptr && port->flags.count(flag) != 0;
 }
 
 void DropPortDestructorsInto(const void *base, std::vector<std::string> *what) {

@@ -46,16 +46,40 @@ uint32_t LiveChains(); /* inserted and not removed, on every port */
  * the port's data slots. */
 
 /* ------------------------------------------------------ port properties */
-/* Writes a property of a port as the switch does: the registration for that
- * property on the port's portset gets ops->write(portset, portID, name,
- * bytes, size), with nullptr for an empty value, and its status is returned.
- * Without a registration (or for an unknown port) *handled is false and the
- * answer is 0xbad0003.  `handled` may be nullptr. */
+/* The switch keeps each port's properties: the last value written under
+ * each name, until the property is cleaned up or the port goes away.  A
+ * handler registered for a property on a portset whose ports already carry
+ * values of it is given each of them as a write, as the switch replays a
+ * port's configuration to a new client (see ReplayProperties).
+ *
+ * WriteProperty writes a property of a port as the switch does: the
+ * registration for that property on the port's portset gets
+ * ops->write(portset, portID, name, bytes, size), with nullptr for an empty
+ * value, and its status is returned.  Without a registration (or for an
+ * unknown port) *handled is false and the answer is 0xbad0003.  `handled`
+ * may be nullptr.  The port keeps the value when the handler accepts it
+ * (ZEK_OK) or when there is no handler to ask; a refused value leaves the
+ * one kept before. */
 zek_Status WriteProperty(zek_PortID portID, const std::string &prop,
                          const std::vector<uint8_t> &data, bool *handled);
-/* The same for ops->cleanup(portset, portID); 0 when that slot is empty. */
+/* The same for ops->cleanup(portset, portID); 0 when that slot is empty.
+ * The property leaves the port: its kept value is forgotten, handled or not. */
 zek_Status CleanupProperty(zek_PortID portID, const std::string &prop,
                            bool *handled);
+/* The value the port keeps under that name; false when it keeps none. */
+bool PropertyValue(zek_PortID portID, const std::string &prop,
+                   std::vector<uint8_t> *value);
+/* Replays to the registrations made since the last replay the values their
+ * portset's ports already carry: for each such registration still in place,
+ * in registration order, and each port of its portset (in id order) that
+ * keeps a value of its property, one ops->write with the value kept now.
+ * The switch does this from its own context once the registering call has
+ * returned, never inside zek_FABClientPortRegister (whose caller may hold
+ * its own locks): the host runs it when a raised event returns
+ * (RaiseEvent, and so AddPortset and RemovePortset), after init_module
+ * (LoadModule), and tests that register from their own code call it.
+ * Returns how many writes were made. */
+uint32_t ReplayProperties();
 /* Property names registered on the portset, in registration order. */
 std::vector<std::string> RegisteredProperties(const std::string &portset);
 uint32_t LiveClientRegistrations();
@@ -63,7 +87,8 @@ uint32_t LiveClientRegistrations();
 /* ------------------------------------------------------ portset events */
 /* Calls fn(nullptr, name, cbData, eventData) for every subscriber of exactly
  * that name, in subscription order; a subscriber's status does not stop the
- * others and is not kept. */
+ * others and is not kept.  Then, outside every event, the pending property
+ * replays are delivered (ReplayProperties). */
 void RaiseEvent(const std::string &name, void *eventData);
 /* The names of the live subscriptions, in subscription order. */
 std::vector<std::string> Subscriptions();
@@ -113,18 +138,22 @@ std::vector<GlxCommand> TakeGlxCommands();
  * *initResult gets its answer.  The module stays loaded even when init fails
  * (UnloadModule then skips cleanup_module, as the kernel does).  nullptr and
  * *error set when the file cannot be loaded, a parameter is unknown or
- * missing from the module, or the module has no init_module. */
+ * missing from the module, or the module has no init_module.  After
+ * init_module the pending property replays are delivered (ReplayProperties),
+ * so that a module that registered with portsets at start gets the values
+ * their ports carry. */
 struct LoadedModule;
 LoadedModule *LoadModule(const std::string &soPath,
                          const std::vector<std::pair<std::string, int64_t>> &params,
                          int *initResult, std::string *error);
 /* Runs cleanup_module (when init succeeded), closes and deletes the copy.
- * leaks and leakBytes: allocations left in the heaps destroyed since the
- * load; heapsLive: heaps created since the load and not destroyed;
+ * leaks and leakBytes: allocations left in the module's heaps (those its
+ * code created) destroyed since the load; heapsLive: the module's heaps
+ * created since the load and not destroyed;
  * framesLive: sim::FramesLive() after the unload; callbacksLeft: chains,
- * subscriptions, property registrations and port data destructors still
- * pointing into the module's code, each reported as a host failure and
- * dropped (never called). */
+ * subscriptions, property registrations, Transit and RTM clients and port
+ * data destructors still pointing into the module's code, each reported as a
+ * host failure and dropped (never called). */
 struct UnloadReport {
    uint64_t leaks;
    uint64_t leakBytes;
