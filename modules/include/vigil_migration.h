@@ -184,4 +184,37 @@ VIGIL_MUST_CHECK zek_Status VigilPopulateDhcp6V1Tlv(VigilFilter *filter, u8 *tlv
 VIGIL_MUST_CHECK zek_Status VigilMigrationRestore(u32 portID, const void *buf, u32 bufLen,
                                                   u64 elapsedMS);
 
+/* The parts of the restore path.  Nothing at or past buf + bufLen is read;
+ * offsets are from the start of the buffer, and a TLV's entries are read
+ * only below tlvEnd (the nearer of the buffer's end and the TLV's own). */
+/* The saved state header: length, magic and version. */
+VIGIL_MUST_CHECK zek_Status VigilMigrationValidateData(u32 portID, const void *buf,
+                                                       u32 bufLen, u64 elapsedMS);
+/* The two readers, for a buffer whose header is valid.  V1 builds its list
+ * without the lock and takes the filter's write lock for the adds; TLV holds
+ * it for the whole walk and returns ZEK_OK once the filter is found. */
+VIGIL_MUST_CHECK zek_Status VigilMigrationRestoreV1(u32 portID, const void *buf, u32 bufLen,
+                                                    u64 elapsedMS);
+VIGIL_MUST_CHECK zek_Status VigilMigrationRestoreTlv(u32 portID, const void *buf, u32 bufLen,
+                                                     u64 elapsedMS);
+/* Build the temporary list of IPv4 records (linked through expiryLinks, in
+ * the order of the buffer) that Vigil_RestoreVMIEntryList takes over; the
+ * list owns what is left on it until VigilFreeVMIList.  Both return
+ * 0xbad0014 with the list freed when a record can't be allocated, and
+ * ZEK_OK with the list empty when a client id can't.  V1: the entries of a
+ * whole V1 buffer; one that ends inside its header or its entries gives
+ * 0xbad0001 and no list.  TLV: the entries of the type 2 or 5 TLV at
+ * tlvOffset, whose counts the caller has found inside tlvEnd; the entries
+ * before the first one that does not fit are kept. */
+VIGIL_MUST_CHECK zek_Status VigilCreateVMIList(u32 portID, const u8 *buf, u32 bufLen,
+                                               VigilListLinks *list);
+VIGIL_MUST_CHECK zek_Status VigilCreateVMIListTlv(u32 portID, const u8 *buf, u32 tlvOffset,
+                                                  u32 tlvEnd, VigilListLinks *list);
+/* One TLV each, under the filter's write lock; what fails is logged. */
+void VigilProcessIpv4V1Tlv(VigilFilter *filter, const u8 *buf, u32 tlvOffset, u32 tlvEnd);
+void VigilProcessNdV1Tlv(VigilFilter *filter, const u8 *buf, u32 tlvOffset, u32 tlvEnd);
+void VigilProcessDhcp6V1Tlv(VigilFilter *filter, const u8 *buf, u32 tlvOffset, u32 tlvEnd);
+/* Frees every record left on a temporary list, with its client id. */
+void VigilFreeVMIList(VigilListLinks *list);
+
 #endif /* VIGIL_MIGRATION_H */
