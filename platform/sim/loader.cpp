@@ -219,7 +219,7 @@ UnloadReport UnloadModule(LoadedModule *m) {
    DropClientsInto(m->base, &left);
    DropPortDestructorsInto(m->base, &left);
    DropTransitClientsInto(m->base, &left);
-   DropRtmClientsInto(m->base, &left);
+   ForgetRtmClientsOf(m->base);
    for (const std::string &what : left) {
       ReportFailure("module unloaded with its " + what + " still in place");
    }

@@ -182,11 +182,10 @@ void RtmDropClient(oxa_RtmClientHandle handle) {
    }
 }
 
-void DropRtmClientsInto(const void *base, std::vector<std::string> *what) {
+void ForgetRtmClientsOf(const void *base) {
    std::lock_guard<std::mutex> guard(gRtmMutex);
    for (auto it = gRtmClients.begin(); it != gRtmClients.end();) {
       if (CodeIn((*it)->caller, base)) {
-         what->push_back("RTM client '" + (*it)->name + "'");
          it = gRtmClients.erase(it);
       } else {
          ++it;

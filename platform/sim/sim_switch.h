@@ -151,9 +151,10 @@ LoadedModule *LoadModule(const std::string &soPath,
  * code created) destroyed since the load; heapsLive: the module's heaps
  * created since the load and not destroyed;
  * framesLive: sim::FramesLive() after the unload; callbacksLeft: chains,
- * subscriptions, property registrations, Transit and RTM clients and port
- * data destructors still pointing into the module's code, each reported as a
- * host failure and dropped (never called). */
+ * subscriptions, property registrations, Transit clients and port data
+ * destructors still pointing into the module's code, each reported as a
+ * host failure and dropped (never called).  The RTM service forgets the
+ * module's clients by itself (sim_migration.h). */
 struct UnloadReport {
    uint64_t leaks;
    uint64_t leakBytes;

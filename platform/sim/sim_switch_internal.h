@@ -77,7 +77,11 @@ void DropSubscriptionsInto(const void *base, std::vector<std::string> *what);
 void DropClientsInto(const void *base, std::vector<std::string> *what);
 void DropPortDestructorsInto(const void *base, std::vector<std::string> *what);
 void DropTransitClientsInto(const void *base, std::vector<std::string> *what);
-void DropRtmClientsInto(const void *base, std::vector<std::string> *what);
+/* rtm.cpp: the RTM service forgets the clients that the object loaded at
+ * `base` registered, without a word: it learns of a client module's unload
+ * itself (clients register with their module id), and a client has no call
+ * of its own to end its registration. */
+void ForgetRtmClientsOf(const void *base);
 
 /* rtm.cpp: gives the current announcement of the RTM service, if it is
  * announced, to the subscriptions made since `mark` (a module that
