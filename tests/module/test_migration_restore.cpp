@@ -1997,3 +1997,294 @@ TEST_F(MigrationRestoreTest, FreeingATemporaryListFreesItsRecordsAndTheirClientI
    EXPECT_TRUE(VigilListIsEmpty(&list));
    EXPECT_EQ(Live(), live);
 }
+
+/* ------------------------------------------------ save, then restore */
+
+namespace {
+
+std::string Hex(const u8 *p, size_t n) {
+   std::string out;
+   char two[3];
+   for (size_t i = 0; i < n; i++) {
+      snprintf(two, sizeof two, "%02x", p[i]);
+      out += two;
+   }
+   return out;
+}
+
+/* Every field a binding of `f` keeps, its expiry less `shift`, sorted. */
+std::vector<std::string> Describe(VigilFilter *f, i64 shift) {
+   std::vector<std::string> out;
+   auto v4 = [&](VigilVmi *vmi, bool expired) {
+      std::string text = Binding(Ip4Text(vmi->ip), MethodName(vmi->discMethod),
+                                 vmi->discMethod == VIGIL_DISC_STATIC ? vmi->expiryTs
+                                                                      : vmi->expiryTs - shift,
+                                 vmi->vlanId, MacText(vmi->mac));
+      if (vmi->discMethod == VIGIL_DISC_DHCP) {
+         text += " client " + MacText(vmi->clientMac) + " id " +
+                 Hex(vmi->clientIdStr, vmi->clientIdStr ? vmi->clientIdLen : 0) + "/" +
+                 std::to_string(vmi->clientIdLen) + " server " + Ip4Text(vmi->serverIp) +
+                 " lease " + std::to_string(vmi->leaseTime);
+      }
+      out.push_back(text + (expired ? " expired" : ""));
+   };
+   VIGIL_LIST_FOR_EACH(pos, &f->vmiList) {
+      v4(VIGIL_VMI_FROM_EXPIRY(pos), false);
+   }
+   VIGIL_LIST_FOR_EACH(pos, &f->expiredVmiList) {
+      v4(VIGIL_VMI_FROM_EXPIRED(pos), true);
+   }
+   auto v6 = [&](VigilV6Vmi *vmi, bool expired) {
+      std::string text = Binding(Ip6Text(vmi->ip), MethodName(vmi->discMethod),
+                                 vmi->expiryTs - shift, vmi->vlanId, MacText(vmi->mac));
+      if (vmi->discMethod == VIGIL_DISC_DHCPV6) {
+         text += " iaid " + std::to_string(vmi->iaId) + " server " + Ip6Text(vmi->serverIp) +
+                 " valid " + std::to_string(vmi->validLifetime) + " preferred " +
+                 std::to_string(vmi->preferredLifetime) + " duid " +
+                 Hex(vmi->clientId, vmi->clientId ? vmi->clientIdLen : 0) + "/" +
+                 std::to_string(vmi->clientIdLen);
+      }
+      out.push_back(text + (expired ? " expired" : ""));
+   };
+   VIGIL_LIST_FOR_EACH(pos, &f->v6VmiList) {
+      v6(VIGIL_V6VMI_FROM_EXPIRY(pos), false);
+   }
+   VIGIL_LIST_FOR_EACH(pos, &f->v6ExpiredNdList) {
+      v6(VIGIL_V6VMI_FROM_EXPIRED(pos), true);
+   }
+   std::sort(out.begin(), out.end());
+   return out;
+}
+
+class MigrationRoundTripTest : public MigrationRestoreTest {
+protected:
+   static constexpr u32 kDestPort = 0x12;
+
+   void SetUp() override {
+      MigrationRestoreTest::SetUp();
+      savedVersion_ = saveVersion;
+      savedTlvs_ = supportedTlvs;
+      /* As module start leaves them. */
+      supportedTlvs = 0;
+      ASSERT_EQ(VigilMigrationInit(), ZEK_OK);
+      dest = AddFilter(kDestPort);
+      ASSERT_EQ(VigilVmiHashAlloc(&dest->vmiHash), ZEK_OK);
+      ASSERT_EQ(VigilV6VmiHashAlloc(&dest->v6VmiHash), ZEK_OK);
+      dest->discoveryFlags = filter->discoveryFlags;
+      baseAllocs_ = Live();
+   }
+
+   void TearDown() override {
+      if (dest != nullptr && dest->vmiHash != nullptr) {
+         std::vector<std::string> found;
+         EXPECT_EQ(VigilCheckFilterTables(dest, CollectViolation, &found), 0u);
+         ClearDest();
+         Vigil_HeapFree(dest->vmiHash);
+         dest->vmiHash = nullptr;
+         Vigil_HeapFree(dest->v6VmiHash);
+         dest->v6VmiHash = nullptr;
+      }
+      saveVersion = savedVersion_;
+      supportedTlvs = savedTlvs_;
+      MigrationRestoreTest::TearDown();
+   }
+
+   void ClearDest() {
+      WithWriteHold(kDestPort, [&] {
+         while (!VigilListIsEmpty(&dest->expiredVmiList)) {
+            VigilDelVmi(dest, VIGIL_VMI_FROM_EXPIRED(dest->expiredVmiList.next));
+         }
+         while (!VigilListIsEmpty(&dest->vmiList)) {
+            VigilDelVmi(dest, VIGIL_VMI_FROM_EXPIRY(dest->vmiList.next));
+         }
+         VigilClearV6Vmi(dest, true, 0, nullptr);
+      });
+   }
+
+   /* A random database on the source port: ARP, DHCP and static IPv4
+    * bindings, ND and DHCPv6 ones, and with delete-on-expiry off, ARP and
+    * ND bindings kept expired.  Keys are unique; every running binding ends
+    * in the future. */
+   void FillRandom(std::mt19937 &rng, bool withExpired) {
+      auto pick = [&rng](u32 n) { return (u32)(rng() % n); };
+      auto mac = [&](u32 n) {
+         std::array<u8, 6> m{0x02, 0x00, 0x00, 0x00, (u8)(n >> 8), (u8)n};
+         return m;
+      };
+      i64 now = Vigil_UptimeSecs();
+      u32 n4 = pick(60);
+      for (u32 i = 0; i < n4; i++) {
+         VigilVmi *vmi = (VigilVmi *)Vigil_HeapAlloc(sizeof(VigilVmi));
+         vmi->vlanId = (u16)pick(4);
+         std::array<u8, 6> m = mac(pick(3));
+         memcpy(vmi->mac, m.data(), 6);
+         u8 ip[4] = {10, (u8)(i >> 8), (u8)i, (u8)(1 + pick(200))};
+         memcpy(&vmi->ip, ip, 4);
+         u32 kind = pick(10);
+         if (kind < 5) {
+            vmi->discMethod = VIGIL_DISC_ARP;
+            vmi->expiryTs = withExpired && kind == 0 ? now - 1 - pick(5000) : now + 1 + pick(5000);
+         } else if (kind < 9) {
+            vmi->discMethod = VIGIL_DISC_DHCP;
+            vmi->expiryTs = now + 1 + pick(100000);
+            u8 clientMac[6] = {0x02, 0xcc, 0, 0, 0, (u8)i};
+            memcpy(vmi->clientMac, clientMac, 6);
+            vmi->serverIp = rng();
+            vmi->leaseTime = rng();
+            vmi->clientIdLen = (u8)(pick(3) == 0 ? 0 : pick(256));
+            if (vmi->clientIdLen != 0) {
+               vmi->clientIdStr = (u8 *)Vigil_HeapAlloc(vmi->clientIdLen);
+               for (u32 b = 0; b < vmi->clientIdLen; b++) {
+                  vmi->clientIdStr[b] = (u8)rng();
+               }
+            }
+         } else {
+            vmi->discMethod = VIGIL_DISC_STATIC;
+         }
+         zek_Status status = ZEK_OK;
+         WithWriteLock([&] { status = VigilAddVmi(filter, vmi); });
+         ASSERT_EQ(status, ZEK_OK);
+      }
+      u32 nNd = pick(16);
+      for (u32 i = 0; i < nNd; i++) {
+         VigilV6Vmi t;
+         memset(&t, 0, sizeof t);
+         t.vlanId = (u16)pick(4);
+         std::array<u8, 6> m = mac(pick(3));
+         memcpy(t.mac, m.data(), 6);
+         std::array<u8, 16> ip = Ip6("2001:db8::");
+         ip[14] = 1;
+         ip[15] = (u8)i;
+         memcpy(t.ip, ip.data(), 16);
+         t.discMethod = VIGIL_DISC_ND;
+         t.expiryTs = withExpired && pick(4) == 0 ? now - 1 - pick(5000) : now + 1 + pick(600);
+         zek_Status status = ZEK_OK;
+         WithWriteLock([&] { status = VigilAddV6Vmi(filter, &t); });
+         ASSERT_EQ(status, ZEK_OK);
+      }
+      u32 nD6 = pick(16);
+      for (u32 i = 0; i < nD6; i++) {
+         VigilV6Vmi t;
+         memset(&t, 0, sizeof t);
+         t.vlanId = (u16)pick(4);
+         std::array<u8, 6> m = mac(pick(3));
+         memcpy(t.mac, m.data(), 6);
+         std::array<u8, 16> ip = Ip6("2001:db8::");
+         ip[14] = 2;
+         ip[15] = (u8)i;
+         memcpy(t.ip, ip.data(), 16);
+         t.discMethod = VIGIL_DISC_DHCPV6;
+         t.expiryTs = now + 1 + pick(100000);
+         t.iaId = rng();
+         std::array<u8, 16> server = Ip6("fe80::1");
+         server[15] = (u8)rng();
+         memcpy(t.serverIp, server.data(), 16);
+         t.validLifetime = (i32)pick(100000);
+         t.preferredLifetime = rng();
+         Bytes duid(pick(40));
+         for (u8 &b : duid) {
+            b = (u8)rng();
+         }
+         t.clientIdLen = (u16)duid.size();
+         t.clientId = duid.empty() ? nullptr : duid.data();
+         zek_Status status = ZEK_OK;
+         WithWriteLock([&] { status = VigilAddV6Vmi(filter, &t); });
+         ASSERT_EQ(status, ZEK_OK);
+      }
+   }
+
+   /* The source's saved state, in a buffer of exactly the size it asks. */
+   Bytes Save() {
+      u32 size = WithReadHold(kPort, [&] { return VigilGetFilterSaveLen(filter); });
+      Bytes buf(size, kJunk);
+      u32 dataLen = 0;
+      EXPECT_EQ(VigilMigrationSave(kPort, buf.data(), size, &dataLen, 0), ZEK_OK);
+      EXPECT_EQ(dataLen, size);
+      buf.resize(dataLen);
+      return buf;
+   }
+
+   zek_Status RestoreToDest(const Bytes &bytes) {
+      std::unique_ptr<u8[]> exact(new u8[bytes.size()]);
+      memcpy(exact.get(), bytes.data(), bytes.size());
+      return VigilMigrationRestore(kDestPort, exact.get(), (u32)bytes.size(), 7000);
+   }
+
+   VigilFilter *dest = nullptr;
+   u32 savedVersion_ = 0;
+   u32 savedTlvs_ = 0;
+};
+
+} // namespace
+
+TEST_F(MigrationRoundTripTest, RandomDatabasesComeBackWithTheirExpiriesShiftedByTheMove) {
+   std::mt19937 rng(7601);
+   u64 seen = 0;
+   for (int round = 0; round < 40; round++) {
+      SCOPED_TRACE("round " + std::to_string(round));
+      Restart();
+      ClearDest();
+      bool withExpired = round % 2 == 0;
+      SetDeleteExpiry(withExpired ? 0 : 1);
+      FillRandom(rng, withExpired);
+      Bytes bytes = Save();
+      ASSERT_GE(bytes.size(), 60u);
+      std::vector<std::string> before = Describe(filter, 0);
+      /* The move takes its time; the remaining times restart at the
+       * restore, so every expiry moves by exactly that. */
+      i64 move = 1 + (i64)(rng() % 300);
+      sim::Advance((double)move);
+      ASSERT_EQ(RestoreToDest(bytes), ZEK_OK);
+      EXPECT_EQ(Describe(dest, move), before);
+      EXPECT_EQ(dest->numVmis, filter->numVmis);
+      EXPECT_EQ(dest->numExpiredVmis, filter->numExpiredVmis);
+      EXPECT_EQ(dest->totalClientIdLen, filter->totalClientIdLen);
+      EXPECT_EQ(dest->numNdEntries, filter->numNdEntries);
+      EXPECT_EQ(dest->numExpiredNdEntries, filter->numExpiredNdEntries);
+      EXPECT_EQ(dest->dhcpV6ClientIdBytes, filter->dhcpV6ClientIdBytes);
+      std::vector<std::string> found;
+      ASSERT_EQ(VigilCheckFilterTables(dest, CollectViolation, &found), 0u)
+         << ::testing::PrintToString(found);
+      /* The destination would now save as many bytes as the source. */
+      u32 size = WithReadHold(kDestPort, [&] { return VigilGetFilterSaveLen(dest); });
+      EXPECT_EQ(size, bytes.size());
+      seen += before.size();
+      TakeModuleLogs();
+   }
+   EXPECT_GT(seen, 1000u) << "the databases were not empty";
+   SetDeleteExpiry(1);
+}
+
+TEST_F(MigrationRoundTripTest, V1SavesOnlyRunningIpv4BindingsAndTheyComeBack) {
+   std::mt19937 rng(7602);
+   for (int round = 0; round < 20; round++) {
+      SCOPED_TRACE("round " + std::to_string(round));
+      Restart();
+      ClearDest();
+      saveVersion = VIGIL_SAVE_VERSION_V1;
+      SetDeleteExpiry(0);
+      FillRandom(rng, true);
+      Bytes bytes = Save();
+      ASSERT_GE(bytes.size(), 136u);
+      /* What V1 carries: the running IPv4 bindings, nothing expired and
+       * nothing of IPv6. */
+      std::vector<std::string> running;
+      for (const std::string &b : Describe(filter, 0)) {
+         bool v6 = b.find(" nd ") != std::string::npos || b.find(" dhcpv6 ") != std::string::npos;
+         if (!v6 && b.find(" expired") == std::string::npos) {
+            running.push_back(b);
+         }
+      }
+      i64 move = 1 + (i64)(rng() % 300);
+      sim::Advance((double)move);
+      ASSERT_EQ(RestoreToDest(bytes), ZEK_OK);
+      EXPECT_EQ(Describe(dest, move), running);
+      EXPECT_EQ(dest->numNdEntries + dest->numDhcpV6Entries, 0u);
+      std::vector<std::string> found;
+      ASSERT_EQ(VigilCheckFilterTables(dest, CollectViolation, &found), 0u)
+         << ::testing::PrintToString(found);
+      TakeModuleLogs();
+   }
+   saveVersion = VIGIL_SAVE_VERSION_TLV;
+   SetDeleteExpiry(1);
+}
