@@ -11,6 +11,7 @@
 #ifndef VIGIL_MIGRATION_H
 #define VIGIL_MIGRATION_H
 
+#include "rtm.h"
 #include "vigil_filter.h"
 
 #define VIGIL_SAVED_STATE_MAGIC 0x5011D1F1EDull
@@ -216,5 +217,32 @@ void VigilProcessNdV1Tlv(VigilFilter *filter, const u8 *buf, u32 tlvOffset, u32 
 void VigilProcessDhcp6V1Tlv(VigilFilter *filter, const u8 *buf, u32 tlvOffset, u32 tlvEnd);
 /* Frees every record left on a temporary list, with its client id. */
 void VigilFreeVMIList(VigilListLinks *list);
+
+/* The carriers' hooks: the live-upgrade service's client (RTM) and the
+ * Transit client of a portset.  Only the carriers call them, through the
+ * two tables. */
+extern const char *vigilRtmClientName;
+extern oxa_RtmClientHandle vigilRtmClient;
+extern zek_NetEventHandle vigilRtmEventHandle;
+extern oxa_RtmEventData vigilRtmEventData;
+VIGIL_MUST_CHECK zek_Status VigilRtmRegUnregEventCB(void *ctx, const char *eventName,
+                                                    void *cbData, void *eventData);
+VIGIL_MUST_CHECK zek_Status VigilRtmPrefetch(void *ctx, zek_PortID portID);
+VIGIL_MUST_CHECK zek_Status VigilRtmGetSize(void *ctx, zek_PortID portID, u32 *size);
+VIGIL_MUST_CHECK zek_Status VigilRtmSave(void *ctx, zek_PortID portID, void *buf, u32 bufLen,
+                                         u32 *dataLen, u64 reserved);
+VIGIL_MUST_CHECK zek_Status VigilRtmRestore(void *ctx, zek_PortID portID, const void *buf,
+                                            u32 bufLen, u64 elapsedMS);
+void VigilRtmCompleted(void *ctx, bool isCrossHost, zek_Status status);
+VIGIL_MUST_CHECK zek_Status VigilRtmPreDualLoad(void);
+u32 VigilTransitGetSize(zek_PortID portID);
+VIGIL_MUST_CHECK zek_Status VigilTransitSave(zek_PortID portID, void *buf, u32 bufLen,
+                                             u32 *dataLen, u64 reserved);
+VIGIL_MUST_CHECK zek_Status VigilTransitRestore(zek_PortID portID, const void *buf, u32 bufLen,
+                                                u64 elapsedMS);
+void VigilTransitCompleted(bool isCrossHost, zek_Status status);
+
+extern const oxa_RtmClientOps vigilRtmOps;
+extern const zek_FABTransitOps transitStateOps;
 
 #endif /* VIGIL_MIGRATION_H */

@@ -212,7 +212,8 @@ TEST_F(ModuleLoad, StartRegistersEveryVswitchPortsetAndStopTakesAllAway) {
    EXPECT_TRUE(sim::RegisteredProperties("host0").empty());
    EXPECT_EQ(sim::Subscriptions(),
              (std::vector<std::string>{sim::VswitchEventName("activate"),
-                                       sim::VswitchEventName("deactivate")}));
+                                       sim::VswitchEventName("deactivate"),
+                                       "com.norvex.oxa.rtm.client"}));
    EXPECT_EQ(sim::LiveWorlds(), 2u);
    EXPECT_NE(sim::ModuleHeap(), nullptr);
    EXPECT_TRUE(sim::LogHandleExists("vigil"));
@@ -270,7 +271,7 @@ TEST_F(ModuleLoad, LiveUpgradeStartWaitsForActivateEvents) {
    EXPECT_EQ(lines.back().text,
              "Port Vigil module init for ULM 6.7 completed, isLiveUpgrade: True");
    EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
-   EXPECT_EQ(sim::Subscriptions().size(), 2u);
+   EXPECT_EQ(sim::Subscriptions().size(), 3u) << "activate, deactivate and the live-upgrade service";
    EXPECT_EQ(sim::LiveWorlds(), 2u);
 
    sim::RaiseEvent(sim::VswitchEventName("activate"), sim::FindPortset("vs0"));
@@ -432,6 +433,8 @@ std::vector<Said> PortsetsRegistered() {
          out.push_back(
             {"vigil", 1, "Vigil_FabPropRegister", "Registered vigil property handler " + prop});
       }
+      out.push_back({"vigil", 1, "Vigil_TransitRegister",
+                     std::string("Vigil Registering TRANSIT CBs for ps ") + portset});
    }
    out.push_back({"vigil", 1, "VigilFabRegisterClientsCB",
                   "Skipping FAB Client registration for portset class hostonly"});
@@ -439,6 +442,7 @@ std::vector<Said> PortsetsRegistered() {
 }
 
 const Said kAgingLock{"vigil", 1, "VigilAgingWorldInit", "Aginglock created"};
+const Said kRtmSubscribe{"vigil", 1, "VigilRtmSubscribe", "Vigil Subscribing to RTM Event"};
 const Said kGenericCleanup{"vigil", 1, "VigilGenericCleanup", "Starting VigilGenericCleanup"};
 const Said kCPWorldExit{"vigil", 1, "VigilCPWorld", "Exiting CPWorld - exit: 0x1"};
 const Said kAgingWorldExit{"vigil", 1, "VigilAgingWorld", "Exiting Aging World"};
@@ -448,7 +452,7 @@ TEST_F(ModuleLoad, LiveUpgradeStartLogsItsStepsInOrder) {
    ASSERT_TRUE(sim::WaitIdle(5.0));
    std::vector<sim::LogLine> lines = sim::TakeLogs();
    EXPECT_EQ(StartLines(lines),
-             (std::vector<Said>{kAgingLock,
+             (std::vector<Said>{kAgingLock, kRtmSubscribe,
                                 {"vigil", 1, "init_module",
                                  "Port Vigil module init for ULM 6.7 completed, "
                                  "isLiveUpgrade: True"}}));
@@ -466,7 +470,7 @@ TEST_F(ModuleLoad, LiveUpgradeStartLogsItsStepsInOrder) {
    EXPECT_EQ(worlds, (std::vector<Said>{{"vigil", 1, "VigilAgingWorld", "Aging World is Started"},
                                         {"vigil", 1, "VigilCPWorld", "CPWorld is Started"}}));
    EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
-   EXPECT_EQ(sim::Subscriptions().size(), 2u);
+   EXPECT_EQ(sim::Subscriptions().size(), 3u);
    EXPECT_TRUE(sim::LogHandleExists("vigil.throttle"));
    Unload();
 }
@@ -527,6 +531,12 @@ const OrderFault kOrderFaults[] = {
      {"vigil", 2, "VigilLogThrottleInit", "zek_LogRegister failed: Out of memory"},
      kGenericCleanup},
     {kCPWorldExit, kAgingWorldExit}},
+   {"live-upgrade subscription",
+    [] { sim::FaultCall("NetEventPortsetEventSubscribe", kNoMemory, 1, 2); }, 11,
+    {kAgingLock, kRtmSubscribe,
+     {"vigil", 2, "VigilRtmSubscribe", "Vigil Failed to register RTM callback"},
+     kGenericCleanup},
+    {kCPWorldExit, kAgingWorldExit}},
 };
 
 class ModuleStartOrder
@@ -541,7 +551,7 @@ TEST_P(ModuleStartOrder, FailedStepIsLoggedAfterTheStepsBeforeItAsInANormalStart
    std::vector<Said> said = fault.said;
    if (!liveUpgrade && fault.step > 8) {
       std::vector<Said> registered = PortsetsRegistered();
-      said.insert(said.end() - 2, registered.begin(), registered.end());
+      said.insert(said.begin() + 1, registered.begin(), registered.end());
    }
    fault.arm();
    EXPECT_EQ(Load({{"isLiveUpgrade", liveUpgrade ? 1 : 0}}), 1);

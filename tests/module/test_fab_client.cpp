@@ -194,7 +194,9 @@ TEST_F(FabClient, DeactivateOfAnUnknownPortsetIsSuccess) {
 /* The lines with which Vigil_FabPropUnregister takes a portset's five
  * handlers away, last property first. */
 Said UnregisterLines(const std::string &portset) {
-   Said said = {{1, "Vigil Unegistering FAB CBs for ps " + portset}};
+   /* The Transit client goes first, then the property handlers. */
+   Said said = {{1, "Vigil Unegistering TRANSIT CBs for ps " + portset},
+                {1, "Vigil Unegistering FAB CBs for ps " + portset}};
    for (size_t i = kProps; i-- > 0;) {
       said.push_back({1, std::string("Unregistered vigil property handler ") + vigilPropNames[i]});
    }
@@ -265,7 +267,7 @@ TEST_F(FabClient, StopKeepsGoingPastAHandlerThatCannotBeUnregistered) {
    EXPECT_TRUE(RecordNames().empty());
    std::vector<std::pair<int, std::string>> lines = Lines();
    Said expected = UnregisterLines("vs0");
-   expected[1] = {2, "Failed to unregister com.norvex.vswitch.port.vigil.security"};
+   expected[2] = {2, "Failed to unregister com.norvex.vswitch.port.vigil.security"};
    EXPECT_EQ(lines, expected);
    EXPECT_EQ(sim::RegisteredProperties("vs0"),
              (std::vector<std::string>{"com.norvex.vswitch.port.vigil.security"}));

@@ -108,9 +108,11 @@ TEST_F(PortsetNames, ClientRecordKeepsALongestNameWholeAndLogsItWhole) {
    sim::TakeLogs();
    Vigil_FabClientCleanup();
    std::vector<std::string> texts = LogTexts();
-   ASSERT_EQ(texts.size(), 12u);
-   EXPECT_EQ(texts[0], "Vigil Unegistering FAB CBs for ps vs0");
-   EXPECT_EQ(texts[6], "Vigil Unegistering FAB CBs for ps " + kLongest);
+   ASSERT_EQ(texts.size(), 14u);
+   EXPECT_EQ(texts[0], "Vigil Unegistering TRANSIT CBs for ps vs0");
+   EXPECT_EQ(texts[1], "Vigil Unegistering FAB CBs for ps vs0");
+   EXPECT_EQ(texts[7], "Vigil Unegistering TRANSIT CBs for ps " + kLongest);
+   EXPECT_EQ(texts[8], "Vigil Unegistering FAB CBs for ps " + kLongest);
    EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
    EXPECT_TRUE(sim::Subscriptions().empty());
 }
