@@ -331,10 +331,48 @@ zek_Status zek_NetEventPortsetEventSubscribe(uint32_t flags, const char *name,
 zek_Status zek_NetEventPortsetEventUnsubscribe(zek_NetEventHandle handle);
 
 /* ------------------------------------------------------ management channel */
+/* An operator's tool reaches a module through a named interface: a
+ * signature with a table of callbacks, each callback taking fixed-size
+ * parameter records.  The platform runs a callback in its management
+ * thread, synchronously, with its own copies of the tool's records: the
+ * input as the tool wrote it, the output holding what the tool's record
+ * held, copied back to the tool after the call.  The records are laid out
+ * with natural alignment. */
+#define ZEK_MGMT_NAME_LEN 32
+#define ZEK_MGMT_MAX_PARAMS 4
+#define ZEK_MGMT_LOCATION_KERNEL 1 /* the callback runs in the module */
+#define ZEK_MGMT_PARAM_IN 0
+#define ZEK_MGMT_PARAM_OUT 1
+
+/* `cookie` and `instanceId` are the platform's own words about the call;
+ * `input` and `output` are the parameter records, in the order declared. */
+typedef zek_Status (*zek_MgmtCallbackFn)(uint64_t cookie, uint64_t instanceId,
+                                         void *input, void *output);
+
+typedef struct zek_MgmtCallbackInfo {
+   uint32_t location; /* ZEK_MGMT_LOCATION_* */
+   zek_MgmtCallbackFn callback;
+   uint8_t synchronous; /* 1: the tool waits for the callback's end */
+   uint8_t numParams;
+   uint32_t paramSizes[ZEK_MGMT_MAX_PARAMS]; /* bytes of each record */
+   uint32_t paramTypes[ZEK_MGMT_MAX_PARAMS]; /* ZEK_MGMT_PARAM_* */
+   uint64_t callbackId;
+} zek_MgmtCallbackInfo;
+
+typedef struct zek_MgmtSignature {
+   uint32_t version; /* major in the top byte, then minor, update, patch */
+   char name[ZEK_MGMT_NAME_LEN];   /* the interface's name, NUL-terminated */
+   char vendor[ZEK_MGMT_NAME_LEN]; /* NUL-terminated */
+   uint32_t numCallbacks;
+   const zek_MgmtCallbackInfo *callbacks;
+} zek_MgmtSignature;
+
+/* The platform copies the signature; `heap` is the module heap, which the
+ * interface's record is allocated from until zek_MgmtDestroy. */
 typedef struct zek_MgmtProps {
    zek_ModuleID module;
    zek_HeapID heap;
-   const void *signature;
+   const zek_MgmtSignature *signature;
    uint64_t reserved[4];
 } zek_MgmtProps;
 
