@@ -135,7 +135,7 @@ const void *Session::RequireSymbol(const std::string &name) const {
    if (module_ == nullptr) throw ToolError("no module is loaded");
    const void *p = Symbol(name);
    if (p == nullptr) {
-      throw ToolError("the module has no symbol " + name + " (" + settings_.modulePath + ")");
+      throw ToolError("the module has no symbol " + name + " (" + modulePath_ + ")");
    }
    return p;
 }

@@ -74,11 +74,11 @@ const std::map<std::string, Session::Handler> &Session::Handlers() {
       {"fault", &Session::CmdFault},
       {"api", &Session::CmdApi},
       {"mgmt", &Session::CmdNotYet},
-      {"migrate", &Session::CmdNotYet},
-      {"save", &Session::CmdNotYet},
-      {"restore", &Session::CmdNotYet},
-      {"rtm", &Session::CmdNotYet},
-      {"upgrade", &Session::CmdNotYet},
+      {"migrate", &Session::CmdMigrate},
+      {"save", &Session::CmdSave},
+      {"restore", &Session::CmdRestore},
+      {"rtm", &Session::CmdRtm},
+      {"upgrade", &Session::CmdUpgrade},
    };
    return handlers;
 }

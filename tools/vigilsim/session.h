@@ -36,6 +36,10 @@ struct Settings {
    size_t keepAtMost = 0;
 };
 
+/* What carries a port's saved state for migrate, save and restore
+ * (commands_host.cpp). */
+struct StateCarrier;
+
 /* Options of the frames that tx, rx and replay send. */
 struct FrameSettings {
    uint16_t vlan = 0;
@@ -90,6 +94,17 @@ class Session {
    void CmdFault(const std::vector<Token> &t, Json &out);
    void CmdNotYet(const std::vector<Token> &t, Json &out);
 
+   /* a port's saved state and the live upgrade (commands_host.cpp) */
+   void CmdMigrate(const std::vector<Token> &t, Json &out);
+   void CmdSave(const std::vector<Token> &t, Json &out);
+   void CmdRestore(const std::vector<Token> &t, Json &out);
+   void CmdRtm(const std::vector<Token> &t, Json &out);
+   void CmdUpgrade(const std::vector<Token> &t, Json &out);
+   /* The carrier named by carrier= (default transit) for these ports:
+    * throws ToolError when it can't carry them (no module, no Transit
+    * client on a port's portset, no RTM client of the loaded module). */
+   StateCarrier CarrierArg(const Args &args, const std::vector<uint32_t> &ports) const;
+
    /* frames (commands_frames.cpp) */
    void CmdTx(const std::vector<Token> &t, Json &out);
    void CmdRx(const std::vector<Token> &t, Json &out);
@@ -139,6 +154,12 @@ class Session {
 
    Settings settings_;
    sim::LoadedModule *module_ = nullptr;
+   /* The file of the loaded module: settings_.modulePath, or the copy that
+    * an upgrade put in its place. */
+   std::string modulePath_;
+   /* The files that `save` wrote, with the time of the save, from which a
+    * restore of such a file counts the time the move took. */
+   std::map<std::string, double> savedAt_;
    bool virtualClock_ = true;
    std::vector<std::string> portsets_;           /* in creation order */
    std::map<uint32_t, std::string> ports_;       /* port id -> portset */

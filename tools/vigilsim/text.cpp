@@ -392,6 +392,78 @@ std::string ApiText(const Json &r) {
    return out + table.Render();
 }
 
+/* Bytes given as hex, in rows of 16 led by their offset. */
+std::string HexDump(const std::string &hex) {
+   std::string out;
+   const size_t n = hex.size() / 2;
+   for (size_t row = 0; row < n; row += 16) {
+      char offset[16];
+      std::snprintf(offset, sizeof offset, "%04zx ", row);
+      std::string line = offset;
+      for (size_t i = row; i < std::min(n, row + 16); i++) line += " " + hex.substr(2 * i, 2);
+      out += Line(line);
+   }
+   return out;
+}
+
+/* The size query and the save of migrate and save. */
+std::string SavedText(const Json &r) {
+   std::string out = "size " + Str(r["size"]);
+   if (r.contains("sizeStatus") && r["sizeStatus"] != 0) {
+      out += " (size query status " + StatusText(r["sizeStatus"]) + ")";
+   }
+   return Line(out + ", buffer of " + Str(r["bufLen"]) + " bytes, " + Str(r["dataLen"]) +
+               " bytes saved, save status " + StatusText(r["saveStatus"]));
+}
+
+std::string MigrateText(const Json &r) {
+   std::string out = Line("port " + Hex(r["src"]) + " to port " + Hex(r["dst"]) + " over " +
+                          Str(r["carrier"]));
+   out += SavedText(r);
+   if (r["restoreStatus"].is_null()) {
+      out += Line("nothing restored");
+   } else {
+      out += Line(Str(r["dataLen"]) + " bytes restored after " + Str(r["elapsedMS"]) +
+                  " ms, status " + StatusText(r["restoreStatus"]));
+   }
+   return out + HexDump(r["buffer"].get<std::string>());
+}
+
+std::string RtmText(const Json &r) {
+   std::string out = Line(std::string("service ") +
+                          (r["announced"].get<bool>() ? "announced" : "withdrawn") +
+                          ", version " + Str(r["version"]) + ", build " + Str(r["build"]));
+   const Json &client = r["client"];
+   if (client.is_null()) return out + Line("the module has no client");
+   return out + Line("the module's client " + Str(client["name"]) +
+                     (client["withOps"].get<bool>() ? ", with its operations"
+                                                    : ", without operations"));
+}
+
+std::string UpgradeText(const Json &r) {
+   std::string out = Line("status " + StatusText(r["status"]) +
+                          (r["initResult"] == 0 ? ", the new copy runs"
+                                                : ", the old copy stays: " + Str(r["reason"])));
+   std::string ports;
+   for (const Json &p : r["ports"]) ports += (ports.empty() ? "" : ", ") + Hex(p);
+   out += Line("state carried for " + (ports.empty() ? std::string("no port") : "ports " + ports));
+   if (!r["oldLeaks"].is_null()) {
+      out += Line("the old copy's heap: " + Str(r["oldLeaks"]) + " leaks (" +
+                  Str(r["oldLeakBytes"]) + " bytes)");
+   }
+   if (r["perPort"].empty()) return out;
+   Table table({"port", "size", "saved", "restore", "elapsed"});
+   for (const Json &p : r["perPort"]) {
+      std::string size = Str(p["size"]);
+      if (p["sizeStatus"] != 0) size = "status " + StatusText(p["sizeStatus"]);
+      std::string saved = Str(p["dataLen"]);
+      if (p["saveStatus"] != 0) saved = "status " + StatusText(p["saveStatus"]);
+      table.Row({Hex(p["portID"]), size, saved, StatusText(p["restoreStatus"]),
+                 Str(p["elapsedMS"]) + " ms"});
+   }
+   return out + table.Render();
+}
+
 std::string Body(const Json &r) {
    const std::string cmd = r["cmd"].get<std::string>();
    if (!r["ok"].get<bool>()) return Line("error: " + Str(r["error"]));
@@ -412,6 +484,19 @@ std::string Body(const Json &r) {
    if (cmd == "check") return busy + CheckText(r);
    if (cmd == "module" || cmd == "module set") return busy + ModuleText(r);
    if (cmd == "api") return busy + ApiText(r);
+   if (cmd == "migrate") return busy + MigrateText(r);
+   if (cmd == "save") {
+      return busy + Line("port " + Hex(r["portID"]) + " over " + Str(r["carrier"]) + " to " +
+                         Str(r["file"])) +
+             SavedText(r);
+   }
+   if (cmd == "restore") {
+      return busy + Line("port " + Hex(r["portID"]) + " over " + Str(r["carrier"]) + ": " +
+                         Str(r["bufLen"]) + " bytes after " + Str(r["elapsedMS"]) +
+                         " ms, status " + StatusText(r["status"]));
+   }
+   if (cmd == "rtm") return RtmText(r);
+   if (cmd == "upgrade") return UpgradeText(r);
    if (cmd == "advance") return Line("uptime " + Str(r["uptime"]) + " s");
    if (cmd == "load") {
       return Line("module loaded, start answered " + Str(r["status"]));
