@@ -47,11 +47,13 @@ uint64_t SubscriptionMark() {
    return gNextSerial;
 }
 
-void RaiseEvent(const std::string &name, void *eventData) {
-   RaiseEventSince(name, eventData, 0);
+std::vector<zek_Status> RaiseEvent(const std::string &name, void *eventData) {
+   return RaiseEventSince(name, eventData, 0);
 }
 
-void RaiseEventSince(const std::string &name, void *eventData, uint64_t mark) {
+std::vector<zek_Status> RaiseEventSince(const std::string &name, void *eventData,
+                                        uint64_t mark) {
+   std::vector<zek_Status> answers;
    std::vector<zek_NetEventHandle> matching;
    {
       std::lock_guard<std::mutex> guard(gEventMutex);
@@ -74,9 +76,10 @@ void RaiseEventSince(const std::string &name, void *eventData, uint64_t mark) {
             }
          }
       }
-      if (fn != nullptr) (void)fn(nullptr, name.c_str(), cbData, eventData);
+      if (fn != nullptr) answers.push_back(fn(nullptr, name.c_str(), cbData, eventData));
    }
    if (--tRaising == 0) (void)ReplayProperties();
+   return answers;
 }
 
 std::vector<std::string> Subscriptions() {

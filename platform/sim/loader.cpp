@@ -16,6 +16,7 @@
 #include <set>
 
 #include "sim_frames.h"
+#include "sim_mgmt.h"
 #include "sim_switch.h"
 #include "sim_switch_internal.h"
 
@@ -219,6 +220,7 @@ UnloadReport UnloadModule(LoadedModule *m) {
    DropClientsInto(m->base, &left);
    DropPortDestructorsInto(m->base, &left);
    DropTransitClientsInto(m->base, &left);
+   DropMgmtInterfacesInto(m->base, &left);
    ForgetRtmClientsOf(m->base);
    for (const std::string &what : left) {
       ReportFailure("module unloaded with its " + what + " still in place");

@@ -111,17 +111,17 @@ zek_Status Slot(oxa_RtmClientHandle handle, Fn oxa_RtmClientOps::*slot, Fn *fn) 
    return ZEK_OK;
 }
 
-void Raise(const oxa_RtmEventData &record) {
+std::vector<zek_Status> Raise(const oxa_RtmEventData &record) {
    {
       std::lock_guard<std::mutex> guard(gRtmMutex);
       gEventData = record;
    }
-   RaiseEvent(OXA_RTM_CLIENT_REG_UNREG, &gEventData);
+   return RaiseEvent(OXA_RTM_CLIENT_REG_UNREG, &gEventData);
 }
 
 } // namespace
 
-void RtmAnnounce(const RtmAnnouncement &a) {
+std::vector<zek_Status> RtmAnnounce(const RtmAnnouncement &a) {
    oxa_RtmEventData record;
    std::memset(&record, 0, sizeof record);
    record.version = a.version;
@@ -133,10 +133,10 @@ void RtmAnnounce(const RtmAnnouncement &a) {
       std::lock_guard<std::mutex> guard(gRtmMutex);
       gAnnounced = true;
    }
-   Raise(record);
+   return Raise(record);
 }
 
-void RtmWithdraw(bool withCallback) {
+std::vector<zek_Status> RtmWithdraw(bool withCallback) {
    oxa_RtmEventData record;
    {
       std::lock_guard<std::mutex> guard(gRtmMutex);
@@ -151,7 +151,7 @@ void RtmWithdraw(bool withCallback) {
    }
    record.isUnregister = 1;
    record.clientCallback.unregisterClient = withCallback ? UnregisterClient : nullptr;
-   Raise(record);
+   return Raise(record);
 }
 
 bool RtmAnnounced() {

@@ -126,13 +126,14 @@ struct RtmAnnouncement {
    bool withCallback = true;
    zek_ModuleID moduleId = kRtmModuleID;
 };
-void RtmAnnounce(const RtmAnnouncement &announcement = RtmAnnouncement());
+/* Returns the subscribers' answers, in the order they were called. */
+std::vector<zek_Status> RtmAnnounce(const RtmAnnouncement &announcement = RtmAnnouncement());
 /* Raises the event with a record that withdraws the service: isUnregister
  * 1 and, with withCallback, the service's unregister function.  Clients
  * that weren't unregistered stay on the list until their module is
  * unloaded: the service forgets the clients of a module that goes (a
  * client has no call of its own to end its registration). */
-void RtmWithdraw(bool withCallback = true);
+std::vector<zek_Status> RtmWithdraw(bool withCallback = true);
 bool RtmAnnounced();
 /* The record of the last announcement or withdrawal, as subscribers got it. */
 oxa_RtmEventData RtmLastEventData();

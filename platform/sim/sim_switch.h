@@ -87,9 +87,10 @@ uint32_t LiveClientRegistrations();
 /* ------------------------------------------------------ portset events */
 /* Calls fn(nullptr, name, cbData, eventData) for every subscriber of exactly
  * that name, in subscription order; a subscriber's status does not stop the
- * others and is not kept.  Then, outside every event, the pending property
- * replays are delivered (ReplayProperties). */
-void RaiseEvent(const std::string &name, void *eventData);
+ * others.  Then, outside every event, the pending property replays are
+ * delivered (ReplayProperties).  Returns the subscribers' statuses, in the
+ * order they were called. */
+std::vector<zek_Status> RaiseEvent(const std::string &name, void *eventData);
 /* The names of the live subscriptions, in subscription order. */
 std::vector<std::string> Subscriptions();
 /* "com.norvex.oxa.vswitch.<what>.<OXA_BUILD_NUMBER>": the names under which

@@ -38,7 +38,8 @@ void CleanupPropertiesInto(const void *base, zek_PortID portID);
  * RaiseEventSince deliver the pending property replays when they return
  * to a caller outside every event. */
 uint64_t SubscriptionMark();
-void RaiseEventSince(const std::string &name, void *eventData, uint64_t mark);
+std::vector<zek_Status> RaiseEventSince(const std::string &name, void *eventData,
+                                        uint64_t mark);
 
 /* iochains.cpp: removes the port's chains in insertion order, calling each
  * removal callback, as zek_IOChainRemove does. */

@@ -118,6 +118,9 @@ zek_Status LiveUpgrade(LoadedModule *oldModule, const std::string &newPath,
       (void)RtmCompleted(oldClient, false, saved);
       RtmDropClient(oldClient);
    }
+   /* Its worlds finish what the cleanups gave them, so the removals they
+    * announce reach the portsets before the copy goes. */
+   (void)WaitIdle(5.0);
    r.oldUnload = UnloadModule(oldModule);
    r.oldUnloaded = true;
 

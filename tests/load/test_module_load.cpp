@@ -20,6 +20,7 @@
 #include "portdb_text.h"
 #include "sim_core.h"
 #include "sim_frames.h"
+#include "sim_mgmt.h"
 #include "sim_switch.h"
 #include "test_frames.h"
 #include "vigil_exports.h"
@@ -218,8 +219,14 @@ TEST_F(ModuleLoad, StartRegistersEveryVswitchPortsetAndStopTakesAllAway) {
    EXPECT_NE(sim::ModuleHeap(), nullptr);
    EXPECT_TRUE(sim::LogHandleExists("vigil"));
    EXPECT_TRUE(sim::LogHandleExists("vigil.throttle"));
+   /* The management channel: one interface, named with the host's build. */
+   std::vector<sim::MgmtInterfaceInfo> mgmt = sim::MgmtInterfaces();
+   ASSERT_EQ(mgmt.size(), 1u);
+   EXPECT_EQ(mgmt[0].name, "PortVigil.7000");
+   EXPECT_EQ(mgmt[0].callbacks.size(), 9u);
 
    Unload();
+   EXPECT_EQ(sim::LiveMgmtInterfaces(), 0u) << "the stop closes the interface";
    lines = Logs();
    ASSERT_GE(lines.size(), 2u);
    EXPECT_EQ(lines.front().text, "Starting Cleanup");

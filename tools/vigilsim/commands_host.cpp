@@ -607,6 +607,12 @@ void RtmStateJson(sim::LoadedModule *module, Json &out) {
    out["serviceClients"] = sim::LiveRtmClients();
 }
 
+/* What the loaded module's event callback answered: the last subscriber
+ * called is the newest, the module's own; 0 when nobody listened. */
+zek_Status ModuleAnswer(const std::vector<zek_Status> &answers) {
+   return answers.empty() ? ZEK_OK : answers.back();
+}
+
 } // namespace
 
 /* The live-upgrade service announces or withdraws itself, to whoever
@@ -627,14 +633,14 @@ void Session::CmdRtm(const std::vector<Token> &t, Json &out) {
       }
       a.withCallback = args.Bool("register", true);
       if (module_ == nullptr) throw ToolError("no module is loaded");
-      sim::RtmAnnounce(a);
+      out["status"] = ModuleAnswer(sim::RtmAnnounce(a));
       RtmStateJson(module_, out);
    } else if (sub == "withdraw") {
       Args args = SplitArgs("rtm withdraw", t, 2, {"unregister"});
       args.Expect(0, 0, "rtm withdraw [unregister=0|1]");
       bool withCallback = args.Bool("unregister", true);
       if (module_ == nullptr) throw ToolError("no module is loaded");
-      sim::RtmWithdraw(withCallback);
+      out["status"] = ModuleAnswer(sim::RtmWithdraw(withCallback));
       RtmStateJson(module_, out);
    } else {
       throw ToolError("usage: rtm announce [version=N] [build=N] [register=0|1] | "

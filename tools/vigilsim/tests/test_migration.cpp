@@ -336,6 +336,9 @@ TEST(VigilsimMigration, ModuleSetSaveVersion1MigratesInTheV1Layout) {
  * speaks, without them for a newer one, not at all for another build or
  * without the service's register function; a withdrawal unregisters it,
  * unless the service's unregister function is missing. */
+/* "status" is what the module's event callback answered: a version above
+ * its own still registers (without a table), another build is skipped with
+ * 0, and a record without the service's function is refused (0xbad0007). */
 TEST(VigilsimMigration, RtmAnnounceAndWithdraw) {
    Outcome run = Vigilsim("host build=7100\nload\n"
                           "rtm announce version=2\n"
@@ -348,13 +351,13 @@ TEST(VigilsimMigration, RtmAnnounceAndWithdraw) {
                           "unload\n");
    EXPECT_EQ(run.status, 0);
    EXPECT_EQ(After(run, 2),
-             Lines({R"j({"cmd":"rtm","ok":true,"announced":true,"version":2,"build":7100,"client":{"name":"port-vigil","moduleID":29,"withOps":false},"serviceClients":1})j",
-                    R"j({"cmd":"rtm","ok":true,"announced":false,"version":2,"build":7100,"client":null,"serviceClients":0})j",
-                    R"j({"cmd":"rtm","ok":true,"announced":true,"version":1,"build":7000,"client":null,"serviceClients":0})j",
-                    R"j({"cmd":"rtm","ok":true,"announced":true,"version":1,"build":7100,"client":null,"serviceClients":0})j",
-                    R"j({"cmd":"rtm","ok":true,"announced":true,"version":1,"build":7100,"client":{"name":"port-vigil","moduleID":29,"withOps":true},"serviceClients":1})j",
-                    R"j({"cmd":"rtm","ok":true,"announced":false,"version":1,"build":7100,"client":{"name":"port-vigil","moduleID":29,"withOps":true},"serviceClients":1})j",
-                    R"j({"cmd":"rtm","ok":true,"announced":false,"version":1,"build":7100,"client":null,"serviceClients":0})j",
+             Lines({R"j({"cmd":"rtm","ok":true,"status":0,"announced":true,"version":2,"build":7100,"client":{"name":"port-vigil","moduleID":29,"withOps":false},"serviceClients":1})j",
+                    R"j({"cmd":"rtm","ok":true,"status":0,"announced":false,"version":2,"build":7100,"client":null,"serviceClients":0})j",
+                    R"j({"cmd":"rtm","ok":true,"status":0,"announced":true,"version":1,"build":7000,"client":null,"serviceClients":0})j",
+                    R"j({"cmd":"rtm","ok":true,"status":195887111,"announced":true,"version":1,"build":7100,"client":null,"serviceClients":0})j",
+                    R"j({"cmd":"rtm","ok":true,"status":0,"announced":true,"version":1,"build":7100,"client":{"name":"port-vigil","moduleID":29,"withOps":true},"serviceClients":1})j",
+                    R"j({"cmd":"rtm","ok":true,"status":195887111,"announced":false,"version":1,"build":7100,"client":{"name":"port-vigil","moduleID":29,"withOps":true},"serviceClients":1})j",
+                    R"j({"cmd":"rtm","ok":true,"status":0,"announced":false,"version":1,"build":7100,"client":null,"serviceClients":0})j",
                     R"j({"cmd":"unload","ok":true,"leaks":0,"leakBytes":0,"framesLive":0,"heapsLive":0,"callbacksLeft":0})j"}));
 }
 
