@@ -2,9 +2,11 @@
  * The restore path of a port's saved state: reads a buffer that the save
  * path of this or another host wrote (V1 or TLV layout) and adds its
  * bindings to the port's live databases through the ordinary add
- * operations.  Bindings the port already has stay; an equal key meets the
- * add rules.  What the port is configured to learn decides which parts of
- * the buffer are honoured.
+ * operations; the database is not cleared first.  An equal key meets the
+ * add rules, and an IPv4 add that fails (a duplicate, a limit, the ignore
+ * list) clears the port's IPv4 bindings but the static ones, those it had
+ * before included.  What the port is configured to learn decides which
+ * parts of the buffer are honoured.
  *
  * The buffer comes from outside and has no length or checksum of its own,
  * so every read is checked before it is made:
