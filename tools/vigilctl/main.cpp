@@ -9,6 +9,10 @@
  * option).  The control socket is --control, else $VIGILD_CONTROL, else
  * /run/vigild.sock.  Exit status: 0 when the answer has "ok": true, 1 when
  * it has "ok": false, 2 for a usage error or when there is no answer.
+ *
+ * `vigilctl upgrade --module PATH` sends `upgrade module=PATH`.  The files
+ * of save, restore and upgrade are opened by vigild: a relative path is
+ * taken from vigild's working directory, not from vigilctl's.
  */
 #include <poll.h>
 #include <sys/socket.h>
@@ -131,6 +135,45 @@ std::string RenderSwitch(const std::string &line, const Json &r) {
    return out;
 }
 
+/* What an upgrade did to vigild's switching. */
+std::string RenderUpgradeSwitch(const Json &r) {
+   if (!r.value("ok", false) || !r.contains("switch") || !r["switch"].is_object()) return "";
+   const Json &sw = r["switch"];
+   char head[200];
+   std::snprintf(head, sizeof head,
+                 "    switching held %.1f ms: %s frames waited in the sockets, %s lost\n",
+                 sw.value("heldMs", 0.0), Num(sw["framesWaited"]).c_str(),
+                 Num(sw["framesLost"]).c_str());
+   std::string out = head;
+   out += "    module " + sw.value("module", std::string("?")) + "\n";
+   std::vector<std::vector<std::string>> ports = {
+       {"port", "interface", "waited", "lost", "filtered"}};
+   for (const Json &p : sw["ports"]) {
+      ports.push_back({vigilsim::HexNumber(p["portID"].get<uint64_t>()), Num(p["ifname"]),
+                       Num(p["framesWaited"]), Num(p["framesLost"]),
+                       p.value("filtered", false) ? "yes" : "NO"});
+   }
+   if (ports.size() > 1) out += Table(ports);
+   for (const Json &p : sw["unfiltered"]) {
+      out += "    port " + vigilsim::HexNumber(p.get<uint64_t>()) +
+             " lost its filter in the upgrade: its frames pass unfiltered\n";
+   }
+   return out;
+}
+
+/* `upgrade --module PATH` (or --module=PATH) is the command's module=PATH. */
+void UpgradeWords(std::vector<std::string> &words) {
+   if (words.empty() || words[0] != "upgrade") return;
+   for (size_t i = 1; i < words.size(); i++) {
+      if (words[i] == "--module" && i + 1 < words.size()) {
+         words[i] = "module=" + words[i + 1];
+         words.erase(words.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+      } else if (words[i].rfind("--module=", 0) == 0) {
+         words[i] = words[i].substr(2);
+      }
+   }
+}
+
 class Connection {
  public:
    ~Connection() {
@@ -224,6 +267,7 @@ int main(int argc, char **argv) {
       std::fprintf(stderr, "vigilctl: no command given\n%s", app.help().c_str());
       return 2;
    }
+   UpgradeWords(words);
    if (control.empty()) {
       const char *env = std::getenv("VIGILD_CONTROL");
       control = env != nullptr && *env != '\0' ? env : "/run/vigild.sock";
@@ -272,9 +316,12 @@ int main(int argc, char **argv) {
    }
    bool ok = result.contains("ok") && result["ok"].is_boolean() && result["ok"].get<bool>();
    if (text) {
-      bool isSwitch = result.value("cmd", std::string()) == "switch";
-      std::fputs((isSwitch ? RenderSwitch(line, result) : vigilsim::RenderText(line, result)).c_str(),
-                 stdout);
+      const std::string cmd = result.value("cmd", std::string());
+      bool isSwitch = cmd == "switch";
+      std::string rendered =
+          isSwitch ? RenderSwitch(line, result) : vigilsim::RenderText(line, result);
+      if (cmd == "upgrade") rendered += RenderUpgradeSwitch(result);
+      std::fputs(rendered.c_str(), stdout);
    } else {
       std::fputs((answer + "\n").c_str(), stdout);
    }

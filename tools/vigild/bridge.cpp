@@ -70,7 +70,10 @@ bool Bridge::Detach(uint32_t port) {
    auto it = ports_.find(port);
    if (it == ports_.end()) return false;
    Attachment &att = *it->second;
-   if (att.socket.IsOpen()) epoll_ctl(epollFd_, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
+   if (att.socket.IsOpen()) {
+      epoll_ctl(epollFd_, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
+      CollectSocketStats(att);
+   }
    att.socket.Close();
    Forget(port);
    Log(Level::Info, "port %#x: detached from %s (rx %llu frames, tx %llu frames)", port,
@@ -129,7 +132,10 @@ bool Bridge::TryUp(Attachment &att) {
 }
 
 void Bridge::MarkDown(Attachment &att, const std::string &reason) {
-   if (att.socket.IsOpen()) epoll_ctl(epollFd_, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
+   if (att.socket.IsOpen()) {
+      epoll_ctl(epollFd_, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
+      CollectSocketStats(att);
+   }
    att.socket.Close();
    if (att.up) att.counters.linkDowns++;
    att.up = false;
@@ -147,6 +153,26 @@ void Bridge::Forget(uint32_t port) {
          it = it->second.port == port ? fdb.erase(it) : std::next(it);
       }
    }
+}
+
+SocketCounts Bridge::CollectSocketStats(Attachment &att) {
+   SocketCounts counts;
+   if (!att.socket.TakeStatistics(&counts.arrived, &counts.dropped)) return counts;
+   att.counters.rxSocketDrops += counts.dropped;
+   if (counts.dropped != 0) {
+      Warn(att, std::to_string(counts.dropped) +
+                    " frames lost: the socket's receive buffer was full");
+   }
+   return counts;
+}
+
+std::map<uint32_t, SocketCounts> Bridge::CollectSocketStats() {
+   std::map<uint32_t, SocketCounts> out;
+   for (auto &entry : ports_) {
+      Attachment &att = *entry.second;
+      if (att.up && att.socket.IsOpen()) out[att.port] = CollectSocketStats(att);
+   }
+   return out;
 }
 
 void Bridge::Warn(Attachment &att, const std::string &text) {
@@ -183,6 +209,7 @@ void Bridge::Tick() {
          it = now - it->second.lastSeen > options_.ageingSeconds ? fdb.erase(it) : std::next(it);
       }
    }
+   CollectSocketStats();
 }
 
 bool Bridge::Service(uint32_t port, uint32_t events) {
@@ -401,6 +428,7 @@ Json Bridge::Describe() const {
       j["txDropped"] = c.txDropped;
       j["txErrors"] = c.txErrors;
       j["linkDowns"] = c.linkDowns;
+      j["rxSocketDrops"] = c.rxSocketDrops;
       list.push_back(j);
    }
    return list;

@@ -40,6 +40,14 @@ struct PortCounters {
    uint64_t txDropped = 0;   /* dropped by the port's output chains */
    uint64_t txErrors = 0;    /* the interface refused them */
    uint64_t linkDowns = 0;
+   uint64_t rxSocketDrops = 0; /* lost before the switch: the socket's buffer was full */
+};
+
+/* What reached a port's socket over some time, and what the kernel dropped
+ * of it because the socket's receive buffer was full. */
+struct SocketCounts {
+   uint64_t arrived = 0;
+   uint64_t dropped = 0;
 };
 
 struct Attachment {
@@ -85,8 +93,13 @@ class Bridge {
    /* Handles readiness of a port's socket: at most `budget` batches.  True
     * when the budget ran out and frames may still wait. */
    bool Service(uint32_t port, uint32_t events);
-   /* Once in a while: interfaces gone or back, ageing of learnt addresses. */
+   /* Once in a while: interfaces gone or back, ageing of learnt addresses,
+    * the sockets' counters. */
    void Tick();
+   /* Reads the kernel's counters of every open socket (reading clears
+    * them): the drops go to the ports' counters.  What each up port's socket
+    * counted since the last reading. */
+   std::map<uint32_t, SocketCounts> CollectSocketStats();
 
    BridgeOptions &Options() { return options_; }
    Json Describe() const;
@@ -116,6 +129,7 @@ class Bridge {
    void MarkDown(Attachment &att, const std::string &reason);
    bool TryUp(Attachment &att);
    void Forget(uint32_t port);
+   SocketCounts CollectSocketStats(Attachment &att);
    void Warn(Attachment &att, const std::string &text);
 
    int epollFd_;

@@ -36,7 +36,8 @@ void BlockSignals() {
    signal(SIGPIPE, SIG_IGN);
 }
 
-Daemon::Daemon(const DaemonOptions &options) : options_(options) {}
+Daemon::Daemon(const DaemonOptions &options)
+    : options_(options), modulePath_(options.modulePath) {}
 
 Daemon::~Daemon() {
    bridge_.reset();
@@ -137,6 +138,10 @@ bool Daemon::DaemonCommand(const std::vector<vigilsim::Token> &t, Json &out) {
       CmdSwitch(t, out);
       return true;
    }
+   if (word == "upgrade") {
+      CmdUpgrade(t, out);
+      return true;
+   }
    if (word == "uptime") {
       if (t.size() != 1) throw vigilsim::ToolError("usage: uptime");
       double now = sim::Now();
@@ -211,6 +216,91 @@ void Daemon::CmdSwitch(const std::vector<vigilsim::Token> &t, Json &out) {
    out["fdbFull"] = bridge_->FdbFull();
    out["clients"] = control_.Clients();
    out["commands"] = commands_;
+   out["module"] = modulePath_;
+   out["upgrades"] = upgrades_;
+}
+
+namespace {
+
+/* Whether the port has chains in both directions: the filter is in its
+ * data path. */
+bool Filtered(uint32_t port) {
+   bool input = false, output = false;
+   for (const sim::ChainInfo &chain : sim::PortChains(port)) {
+      if (chain.direction == ZEK_IOCHAIN_INPUT) input = true;
+      if (chain.direction == ZEK_IOCHAIN_OUTPUT) output = true;
+   }
+   return input && output;
+}
+
+} // namespace
+
+void Daemon::CmdUpgrade(const std::vector<vigilsim::Token> &t, Json &out) {
+   /* The session checks the command in full; the path is needed here. */
+   vigilsim::Args args = vigilsim::SplitArgs("upgrade", t, 1, {"module"});
+   std::string path = args.Get("module").value_or(modulePath_);
+   /* Nothing switches while the session runs the upgrade (one thread): the
+    * frames that arrive meanwhile wait in the ports' sockets, or are lost
+    * when a socket's buffer fills.  Its counters are read just before and
+    * just after. */
+   bridge_->CollectSocketStats();
+   std::map<uint32_t, bool> filteredBefore;
+   for (uint32_t port : bridge_->AttachedPorts()) filteredBefore[port] = Filtered(port);
+   double start = SteadySeconds();
+   session_->Execute(t, out);
+   double heldMs = (SteadySeconds() - start) * 1000.0;
+   std::map<uint32_t, SocketCounts> during = bridge_->CollectSocketStats();
+
+   /* The module that runs now: the new copy once the old one is gone. */
+   bool replaced = out.contains("initResult") && out["initResult"].is_number_integer() &&
+                   out["initResult"].get<int64_t>() == 0;
+   if (replaced) {
+      modulePath_ = path;
+      upgrades_++;
+   }
+   Json sw;
+   uint64_t waited = 0, lost = 0;
+   Json ports = Json::array();
+   Json unfiltered = Json::array();
+   for (const auto &entry : filteredBefore) {
+      uint32_t port = entry.first;
+      const Attachment *att = bridge_->Find(port);
+      if (att == nullptr) continue;
+      SocketCounts c;
+      auto it = during.find(port);
+      if (it != during.end()) c = it->second;
+      bool filtered = Filtered(port);
+      if (entry.second && !filtered) unfiltered.push_back(port);
+      waited += c.arrived - c.dropped;
+      lost += c.dropped;
+      Json j;
+      j["portID"] = port;
+      j["ifname"] = att->ifname;
+      j["framesWaited"] = c.arrived - c.dropped;
+      j["framesLost"] = c.dropped;
+      j["filtered"] = filtered;
+      ports.push_back(j);
+   }
+   sw["heldMs"] = heldMs;
+   sw["framesWaited"] = waited;
+   sw["framesLost"] = lost;
+   sw["unfiltered"] = unfiltered;
+   sw["ports"] = ports;
+   sw["module"] = modulePath_;
+   out["switch"] = sw;
+   Log(replaced ? Level::Info : Level::Warn,
+       "upgrade: %s, status %#llx; switching held %.1f ms, %llu frames waited in the sockets, "
+       "%llu lost",
+       replaced ? ("the module runs from " + modulePath_).c_str()
+                : "the old copy stays",
+       static_cast<unsigned long long>(out.value("status", 0ull)), heldMs,
+       static_cast<unsigned long long>(waited), static_cast<unsigned long long>(lost));
+   for (const Json &port : unfiltered) {
+      Log(Level::Warn,
+          "upgrade: port %#x had the filter in its data path and has it no more; its frames "
+          "pass unfiltered",
+          port.get<uint32_t>());
+   }
 }
 
 bool Daemon::RunScript(const std::string &path) {

@@ -55,6 +55,10 @@ class Daemon {
    void CmdAttach(const std::vector<vigilsim::Token> &tokens, Json &out);
    void CmdDetach(const std::vector<vigilsim::Token> &tokens, Json &out);
    void CmdSwitch(const std::vector<vigilsim::Token> &tokens, Json &out);
+   /* The session's live upgrade, with what it did to the switching: how
+    * long it was held, the frames that waited in the sockets meanwhile and
+    * those lost, and the attached ports whose chains did not come back. */
+   void CmdUpgrade(const std::vector<vigilsim::Token> &tokens, Json &out);
 
    DaemonOptions options_;
    std::unique_ptr<vigilsim::Session> session_;
@@ -65,6 +69,10 @@ class Daemon {
    bool stopping_ = false;
    double lastPeriodic_ = 0;
    uint64_t commands_ = 0;
+   /* The file of the module running now, and how many live upgrades
+    * replaced it. */
+   std::string modulePath_;
+   uint64_t upgrades_ = 0;
 };
 
 /* Blocks SIGINT, SIGTERM, SIGHUP (and ignores SIGPIPE) in the calling thread

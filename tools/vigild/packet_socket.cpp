@@ -111,6 +111,20 @@ int PacketSocket::TakeError() {
    return err;
 }
 
+bool PacketSocket::TakeStatistics(uint64_t *arrived, uint64_t *dropped) {
+   *arrived = 0;
+   *dropped = 0;
+   if (fd_ < 0) return false;
+   struct tpacket_stats stats;
+   std::memset(&stats, 0, sizeof stats);
+   socklen_t len = sizeof stats;
+   if (getsockopt(fd_, SOL_PACKET, PACKET_STATISTICS, &stats, &len) != 0) return false;
+   /* The kernel adds the drops to tp_packets as it hands them over. */
+   *arrived = stats.tp_packets;
+   *dropped = stats.tp_drops;
+   return true;
+}
+
 int PacketSocket::Receive(std::vector<RxFrame> &out) {
    out.clear();
    if (fd_ < 0) {

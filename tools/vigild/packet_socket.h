@@ -51,6 +51,11 @@ class PacketSocket {
                int *error);
    /* The socket's pending error (SO_ERROR), cleared by reading it. */
    int TakeError();
+   /* The kernel's counters since the last call (reading clears them):
+    * *arrived, the frames that reached the socket, dropped ones included;
+    * *dropped, those it dropped because the receive buffer was full.  Both
+    * 0 and false when the socket is closed or the counters can't be read. */
+   bool TakeStatistics(uint64_t *arrived, uint64_t *dropped);
 
  private:
    int fd_ = -1;
