@@ -123,7 +123,80 @@ class VM:
         return r.returncode == 0
 
 
-class Lab:
+class Control:
+    """vigilctl against the control socket `self.control`, and the views of
+    the answers that tests read."""
+
+    def ctl_raw(self, *words, text=False, timeout=30):
+        cmd = [VIGILCTL, "--control", self.control, "--timeout", str(timeout)]
+        if text:
+            cmd.append("--text")
+        r = subprocess.run(cmd + [str(w) for w in words], capture_output=True, text=True,
+                           timeout=timeout + 5)
+        return r.returncode, r.stdout, r.stderr
+
+    def ctl(self, *words, ok=True, timeout=30):
+        rc, out, err = self.ctl_raw(*words, timeout=timeout)
+        if rc == 2 or not out.strip():
+            raise LabError(f"vigilctl {' '.join(map(str, words))}: no answer ({rc}): {err}")
+        answer = json.loads(out)
+        if ok and not answer.get("ok"):
+            raise LabError(f"vigilctl {' '.join(map(str, words))}: {answer}")
+        return answer
+
+    def state(self, port):
+        return self.ctl("state", port)["filter"]
+
+    def stats(self, port):
+        return self.state(port)["stats"]
+
+    def bindings(self, port):
+        return self.state(port)["vmiList"]
+
+    def bindings6(self, port):
+        return self.state(port)["v6VmiList"]
+
+    def messages(self):
+        """Portset messages delivered since the last call (also kept in
+        messages_seen)."""
+        new = self.ctl("messages")["messages"]
+        self.messages_seen.extend(new)
+        return new
+
+    def switch_port(self, port):
+        for p in self.ctl("switch")["ports"]:
+            if p["portID"] == port:
+                return p
+        raise LabError(f"port {port:#x} is not attached")
+
+
+class Host(Control):
+    """A further vigild of a lab, beside the lab's own: in the switch
+    namespace, with its own start-up script, control socket and log.  The lab
+    stops it when it is closed."""
+
+    def __init__(self, lab, name, script, extra=()):
+        self.lab = lab
+        self.name = name
+        self.control = os.path.join(lab.workdir, f"vigild-{name}.sock")
+        self.messages_seen = []
+        path = os.path.join(lab.workdir, f"start-{name}.vsim")
+        with open(path, "w") as f:
+            f.write(script)
+        self.proc, self.log = lab.spawn(lab.sw, VIGILD, "--script", path, "--control",
+                                        self.control, *extra, name=f"vigild-{name}")
+        wait_for(lambda: self.proc.poll() is not None or self.ctl_raw("uptime")[0] == 0,
+                 timeout=20, what=f"the control socket of vigild {name}")
+        if self.proc.poll() is not None:
+            raise LabError(f"vigild {name} ended at start-up:\n{lab.read(self.log)}")
+
+    def stop(self, sig=signal.SIGTERM, timeout=15):
+        """Stops this vigild with `sig`; the exit status and the log."""
+        rc = self.lab.stop(self.proc, sig, timeout=timeout)
+        return rc, self.lab.read(self.log)
+
+
+class Lab(Control):
     def __init__(self, workdir):
         self.workdir = str(workdir)
         self.prefix = f"vl{os.getpid() % 100000}-{next(_counter)}"
@@ -132,6 +205,7 @@ class Lab:
         self.vigild = None
         self.control = os.path.join(self.workdir, "vigild.sock")
         self.messages_seen = []
+        self.hosts = []  # further vigild processes (Host)
         self.sw = self.netns("sw")
 
     # ------------------------------------------------------------ basics
@@ -184,7 +258,7 @@ class Lab:
             os.killpg(proc.pid, signal.SIGKILL)
             return proc.wait(timeout=5)
 
-    def vm(self, name, mac, ip=None, offload=False, ipv6=False):
+    def vm(self, name, mac, ip=None, offload=False, ipv6=False, peer_ns=None):
         """A namespace with eth0 (MAC `mac`) whose peer `p-NAME` is in the
         switch namespace.  Segmentation offload is off on eth0 (a switch
         port carries frames of the link's size); checksums stay offloaded
@@ -193,16 +267,39 @@ class Lab:
         ns = self.netns(name, ipv6=ipv6)
         port_if = f"p-{name}"
         self.run(None, "ip", "link", "add", "eth0", "netns", ns, "address", mac, "type", "veth",
-                 "peer", "name", port_if, "netns", self.sw)
+                 "peer", "name", port_if, "netns", peer_ns or self.sw)
         self.run(ns, "ethtool", "-K", "eth0", "tso", "off", "gso", "off", check=False)
         self.run(ns, "ip", "link", "set", "eth0", "up")
-        self.run(self.sw, "ip", "link", "set", port_if, "up")
+        self.run(peer_ns or self.sw, "ip", "link", "set", port_if, "up")
         vm = VM(self, name, ns, mac, port_if)
         if ip:
             vm.add_ip(ip)
         return vm
 
+    def link(self, ns_a, if_a, ns_b, if_b):
+        """A veth pair between two namespaces of the lab, both ends up and
+        without segmentation offload."""
+        self.run(None, "ip", "link", "add", if_a, "netns", ns_a, "type", "veth", "peer",
+                 "name", if_b, "netns", ns_b)
+        for ns, ifname in ((ns_a, if_a), (ns_b, if_b)):
+            self.run(ns, "ethtool", "-K", ifname, "tso", "off", "gso", "off", check=False)
+            self.run(ns, "ip", "link", "set", ifname, "up")
+
+    def bridge(self, ns, name, *ports):
+        """A Linux bridge (no spanning tree, so its ports forward at once)
+        in the namespace, with those interfaces as its ports."""
+        self.run(ns, "ip", "link", "add", name, "type", "bridge", "stp_state", "0")
+        self.run(ns, "ip", "link", "set", name, "up")
+        for port in ports:
+            self.run(ns, "ip", "link", "set", port, "master", name)
+
     # ------------------------------------------------------------ vigild
+    def host(self, name, script, extra=()):
+        """A further vigild (a Host) running `script`, beside the lab's own."""
+        host = Host(self, name, script, extra)
+        self.hosts.append(host)
+        return host
+
     def start_vigild(self, script, extra=()):
         path = os.path.join(self.workdir, "start.vsim")
         with open(path, "w") as f:
@@ -221,48 +318,6 @@ class Lab:
         log = self.read(self.vigild_log)
         self.vigild = None
         return rc, log
-
-    def ctl_raw(self, *words, text=False, timeout=30):
-        cmd = [VIGILCTL, "--control", self.control, "--timeout", str(timeout)]
-        if text:
-            cmd.append("--text")
-        r = subprocess.run(cmd + [str(w) for w in words], capture_output=True, text=True,
-                           timeout=timeout + 5)
-        return r.returncode, r.stdout, r.stderr
-
-    def ctl(self, *words, ok=True):
-        rc, out, err = self.ctl_raw(*words)
-        if rc == 2 or not out.strip():
-            raise LabError(f"vigilctl {' '.join(map(str, words))}: no answer ({rc}): {err}")
-        answer = json.loads(out)
-        if ok and not answer.get("ok"):
-            raise LabError(f"vigilctl {' '.join(map(str, words))}: {answer}")
-        return answer
-
-    def state(self, port):
-        return self.ctl("state", port)["filter"]
-
-    def stats(self, port):
-        return self.state(port)["stats"]
-
-    def bindings(self, port):
-        return self.state(port)["vmiList"]
-
-    def bindings6(self, port):
-        return self.state(port)["v6VmiList"]
-
-    def messages(self):
-        """Portset messages delivered since the last call (also kept in
-        messages_seen)."""
-        new = self.ctl("messages")["messages"]
-        self.messages_seen.extend(new)
-        return new
-
-    def switch_port(self, port):
-        for p in self.ctl("switch")["ports"]:
-            if p["portID"] == port:
-                return p
-        raise LabError(f"port {port:#x} is not attached")
 
     # ---------------------------------------------------------- programs
     def dnsmasq(self, vm, first, last, lease="2m", router=None, name="dnsmasq"):
@@ -459,6 +514,12 @@ class Lab:
             rc, log = self.stop_vigild()
             if rc != 0:
                 errors.append(f"vigild exited with {rc}:\n{log[-3000:]}")
+        for host in self.hosts:
+            if host.proc.poll() is None:
+                rc, log = host.stop()
+                if rc != 0:
+                    errors.append(f"vigild {host.name} exited with {rc}:\n{log[-3000:]}")
+        self.hosts = []
         for name, proc, _ in reversed(self.procs):
             if proc.poll() is None:
                 self.stop(proc, timeout=3)
