@@ -292,11 +292,6 @@ void Session::CmdFault(const std::vector<Token> &t, Json &out) {
    }
 }
 
-void Session::CmdNotYet(const std::vector<Token> &t, Json &out) {
-   (void)t, (void)out;
-   throw ToolError("not available yet");
-}
-
 
 /* ------------------------------------------------- a port's saved state */
 

@@ -73,7 +73,7 @@ const std::map<std::string, Session::Handler> &Session::Handlers() {
       {"heap", &Session::CmdHeap},
       {"fault", &Session::CmdFault},
       {"api", &Session::CmdApi},
-      {"mgmt", &Session::CmdNotYet},
+      {"mgmt", &Session::CmdMgmt},
       {"migrate", &Session::CmdMigrate},
       {"save", &Session::CmdSave},
       {"restore", &Session::CmdRestore},

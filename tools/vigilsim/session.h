@@ -92,7 +92,6 @@ class Session {
    void CmdDiscovery6(const std::vector<Token> &t, Json &out);
    void CmdIgnoreList(const std::vector<Token> &t, Json &out);
    void CmdFault(const std::vector<Token> &t, Json &out);
-   void CmdNotYet(const std::vector<Token> &t, Json &out);
 
    /* a port's saved state and the live upgrade (commands_host.cpp) */
    void CmdMigrate(const std::vector<Token> &t, Json &out);
@@ -137,6 +136,8 @@ class Session {
    void CmdHeap(const std::vector<Token> &t, Json &out);
    /* The port database calls that sibling modules make by name. */
    void CmdApi(const std::vector<Token> &t, Json &out);
+   /* A callback of the module's management interface (commands_mgmt.cpp). */
+   void CmdMgmt(const std::vector<Token> &t, Json &out);
    /* Waits up to 2 s for idle worlds; adds "busy": true when they are not. */
    void WaitForInspection(Json &out);
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <sstream>
 
 #include "script.h"
@@ -392,6 +393,101 @@ std::string ApiText(const Json &r) {
    return out + table.Render();
 }
 
+/* The statistics block's counters, two words each, in the record's order. */
+const char *const kStatNames[] = {
+   "statWardenV4Drops",        "statWardenV6Drops",          "statWardenArpDrops",
+   "statWardenNdDrops",        "statNonIpDrops",             "statV4VmiAddRefused",
+   "statV6VmiAddRefused",      "statTxBcastRateDrops",       "statRxBcastRateDrops",
+   "statTxMcastRateDrops",     "statRxMcastRateDrops",       "statDhcpServerBlockDrops",
+   "statDhcpV6ServerBlockDrops", "statDhcpClientBlockDrops", "statDhcpV6ClientBlockDrops",
+   "statRaGuardDrops",         "statBpduDrops",              "statDhcpChaddrDrops",
+};
+
+std::string ListRowsTable(const std::string &title, const Json &rows) {
+   if (rows.empty()) return Line(title + ": none");
+   Table table({"vlan", "mac", "ip"});
+   for (const Json &row : rows) table.Row({Str(row["vlan"]), Str(row["mac"]), Str(row["ip"])});
+   return Line(title + ":") + table.Render();
+}
+
+/* A management call: the record's status, then its fields as tables. */
+std::string MgmtText(const Json &r) {
+   const std::string callback = Str(r["callback"]);
+   const Json &rec = r["record"];
+   std::string out = Line(callback + " of " + Str(r["interface"]) + ": status " +
+                          StatusText(r["status"]) +
+                          (r["returned"] != 0 ? ", the callback returned " +
+                                                    StatusText(r["returned"])
+                                              : "") +
+                          ", " + Str(r["recordLen"]) + "-byte record");
+   if (callback == "listVmi") {
+      if (rec["vmis"].empty()) return out + Line("no IPv4 bindings");
+      Table table({"index", "vlan", "mac", "ip", "method", "remaining", "clientMac",
+                   "clientIdLen", "server", "lease"});
+      for (const Json &e : rec["vmis"]) {
+         table.Row({Str(e["index"]), Str(e["vlanId"]), Str(e["mac"]), Str(e["ip"]),
+                    Str(e["method"]), Str(e["remaining"]), Str(e["clientMac"]),
+                    Str(e["clientIdLen"]), Str(e["server"]), Str(e["lease"])});
+      }
+      return out + table.Render();
+   }
+   if (callback == "listV6Vmi") {
+      if (rec["v6Vmis"].empty()) return out + Line("no IPv6 bindings");
+      Table table({"index", "vlan", "mac", "ip", "method", "remaining", "iaId", "server",
+                   "valid", "preferred", "clientIdLen", "clientId"});
+      for (const Json &e : rec["v6Vmis"]) {
+         table.Row({Str(e["index"]), Str(e["vlanId"]), Str(e["mac"]), Str(e["ip"]),
+                    Str(e["method"]), Str(e["remaining"]), Str(e["iaId"]), Str(e["server"]),
+                    Str(e["validLifetime"]), Str(e["preferredLifetime"]),
+                    Str(e["clientIdLen"]), Str(e["clientId"])});
+      }
+      return out + table.Render();
+   }
+   if (callback == "getConfig") {
+      Table table;
+      for (const auto &[key, value] : rec.items()) {
+         if (key == "unused" || key == "status") continue;
+         table.Row({key, Str(value)});
+      }
+      return out + table.Render();
+   }
+   if (callback == "getStatsBatch") {
+      const Json &ports = rec["ports"];
+      if (ports.empty()) return out + Line("no ports");
+      std::vector<std::string> headers = {"counter"};
+      for (size_t i = 0; i < ports.size(); i++) {
+         headers.push_back(i < r["ports"].size() ? Str(r["ports"][i])
+                                                 : "row " + std::to_string(i));
+      }
+      Table table(headers);
+      std::vector<std::string> status = {"status"};
+      for (const Json &p : ports) status.push_back(StatusText(p["status"]));
+      table.Row(status);
+      for (size_t c = 0; c < std::size(kStatNames); c++) {
+         std::vector<std::string> row = {kStatNames[c]};
+         for (const Json &p : ports) {
+            uint64_t low = p["counters"][2 * c].get<uint64_t>();
+            uint64_t high = p["counters"][2 * c + 1].get<uint64_t>();
+            row.push_back(std::to_string(high << 32 | low));
+         }
+         table.Row(row);
+      }
+      return out + table.Render();
+   }
+   if (callback == "getWhiteList") {
+      return out + ListRowsTable("switch white list", rec["switchEntries"]) +
+             ListRowsTable("port white list", rec["portEntries"]);
+   }
+   if (callback == "getIgnoreList") return out + ListRowsTable("ignore list", rec["entries"]);
+   if (callback == "getFilteredBpduMacs") {
+      if (rec["macs"].empty()) return out + Line("no BPDU addresses filtered");
+      std::string macs;
+      for (const Json &m : rec["macs"]) macs += (macs.empty() ? "" : ", ") + Str(m);
+      return out + Line("filtered BPDU addresses: " + macs);
+   }
+   return out; /* delVmi, delExpiry: the status is all */
+}
+
 /* Bytes given as hex, in rows of 16 led by their offset. */
 std::string HexDump(const std::string &hex) {
    std::string out;
@@ -484,6 +580,7 @@ std::string Body(const Json &r) {
    if (cmd == "check") return busy + CheckText(r);
    if (cmd == "module" || cmd == "module set") return busy + ModuleText(r);
    if (cmd == "api") return busy + ApiText(r);
+   if (cmd == "mgmt") return busy + MgmtText(r);
    if (cmd == "migrate") return busy + MigrateText(r);
    if (cmd == "save") {
       return busy + Line("port " + Hex(r["portID"]) + " over " + Str(r["carrier"]) + " to " +

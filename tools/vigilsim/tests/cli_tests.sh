@@ -75,11 +75,13 @@ check "usage error" $(grep -q 'script.vsim:3: usage: portset add' out; echo $?)
 check "prop write to unknown port" \
    $(grep -q '"cmd":"prop write","ok":false,"error":"script.vsim:4: unknown port 0x7"' out; echo $?)
 
-# Commands of later work answer "not available yet".
+# A management call needs a loaded module.
 run <<'S'
-mgmt listVmi
+mgmt listVmi switch=vs0 port=16
 S
-check "not available yet" $([ "$(grep -c 'not available yet' out)" -eq 1 ]; echo $?)
+check "mgmt without a module exits 1" $([ $rc -eq 1 ]; echo $?)
+check "mgmt without a module" \
+   $(grep -q '"cmd":"mgmt","ok":false,"error":"script.vsim:1: no module is loaded"' out; echo $?)
 
 # A port's saved state: migrate, save and restore through a file, an
 # upgrade; the file holds exactly the bytes saved.
@@ -133,6 +135,7 @@ prop write 0x10 enabled text:true
 discovery 0x10 arp=1 dhcp=1
 security 0x10 features=0x40 port=mac=02:00:00:00:00:10,ip=192.0.2.50
 ignorelist 0x10 vlan=7
+mgmt getIgnoreList switch=vs0 port=16 raw=0
 tx 0x10 hex:020000000001.020000000010.0800.4500001c000100004001f6acc0000263c0000201.0800f7ff00000000
 state 0x10
 module
@@ -147,6 +150,7 @@ check "spoofed frame dropped" $(grep -q '"verdicts":\["drop"\]' out; echo $?)
 check "white list in state" $(grep -q '"portWhiteList":\[{"flags":9,"vlan":0,"mac":"02:00:00:00:00:10","ip":"192.0.2.50","prefixLen":32}\]' out; echo $?)
 check "ignore list in state" $(grep -q '"portIgnoreList":\[{"flags":4,"vlan":7' out; echo $?)
 check "counter in state" $(grep -q '"statWardenV4Drops":1' out; echo $?)
+check "mgmt record" $(grep -q '"cmd":"mgmt","ok":true,"callback":"getIgnoreList","interface":"PortVigil.7000","callbackId":21,"returned":0,"status":0,"record":{"entries":\[{"vlan":"7","mac":"Any","ip":"Any"}\],"numEntries":1,"status":0},"recordLen":4808}' out; echo $?)
 check "module values" $(grep -q '"cmd":"module","ok":true,"numFilters":1' out; echo $?)
 check "no leaks" $(grep -q '"cmd":"unload","ok":true,"leaks":0' out; echo $?)
 
