@@ -124,7 +124,9 @@ Bytes DelRequest(const Bytes &key, u32 op, const Bytes &args = {}) {
    Bytes req(kDelLen, 0);
    memcpy(&req[0], key.data(), kKeyLen);
    memcpy(&req[112], &op, 4);
-   memcpy(&req[116], args.data(), std::min<size_t>(args.size(), 32));
+   if (!args.empty()) {
+      memcpy(&req[116], args.data(), std::min<size_t>(args.size(), 32));
+   }
    return req;
 }
 
