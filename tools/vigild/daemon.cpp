@@ -142,6 +142,14 @@ bool Daemon::DaemonCommand(const std::vector<vigilsim::Token> &t, Json &out) {
       CmdUpgrade(t, out);
       return true;
    }
+   if (word == "messages") {
+      CmdMessages(t, out);
+      return true;
+   }
+   if (word == "events") {
+      CmdEvents(t, out);
+      return true;
+   }
    if (word == "uptime") {
       if (t.size() != 1) throw vigilsim::ToolError("usage: uptime");
       double now = sim::Now();
@@ -300,6 +308,79 @@ void Daemon::CmdUpgrade(const std::vector<vigilsim::Token> &t, Json &out) {
           "upgrade: port %#x had the filter in its data path and has it no more; its frames "
           "pass unfiltered",
           port.get<uint32_t>());
+   }
+}
+
+void Daemon::PullMessages(Json &out) {
+   /* The session's messages command waits for idle worlds and hands over
+    * what the host delivered since it last ran. */
+   Json taken;
+   taken["cmd"] = "messages";
+   taken["ok"] = true;
+   session_->Execute(vigilsim::Tokenize("messages"), taken);
+   if (taken.value("busy", false)) out["busy"] = true;
+   if (taken.contains("lost") && taken["lost"].is_number_unsigned()) {
+      lastSeq_ += taken["lost"].get<uint64_t>();
+   }
+   for (Json &m : taken["messages"]) {
+      m["seq"] = ++lastSeq_;
+      journal_.push_back(std::move(m));
+   }
+   while (journal_.size() > kJournalSize) journal_.pop_front();
+}
+
+uint64_t Daemon::LostAfter(uint64_t after) const {
+   if (after >= lastSeq_) return 0;
+   uint64_t kept = 0;
+   for (auto it = journal_.rbegin(); it != journal_.rend(); ++it) {
+      if ((*it)["seq"].get<uint64_t>() <= after) break;
+      kept++;
+   }
+   return lastSeq_ - after - kept;
+}
+
+void Daemon::CmdMessages(const std::vector<vigilsim::Token> &t, Json &out) {
+   if (t.size() != 1) throw vigilsim::ToolError("usage: messages");
+   PullMessages(out);
+   Json list = Json::array();
+   for (const Json &m : journal_) {
+      if (m["seq"].get<uint64_t>() <= messagesRead_) continue;
+      Json copy = m;
+      copy.erase("seq");
+      list.push_back(std::move(copy));
+   }
+   uint64_t lost = LostAfter(messagesRead_);
+   messagesRead_ = lastSeq_;
+   out["messages"] = list;
+   if (lost != 0) out["lost"] = lost;
+}
+
+void Daemon::CmdEvents(const std::vector<vigilsim::Token> &t, Json &out) {
+   vigilsim::Args args = vigilsim::SplitArgs("events", t, 1, {"after", "max"});
+   args.Expect(0, 0, "events [after=SEQ] [max=N]");
+   uint64_t after = args.Unsigned("after", 0);
+   uint64_t max = args.Unsigned("max", kEventsPerAnswer, kEventsPerAnswer);
+   PullMessages(out);
+   /* A reader ahead of the journal (of a vigild that has restarted)
+    * starts again from its beginning. */
+   if (after > lastSeq_) after = 0;
+   Json list = Json::array();
+   uint64_t next = after;
+   for (const Json &m : journal_) {
+      uint64_t seq = m["seq"].get<uint64_t>();
+      if (seq <= after) continue;
+      if (list.size() >= max) break;
+      list.push_back(m);
+      next = seq;
+   }
+   /* Nothing left to give: the reader is at the newest message. */
+   if (list.size() < max) next = lastSeq_;
+   out["events"] = list;
+   out["next"] = next;
+   out["last"] = lastSeq_;
+   if (args.Has("after")) {
+      uint64_t lost = LostAfter(after);
+      if (lost != 0) out["lost"] = lost;
    }
 }
 

@@ -7,6 +7,7 @@
 #ifndef VIGILD_DAEMON_H
 #define VIGILD_DAEMON_H
 
+#include <deque>
 #include <memory>
 #include <string>
 #include <vector>
@@ -59,6 +60,17 @@ class Daemon {
     * long it was held, the frames that waited in the sockets meanwhile and
     * those lost, and the attached ports whose chains did not come back. */
    void CmdUpgrade(const std::vector<vigilsim::Token> &tokens, Json &out);
+   /* The portset messages pass through a journal of vigild's own, each
+    * with a sequence number: `messages` reads it from a cursor of its own
+    * (what it gave is gone for it, as in vigilsim), `events after=N` reads
+    * it from the reader's cursor and consumes nothing, so any number of
+    * watchers and `messages` see every message. */
+   void PullMessages(Json &out);
+   void CmdMessages(const std::vector<vigilsim::Token> &tokens, Json &out);
+   void CmdEvents(const std::vector<vigilsim::Token> &tokens, Json &out);
+   /* Messages with a sequence number above `after` that are no longer
+    * kept. */
+   uint64_t LostAfter(uint64_t after) const;
 
    DaemonOptions options_;
    std::unique_ptr<vigilsim::Session> session_;
@@ -73,6 +85,14 @@ class Daemon {
     * replaced it. */
    std::string modulePath_;
    uint64_t upgrades_ = 0;
+   /* The journal: the newest kJournalSize messages, each with its "seq";
+    * lastSeq_ is the newest number given (a message the session's own
+    * buffer dropped takes a number too, so it shows as a gap). */
+   static constexpr size_t kJournalSize = 20000;
+   static constexpr size_t kEventsPerAnswer = 1000;
+   std::deque<Json> journal_;
+   uint64_t lastSeq_ = 0;
+   uint64_t messagesRead_ = 0; /* the last seq that `messages` gave */
 };
 
 /* Blocks SIGINT, SIGTERM, SIGHUP (and ignores SIGPIPE) in the calling thread
