@@ -13,6 +13,12 @@
  * `vigilctl upgrade --module PATH` sends `upgrade module=PATH`.  The files
  * of save, restore and upgrade are opened by vigild: a relative path is
  * taken from vigild's working directory, not from vigilctl's.
+ *
+ * vigilctl's own commands (commands.h) print the management views as
+ * tables (JSON with --json) and follow binding events (watch); words after
+ * `--` are always passed on.  Every command of vigilctl's own has a manual
+ * page (help.h): `vigilctl --help`, `vigilctl COMMAND --help`, `vigilctl
+ * help [COMMAND]`.
  */
 #include <poll.h>
 #include <sys/socket.h>
@@ -27,6 +33,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "client.h"
+#include "commands.h"
+#include "help.h"
 #include "script.h"
 #include "sim_core.h"
 #include "state.h"
@@ -35,48 +44,6 @@
 namespace {
 
 using vigilsim::Json;
-
-bool IsOptionKey(const std::string &word, size_t *eq) {
-   *eq = word.find('=');
-   if (*eq == std::string::npos || *eq == 0) return false;
-   for (size_t i = 0; i < *eq; i++) {
-      char c = word[i];
-      bool ok = std::isalpha(static_cast<unsigned char>(c)) || c == '_' ||
-                (i > 0 && std::isdigit(static_cast<unsigned char>(c)));
-      if (!ok) return false;
-   }
-   return true;
-}
-
-std::string Quote(const std::string &text) {
-   std::string out = "\"";
-   for (unsigned char c : text) {
-      if (c == '"' || c == '\\') {
-         out += '\\';
-         out += static_cast<char>(c);
-      } else if (c == '\n') {
-         out += "\\n";
-      } else if (c < 0x20 || c == 0x7f) {
-         char buf[8];
-         std::snprintf(buf, sizeof buf, "\\x%02x", c);
-         out += buf;
-      } else {
-         out += static_cast<char>(c);
-      }
-   }
-   return out + "\"";
-}
-
-std::string Word(const std::string &word) {
-   bool plain = !word.empty();
-   for (unsigned char c : word) {
-      if (c <= 0x20 || c == '"' || c == '\\' || c == 0x7f) plain = false;
-   }
-   if (plain) return word;
-   size_t eq;
-   if (IsOptionKey(word, &eq)) return word.substr(0, eq + 1) + Quote(word.substr(eq + 1));
-   return Quote(word);
-}
 
 /* Columns padded to their widest cell. */
 std::string Table(const std::vector<std::vector<std::string>> &rows) {
@@ -174,74 +141,38 @@ void UpgradeWords(std::vector<std::string> &words) {
    }
 }
 
-class Connection {
- public:
-   ~Connection() {
-      if (fd_ >= 0) close(fd_);
+/* `help [COMMAND]`, or COMMAND --help for a passed-on command that has a
+ * page (upgrade); true when a page was asked for, with the exit status. */
+bool Help(const std::vector<std::string> &words, int *rc) {
+   std::string topic;
+   if (words[0] == "help") {
+      if (words.size() > 2) {
+         std::fprintf(stderr, "vigilctl: usage: vigilctl help [COMMAND]\n");
+         *rc = 2;
+         return true;
+      }
+      topic = words.size() == 2 ? words[1] : "";
+   } else if (words[0] == "upgrade" && words.size() == 2 &&
+              (words[1] == "--help" || words[1] == "-h")) {
+      topic = "upgrade";
+   } else {
+      return false;
    }
-   bool Open(const std::string &path, std::string *error) {
-      struct sockaddr_un addr;
-      std::memset(&addr, 0, sizeof addr);
-      addr.sun_family = AF_UNIX;
-      if (path.size() >= sizeof addr.sun_path) {
-         *error = "control socket path too long";
-         return false;
-      }
-      std::memcpy(addr.sun_path, path.c_str(), path.size());
-      fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-      if (fd_ < 0 || connect(fd_, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) != 0) {
-         *error = "cannot connect to " + path + ": " + std::strerror(errno);
-         return false;
-      }
+   std::string page;
+   if (!vigilctl::ManPage(topic, &page)) {
+      std::string topics;
+      for (const std::string &t : vigilctl::HelpTopics()) topics += " " + t;
+      std::fprintf(stderr,
+                   "vigilctl: no page for '%s'; the commands with one:%s. Other commands are "
+                   "vigild's (see README.md)\n",
+                   topic.c_str(), topics.c_str());
+      *rc = 2;
       return true;
    }
-   bool Send(const std::string &text) {
-      size_t done = 0;
-      while (done < text.size()) {
-         ssize_t n = send(fd_, text.data() + done, text.size() - done, MSG_NOSIGNAL);
-         if (n < 0) {
-            if (errno == EINTR) continue;
-            return false;
-         }
-         done += static_cast<size_t>(n);
-      }
-      return true;
-   }
-   /* One answer line, within the deadline. */
-   bool ReadLine(std::string *line, std::chrono::steady_clock::time_point deadline,
-                 std::string *error) {
-      for (;;) {
-         size_t nl = buffer_.find('\n');
-         if (nl != std::string::npos) {
-            *line = buffer_.substr(0, nl);
-            buffer_.erase(0, nl + 1);
-            return true;
-         }
-         auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-             deadline - std::chrono::steady_clock::now());
-         if (left.count() <= 0) {
-            *error = "no answer in time";
-            return false;
-         }
-         struct pollfd pfd = {fd_, POLLIN, 0};
-         int rc = poll(&pfd, 1, static_cast<int>(left.count()));
-         if (rc < 0 && errno == EINTR) continue;
-         if (rc <= 0) continue;
-         char buf[65536];
-         ssize_t n = recv(fd_, buf, sizeof buf, 0);
-         if (n < 0 && errno == EINTR) continue;
-         if (n <= 0) {
-            *error = "the daemon closed the connection without an answer";
-            return false;
-         }
-         buffer_.append(buf, static_cast<size_t>(n));
-      }
-   }
-
- private:
-   int fd_ = -1;
-   std::string buffer_;
-};
+   std::fputs(page.c_str(), stdout);
+   *rc = 0;
+   return true;
+}
 
 } // namespace
 
@@ -249,9 +180,14 @@ int main(int argc, char **argv) {
    CLI::App app{"Sends one command to vigild and prints its answer."};
    std::string control;
    bool text = false;
+   bool json = false;
+   bool help = false;
    double timeout = 30;
+   app.set_help_flag();
+   app.add_flag("-h,--help", help, "show vigilctl's manual page");
    app.add_option("--control", control, "vigild's control socket");
    app.add_flag("--text", text, "print readable text instead of JSON");
+   app.add_flag("--json", json, "print the JSON answer of a view instead of its table");
    app.add_option("--timeout", timeout, "seconds to wait for the answer (default 30)")
        ->check(CLI::PositiveNumber);
    app.prefix_command();
@@ -262,24 +198,39 @@ int main(int argc, char **argv) {
       return rc == 0 ? 0 : 2;
    }
    std::vector<std::string> words = app.remaining();
-   if (!words.empty() && words[0] == "--") words.erase(words.begin());
+   bool passOn = false;
+   if (!words.empty() && words[0] == "--") {
+      words.erase(words.begin());
+      passOn = true;
+   }
+   if (help || (!passOn && !words.empty() && (words[0] == "--help" || words[0] == "-h"))) {
+      std::string page;
+      vigilctl::ManPage("", &page);
+      std::fputs(page.c_str(), stdout);
+      return 0;
+   }
    if (words.empty()) {
-      std::fprintf(stderr, "vigilctl: no command given\n%s", app.help().c_str());
+      std::fprintf(stderr, "vigilctl: no command given (vigilctl --help shows the commands)\n");
       return 2;
    }
-   UpgradeWords(words);
-   if (control.empty()) {
-      const char *env = std::getenv("VIGILD_CONTROL");
-      control = env != nullptr && *env != '\0' ? env : "/run/vigild.sock";
+   int helpRc;
+   if (!passOn && Help(words, &helpRc)) return helpRc;
+   if (!passOn && vigilctl::IsOwnCommand(words)) {
+      vigilctl::Globals globals;
+      globals.control = vigilctl::ControlPath(control);
+      globals.timeout = timeout;
+      globals.json = json;
+      return vigilctl::RunOwnCommand(words, globals);
    }
-   std::string line;
-   for (const std::string &w : words) line += (line.empty() ? "" : " ") + Word(w);
+   UpgradeWords(words);
+   control = vigilctl::ControlPath(control);
+   std::string line = vigilctl::Line(words);
    if (line.find('\n') != std::string::npos) {
       std::fprintf(stderr, "vigilctl: a command is one line\n");
       return 2;
    }
 
-   Connection conn;
+   vigilctl::Connection conn;
    std::string error;
    if (!conn.Open(control, &error)) {
       std::fprintf(stderr, "vigilctl: %s\n", error.c_str());
