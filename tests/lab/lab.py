@@ -163,6 +163,56 @@ class Control:
         self.messages_seen.extend(new)
         return new
 
+    def view(self, *words, rc=0, timeout=30):
+        """The text that one of vigilctl's own commands (bindings, config,
+        stats, whitelist, ignorelist, bpdu, delete, delete-on-expiry)
+        prints; fails unless it exits with `rc`.  With rc != 0 its standard
+        error is given instead."""
+        code, out, err = self.ctl_raw(*words, timeout=timeout)
+        if code != rc:
+            raise LabError(f"vigilctl {' '.join(map(str, words))}: exit {code}, not {rc}:\n"
+                           f"{out}{err}")
+        return out if rc == 0 else err
+
+    def view_json(self, *words, rc=0, timeout=30):
+        """The JSON answer of one of vigilctl's own commands (--json)."""
+        code, out, err = self.ctl_raw("--json", *words, timeout=timeout)
+        if code != rc or not out.strip():
+            raise LabError(f"vigilctl --json {' '.join(map(str, words))}: exit {code}, not "
+                           f"{rc}:\n{out}{err}")
+        return json.loads(out)
+
+    @staticmethod
+    def table(text, first_column):
+        """The rows of the aligned table in `text` whose header line begins
+        with `first_column`, each a dict by column title.  Columns are
+        found where the header's titles begin (titles are two blanks apart
+        and may hold one)."""
+        lines = text.splitlines()
+        for at, line in enumerate(lines):
+            if line.startswith(first_column + " "):
+                break
+        else:
+            raise LabError(f"no table headed {first_column!r} in:\n{text}")
+        header = lines[at]
+        starts = [0] + [i + 2 for i in range(len(header) - 2)
+                        if header[i:i + 2] == "  " and header[i + 2] != " "]
+        titles = [header[a:b].strip() for a, b in zip(starts, starts[1:] + [None])]
+        rows = []
+        for line in lines[at + 1:]:
+            if not line.strip():
+                break
+            cells = [line[a:b].strip() for a, b in zip(starts, starts[1:] + [None])]
+            rows.append(dict(zip(titles, cells)))
+        return rows
+
+    def watch(self, *args, name="watch"):
+        """`vigilctl watch` running in the background, its output (standard
+        output and error) going to a log: (process, log path).  The lab
+        stops it when it is closed."""
+        return self.lab_spawn(None, VIGILCTL, "--control", self.control, "watch", *args,
+                              name=name)
+
     def switch_port(self, port):
         for p in self.ctl("switch")["ports"]:
             if p["portID"] == port:
@@ -174,6 +224,9 @@ class Host(Control):
     """A further vigild of a lab, beside the lab's own: in the switch
     namespace, with its own start-up script, control socket and log.  The lab
     stops it when it is closed."""
+
+    def lab_spawn(self, *args, **kw):
+        return self.lab.spawn(*args, **kw)
 
     def __init__(self, lab, name, script, extra=()):
         self.lab = lab
@@ -292,6 +345,9 @@ class Lab(Control):
         self.run(ns, "ip", "link", "set", name, "up")
         for port in ports:
             self.run(ns, "ip", "link", "set", port, "master", name)
+
+    def lab_spawn(self, *args, **kw):
+        return self.spawn(*args, **kw)
 
     # ------------------------------------------------------------ vigild
     def host(self, name, script, extra=()):
