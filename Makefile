@@ -35,14 +35,15 @@ test-asan: build-asan
 	   UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ctest $(CTEST_FLAGS)
 
 # ThreadSanitizer: the race test (property writes racing with traffic on
-# one port), and the tests of the two worlds and of the filter lifecycle,
-# where the worlds, the clean-up and the callbacks meet.
+# one port), the tests of the two worlds and of the filter lifecycle, where
+# the worlds, the clean-up and the callbacks meet, and the live upgrade with
+# traffic flowing from another thread.
 TSAN_OPTIONS_RACE = halt_on_error=1 second_deadlock_stack=1
-TSAN_TESTS = ^race\.|^(AgingWorld|AgingWorldRunning|AgingWorldInit|CpWorld|CpWorldInit|FilterLifecycle|RetiredFilter)[A-Za-z]*\.
+TSAN_TESTS = ^race\.|^(AgingWorld|AgingWorldRunning|AgingWorldInit|CpWorld|CpWorldInit|FilterLifecycle|RetiredFilter|VigilMigration)[A-Za-z]*\.
 
 build-tsan: deps
 	@cmake -S . -B $(BUILD_DIR)/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIGIL_TSAN=ON >/dev/null
-	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests module_tests
+	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests module_tests load_tests
 
 test-tsan: build-tsan
 	@echo "== tests: ThreadSanitizer build, race, world and lifecycle tests"

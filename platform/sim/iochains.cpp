@@ -3,11 +3,18 @@
  * output path.  The host keeps a copy of each description; the tests push
  * frame lists through a port's chains with SendFromVM and DeliverToVM.
  * Chain functions and removal callbacks run with no host lock held.
+ *
+ * As on a real host, a chain is never removed under a frame: removal takes
+ * the chain off its port at once, then waits until no thread is still
+ * inside its function (but the caller itself, when a chain removes itself),
+ * and only then calls its removal callback.
  */
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <list>
 #include <memory>
+#include <thread>
 
 #include "sim_frames.h"
 #include "sim_switch.h"
@@ -17,6 +24,7 @@ struct zek_IOChain {
    zek_IOChainDesc desc; /* desc.label points at `label` */
    std::string label;
    uint32_t minMappedLen = 0;
+   std::atomic<uint32_t> inFlight{0}; /* threads inside desc.fn */
 };
 
 namespace sim {
@@ -24,6 +32,8 @@ namespace {
 
 std::mutex gChainMutex;
 std::list<std::unique_ptr<zek_IOChain>> gChains; /* in insertion order */
+/* The chains this thread is inside, innermost last. */
+thread_local std::vector<const zek_IOChain *> tInside;
 
 void ResetChains() {
    std::lock_guard<std::mutex> guard(gChainMutex);
@@ -51,7 +61,17 @@ std::unique_ptr<zek_IOChain> Unlink(zek_IOChainHandle handle) {
    return nullptr;
 }
 
+/* Waits until the frames in the chain's function have left it; the calls
+ * of this very thread are not waited for. */
+void WaitForFrames(const zek_IOChain *chain) {
+   uint32_t mine = (uint32_t)std::count(tInside.begin(), tInside.end(), chain);
+   while (chain->inFlight.load(std::memory_order_acquire) > mine) {
+      std::this_thread::yield();
+   }
+}
+
 void CallRemove(std::unique_ptr<zek_IOChain> chain) {
+   WaitForFrames(chain.get());
    if (chain->desc.removeFn != nullptr) {
       chain->desc.removeFn(nullptr, chain->desc.priv, chain.get());
    }
@@ -77,18 +97,25 @@ uint32_t RunChains(zek_PortID portID, uint32_t direction, zek_PktList *list) {
       zek_IOChainFn fn = nullptr;
       void *priv = nullptr;
       {
-         /* A chain removed by an earlier one in this run is skipped. */
+         /* A chain removed by an earlier one in this run, or by another
+          * thread since, is skipped.  Counted in under the lock, so that a
+          * removal either finds the frame inside or takes the chain away
+          * before the frame looks. */
          std::lock_guard<std::mutex> guard(gChainMutex);
          for (auto &chain : gChains) {
             if (chain.get() == handle) {
                fn = chain->desc.fn;
                priv = chain->desc.priv;
+               chain->inFlight.fetch_add(1, std::memory_order_relaxed);
                break;
             }
          }
       }
       if (fn == nullptr) continue;
+      tInside.push_back(handle);
       zek_Status status = fn(portID, priv, list);
+      tInside.pop_back();
+      handle->inFlight.fetch_sub(1, std::memory_order_release);
       if (status != ZEK_OK) return status;
    }
    return ZEK_OK;

@@ -2,6 +2,9 @@
  * Tests of the simulated switch around the module: I/O chains, port
  * properties, portset events, the flow cache and the accelerated datapath.
  */
+#include <chrono>
+#include <thread>
+#include <atomic>
 #include <cstring>
 
 #include "fc.h"
@@ -221,6 +224,84 @@ TEST_F(SimChain, RemoveCallsTheCallbackWithPrivAndHandle) {
    EXPECT_EQ(sim::PortChains(100)[0].name, "b");
    EXPECT_EQ(zek_IOChainRemove(ha), 0xbad0003u);
    EXPECT_EQ(zek_IOChainSetMinPktMappedLen(ha, 10), 0xbad0003u);
+}
+
+/* A chain function that holds its frame until told to let it go. */
+struct Holder {
+   std::atomic<bool> inside{false};
+   std::atomic<bool> release{false};
+   std::atomic<bool> removed{false};
+   std::atomic<bool> removedWhileInside{false};
+   zek_IOChainHandle self = nullptr;
+   bool removeSelf = false;
+};
+
+zek_Status HoldingFn(zek_PortID, void *priv, zek_PktList *) {
+   Holder *h = static_cast<Holder *>(priv);
+   h->inside = true;
+   if (h->removeSelf) {
+      /* A chain that removes itself from inside its own call. */
+      EXPECT_EQ(zek_IOChainRemove(h->self), ZEK_OK);
+   }
+   while (!h->release.load()) std::this_thread::yield();
+   h->inside = false;
+   return ZEK_OK;
+}
+
+void HoldingRemoveFn(void *, void *priv, zek_IOChainHandle) {
+   Holder *h = static_cast<Holder *>(priv);
+   if (h->inside.load()) h->removedWhileInside = true;
+   h->removed = true;
+}
+
+zek_IOChainHandle InsertHolder(zek_PortID port, Holder *holder) {
+   zek_IOChainDesc desc;
+   std::memset(&desc, 0, sizeof desc);
+   desc.module = 0x1d;
+   desc.portID = port;
+   desc.label = "holder";
+   desc.direction = ZEK_IOCHAIN_INPUT;
+   desc.chainClass = 3;
+   EXPECT_EQ(zek_NameInitialize(&desc.name, "holder"), ZEK_OK);
+   desc.fn = HoldingFn;
+   desc.removeFn = HoldingRemoveFn;
+   desc.priv = holder;
+   zek_IOChainHandle handle = nullptr;
+   EXPECT_EQ(zek_IOChainInsert(&desc, &handle), ZEK_OK);
+   holder->self = handle;
+   return handle;
+}
+
+TEST_F(SimChain, RemovalWaitsForTheFrameInsideTheChainBeforeItsCallback) {
+   Holder holder;
+   zek_IOChainHandle h = InsertHolder(100, &holder);
+   std::thread frame([] { EXPECT_EQ(sim::SendFromVM(100, nullptr), ZEK_OK); });
+   while (!holder.inside.load()) std::this_thread::yield();
+   std::atomic<bool> returned{false};
+   std::thread remover([&] {
+      EXPECT_EQ(zek_IOChainRemove(h), ZEK_OK);
+      returned = true;
+   });
+   /* Off the port at once: a new frame no longer meets it. */
+   while (sim::LiveChains() != 0) std::this_thread::yield();
+   std::this_thread::sleep_for(std::chrono::milliseconds(20));
+   EXPECT_FALSE(returned.load()) << "the removal waits for the frame";
+   EXPECT_FALSE(holder.removed.load());
+   holder.release = true;
+   frame.join();
+   remover.join();
+   EXPECT_TRUE(holder.removed.load());
+   EXPECT_FALSE(holder.removedWhileInside.load());
+}
+
+TEST_F(SimChain, ChainRemovingItselfInsideItsCallIsNotWaitedFor) {
+   Holder holder;
+   holder.removeSelf = true;
+   holder.release = true;
+   InsertHolder(100, &holder);
+   EXPECT_EQ(sim::SendFromVM(100, nullptr), ZEK_OK);
+   EXPECT_TRUE(holder.removed.load());
+   EXPECT_EQ(sim::LiveChains(), 0u);
 }
 
 TEST_F(SimChain, FaultedRemoveKeepsTheChain) {
