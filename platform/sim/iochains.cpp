@@ -34,6 +34,9 @@ std::mutex gChainMutex;
 std::list<std::unique_ptr<zek_IOChain>> gChains; /* in insertion order */
 /* The chains this thread is inside, innermost last. */
 thread_local std::vector<const zek_IOChain *> tInside;
+/* Chains this thread removed from inside their own call: freed once the
+ * thread has left them. */
+thread_local std::vector<std::unique_ptr<zek_IOChain>> tParked;
 
 void ResetChains() {
    std::lock_guard<std::mutex> guard(gChainMutex);
@@ -75,6 +78,22 @@ void CallRemove(std::unique_ptr<zek_IOChain> chain) {
    if (chain->desc.removeFn != nullptr) {
       chain->desc.removeFn(nullptr, chain->desc.priv, chain.get());
    }
+   if (std::find(tInside.begin(), tInside.end(), chain.get()) != tInside.end()) {
+      tParked.push_back(std::move(chain));
+   }
+}
+
+/* Frees the parked chain `handle` once this thread is no longer inside it. */
+void FreeParked(const zek_IOChain *handle) {
+   if (tParked.empty() ||
+       std::find(tInside.begin(), tInside.end(), handle) != tInside.end()) {
+      return;
+   }
+   tParked.erase(std::remove_if(tParked.begin(), tParked.end(),
+                                [&](const std::unique_ptr<zek_IOChain> &c) {
+                                   return c.get() == handle;
+                                }),
+                 tParked.end());
 }
 
 uint32_t RunChains(zek_PortID portID, uint32_t direction, zek_PktList *list) {
@@ -116,6 +135,7 @@ uint32_t RunChains(zek_PortID portID, uint32_t direction, zek_PktList *list) {
       zek_Status status = fn(portID, priv, list);
       tInside.pop_back();
       handle->inFlight.fetch_sub(1, std::memory_order_release);
+      FreeParked(handle);
       if (status != ZEK_OK) return status;
    }
    return ZEK_OK;
