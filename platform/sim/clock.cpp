@@ -8,6 +8,7 @@
  * in time order, and lets the worlds settle (sim::WaitIdle) at each stop and
  * at the end; so a world that sleeps for T wakes seeing exactly its deadline.
  */
+#include <atomic>
 #include <chrono>
 #include <cmath>
 
@@ -21,10 +22,22 @@ constexpr int64_t kNsPerSec = 1000000000;
 constexpr int64_t kStartNs = 1000 * kNsPerSec;
 constexpr double kSettleSeconds = 5.0; /* real time for worlds to settle */
 
+/* Writers (SetTime, Advance, mode switches, Reset) take gClockMutex and
+ * publish the three fields under a sequence count; readers take no lock:
+ * they copy the fields and retry if a writer was in the middle (odd count)
+ * or has finished meanwhile (count moved).  The fields are atomics read and
+ * written relaxed, ordered by the fences around them. */
 std::mutex gClockMutex;
-bool gVirtual = true;
-int64_t gBaseNs = kStartNs; /* virtual time, or the time at gRealStart */
-int64_t gRealStart;         /* steady clock reading when real mode began */
+std::atomic<uint64_t> gClockSeq{0};
+std::atomic<bool> gVirtual{true};
+std::atomic<int64_t> gBaseNs{kStartNs}; /* virtual time, or the time at gRealStart */
+std::atomic<int64_t> gRealStart{0};     /* steady clock reading when real mode began */
+
+struct ClockState {
+   bool isVirtual;
+   int64_t baseNs;
+   int64_t realStart;
+};
 
 int64_t SteadyNs() {
    return std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -32,17 +45,49 @@ int64_t SteadyNs() {
       .count();
 }
 
+ClockState ReadClock() {
+   for (;;) {
+      uint64_t before = gClockSeq.load(std::memory_order_acquire);
+      ClockState state{gVirtual.load(std::memory_order_relaxed),
+                       gBaseNs.load(std::memory_order_relaxed),
+                       gRealStart.load(std::memory_order_relaxed)};
+      std::atomic_thread_fence(std::memory_order_acquire);
+      uint64_t after = gClockSeq.load(std::memory_order_relaxed);
+      if (before == after && (before & 1) == 0) return state;
+   }
+}
+
+/* The caller holds gClockMutex, so it is the only writer. */
+ClockState CurrentClockLocked() {
+   return ClockState{gVirtual.load(std::memory_order_relaxed),
+                     gBaseNs.load(std::memory_order_relaxed),
+                     gRealStart.load(std::memory_order_relaxed)};
+}
+
+void WriteClockLocked(const ClockState &state) {
+   uint64_t seq = gClockSeq.load(std::memory_order_relaxed);
+   gClockSeq.store(seq + 1, std::memory_order_relaxed);
+   std::atomic_thread_fence(std::memory_order_release);
+   gVirtual.store(state.isVirtual, std::memory_order_relaxed);
+   gBaseNs.store(state.baseNs, std::memory_order_relaxed);
+   gRealStart.store(state.realStart, std::memory_order_relaxed);
+   gClockSeq.store(seq + 2, std::memory_order_release);
+}
+
 int64_t NowNs() {
-   std::lock_guard<std::mutex> guard(gClockMutex);
-   return gVirtual ? gBaseNs : gBaseNs + (SteadyNs() - gRealStart);
+   ClockState state = ReadClock();
+   return state.isVirtual ? state.baseNs
+                          : state.baseNs + (SteadyNs() - state.realStart);
 }
 
 int64_t ToNs(double seconds) { return std::llround(seconds * 1e9); }
 
 void ResetClock() {
    std::lock_guard<std::mutex> guard(gClockMutex);
-   gVirtual = true;
-   gBaseNs = kStartNs;
+   ClockState state = CurrentClockLocked();
+   state.isVirtual = true;
+   state.baseNs = kStartNs;
+   WriteClockLocked(state);
 }
 
 struct Registrar {
@@ -53,7 +98,9 @@ struct Registrar {
 void StepTo(int64_t ns) {
    {
       std::lock_guard<std::mutex> guard(gClockMutex);
-      gBaseNs = ns;
+      ClockState state = CurrentClockLocked();
+      state.baseNs = ns;
+      WriteClockLocked(state);
    }
    WorldsClockMoved();
    WaitIdle(kSettleSeconds);
@@ -63,18 +110,13 @@ void StepTo(int64_t ns) {
 
 int64_t ClockNowNs() { return NowNs(); }
 
-bool ClockIsVirtual() {
-   std::lock_guard<std::mutex> guard(gClockMutex);
-   return gVirtual;
-}
+bool ClockIsVirtual() { return ReadClock().isVirtual; }
 
 void UseVirtualClock(bool on) {
    {
       std::lock_guard<std::mutex> guard(gClockMutex);
-      if (gVirtual == on) return;
-      gVirtual = on;
-      gBaseNs = kStartNs;
-      gRealStart = SteadyNs();
+      if (CurrentClockLocked().isVirtual == on) return;
+      WriteClockLocked(ClockState{on, kStartNs, SteadyNs()});
    }
    WorldsClockMoved();
 }
@@ -85,8 +127,10 @@ void SetTime(double seconds) {
    if (AnyLiveWorlds() && ClockIsVirtual()) WaitIdle(kSettleSeconds);
    {
       std::lock_guard<std::mutex> guard(gClockMutex);
-      gBaseNs = ToNs(seconds);
-      gRealStart = SteadyNs();
+      ClockState state = CurrentClockLocked();
+      state.baseNs = ToNs(seconds);
+      state.realStart = SteadyNs();
+      WriteClockLocked(state);
    }
    if (AnyLiveWorlds()) {
       WorldsClockMoved();
@@ -98,7 +142,9 @@ void Advance(double seconds) {
    if (!AnyLiveWorlds() || !ClockIsVirtual()) {
       {
          std::lock_guard<std::mutex> guard(gClockMutex);
-         gBaseNs += ToNs(seconds);
+         ClockState state = CurrentClockLocked();
+         state.baseNs += ToNs(seconds);
+         WriteClockLocked(state);
       }
       WorldsClockMoved();
       return;

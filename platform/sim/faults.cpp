@@ -3,6 +3,7 @@
  */
 #include <cstdio>
 #include <map>
+#include <string_view>
 #include <vector>
 
 #include "sim_internal.h"
@@ -17,7 +18,8 @@ struct CallFault {
 };
 
 std::mutex gFaultMutex;
-std::map<std::string, CallFault> gCallFaults;
+/* std::less<> finds a name given as a C string without building a string. */
+std::map<std::string, CallFault, std::less<>> gCallFaults;
 FailureHook gFailureHook;
 
 std::vector<ResetHook> &ResetHooks() {
@@ -25,7 +27,15 @@ std::vector<ResetHook> &ResetHooks() {
    return hooks;
 }
 
+/* Publishes the table's size; the caller holds gFaultMutex. */
+void PublishArmedCount() {
+   gArmedCallFaults.store(static_cast<uint32_t>(gCallFaults.size()),
+                          std::memory_order_relaxed);
+}
+
 } // namespace
+
+std::atomic<uint32_t> gArmedCallFaults{0};
 
 void RegisterResetHook(ResetHook hook) { ResetHooks().push_back(hook); }
 
@@ -44,22 +54,28 @@ void FaultCall(const std::string &name, zek_Status status, uint32_t count,
    std::lock_guard<std::mutex> guard(gFaultMutex);
    if (count == 0) {
       gCallFaults.erase(name);
-      return;
+   } else {
+      gCallFaults[name] = CallFault{status, count, after};
    }
-   gCallFaults[name] = CallFault{status, count, after};
+   PublishArmedCount();
 }
 
 void FaultClear() {
    {
       std::lock_guard<std::mutex> guard(gFaultMutex);
       gCallFaults.clear();
+      PublishArmedCount();
    }
    FaultAlloc(0, 0);
 }
 
 bool FaultCheck(const char *name, zek_Status *status) {
+   /* Nothing armed: no lock, no lookup. */
+   if (!AnyCallFaultArmed()) {
+      return false;
+   }
    std::lock_guard<std::mutex> guard(gFaultMutex);
-   auto it = gCallFaults.find(name);
+   auto it = gCallFaults.find(std::string_view(name));
    if (it == gCallFaults.end()) {
       return false;
    }
@@ -71,6 +87,7 @@ bool FaultCheck(const char *name, zek_Status *status) {
    *status = fault.status;
    if (--fault.remaining == 0) {
       gCallFaults.erase(it);
+      PublishArmedCount();
    }
    return true;
 }
@@ -79,6 +96,7 @@ void Reset() {
    {
       std::lock_guard<std::mutex> guard(gFaultMutex);
       gCallFaults.clear();
+      PublishArmedCount();
    }
    for (ResetHook hook : ResetHooks()) {
       hook();

@@ -212,7 +212,7 @@ extern "C" {
 
 void *zek_PktFrameMappedPointerGet(zek_Pkt *pkt) {
    zek_Status status;
-   if (sim::FaultCheck("PktFrameMappedPointerGet", &status)) {
+   if (sim::AnyCallFaultArmed() && sim::FaultCheck("PktFrameMappedPointerGet", &status)) {
       return nullptr;
    }
    return pkt->mapped.get();
@@ -283,7 +283,7 @@ void zek_PktRelease(zek_Pkt *pkt) {
 
 const zek_SgArray *zek_PktSgArrayGet(zek_Pkt *pkt) {
    zek_Status status;
-   if (sim::FaultCheck("PktSgArrayGet", &status)) {
+   if (sim::AnyCallFaultArmed() && sim::FaultCheck("PktSgArrayGet", &status)) {
       return nullptr;
    }
    return &pkt->sgArray;
@@ -291,7 +291,8 @@ const zek_SgArray *zek_PktSgArrayGet(zek_Pkt *pkt) {
 
 const zek_SgElem *zek_PktSgElemGet(zek_Pkt *pkt, uint32_t index) {
    zek_Status status;
-   if (sim::FaultCheck("PktSgElemGet", &status) || index >= pkt->sg.size()) {
+   if ((sim::AnyCallFaultArmed() && sim::FaultCheck("PktSgElemGet", &status)) ||
+       index >= pkt->sg.size()) {
       return nullptr;
    }
    return &pkt->sg[index].elem;

@@ -199,7 +199,7 @@ void zek_HeapDestroy(zek_HeapID heap) {
 
 void *zek_HeapAllocWithRA(zek_HeapID heap, uint32_t size, const void *ra) {
    zek_Status ignored;
-   if (FaultCheck("HeapAllocWithRA", &ignored)) {
+   if (AnyCallFaultArmed() && FaultCheck("HeapAllocWithRA", &ignored)) {
       return nullptr;
    }
    std::unique_lock<std::mutex> guard(gHeapMutex);

@@ -4,6 +4,7 @@
 #ifndef SIM_INTERNAL_H
 #define SIM_INTERNAL_H
 
+#include <atomic>
 #include <mutex>
 #include <string>
 
@@ -29,11 +30,22 @@ void RegisterResetHook(ResetHook hook);
 /* Reports a defect through the installed failure hook. */
 void ReportFailure(const std::string &what);
 
+/* How many call faults are armed (FaultCall entries not yet used up).
+ * Written only under the fault table's mutex; read relaxed, so a call with
+ * nothing armed pays one load.  A call already past the check may miss an
+ * arm racing with it on another thread, as it could with the mutex. */
+extern std::atomic<uint32_t> gArmedCallFaults;
+
+inline bool AnyCallFaultArmed() {
+   return gArmedCallFaults.load(std::memory_order_relaxed) != 0;
+}
+
 /* Returns from the calling platform function with the injected status. */
 #define SIM_FAULT_RETURN(name)                                                 \
    do {                                                                        \
       zek_Status simFaultStatus_;                                              \
-      if (sim::FaultCheck(name, &simFaultStatus_)) return simFaultStatus_;     \
+      if (sim::AnyCallFaultArmed() && sim::FaultCheck(name, &simFaultStatus_)) \
+         return simFaultStatus_;                                               \
    } while (0)
 
 } // namespace sim

@@ -1,8 +1,10 @@
 /*
  * Tests of the simulated host's clock and log.
  */
+#include <atomic>
 #include <chrono>
 #include <thread>
+#include <vector>
 
 #include "sim_test_fixture.h"
 
@@ -99,6 +101,51 @@ TEST_F(SimClock, RealClockStartsAtOneThousandAtTheSwitchAndRuns) {
    EXPECT_GE(sim::Now(), start + 10.02);
    sim::Reset();
    EXPECT_EQ(sim::Now(), 1000.0);
+}
+
+/* Readers take no lock: while another thread steps the clock they see each
+ * step whole and in order. */
+TEST_F(SimClock, ReadersOnOtherThreadsSeeEveryStepWholeAndInOrder) {
+   constexpr int kSteps = 2000;
+   std::atomic<bool> done{false};
+   std::atomic<int> bad{0};
+   std::vector<std::thread> readers;
+   for (int t = 0; t < 2; t++) {
+      readers.emplace_back([&] {
+         uint64_t last = 0;
+         while (!done.load()) {
+            uint64_t cycles = zek_GetTimerCycles();
+            if (cycles < last || (cycles - 1000000000000u) % 1000000u != 0 ||
+                cycles > 1000000000000u + kSteps * 1000000u) {
+               bad++;
+            }
+            last = cycles;
+         }
+      });
+   }
+   for (int i = 0; i < kSteps; i++) sim::Advance(0.001);
+   done = true;
+   for (std::thread &t : readers) t.join();
+   EXPECT_EQ(bad.load(), 0);
+   EXPECT_EQ(zek_GetTimerCycles(), 1000000000000u + kSteps * 1000000u);
+}
+
+TEST_F(SimClock, RealClockReadersSeeOneSetTimeOrTheOther) {
+   sim::UseVirtualClock(false);
+   std::atomic<bool> done{false};
+   std::atomic<int> bad{0};
+   std::thread reader([&] {
+      while (!done.load()) {
+         double now = sim::Now();
+         bool nearLow = now >= 1000.0 && now < 1060.0;
+         bool nearHigh = now >= 5000.0 && now < 5060.0;
+         if (!nearLow && !nearHigh) bad++;
+      }
+   });
+   for (int i = 0; i < 2000; i++) sim::SetTime(i % 2 == 0 ? 5000.0 : 1000.0);
+   done = true;
+   reader.join();
+   EXPECT_EQ(bad.load(), 0);
 }
 
 TEST_F(SimLog, RegisteredHandleHasNameAndDefaultLevel) {
