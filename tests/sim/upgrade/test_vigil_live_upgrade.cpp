@@ -212,24 +212,36 @@ TEST_F(VigilMigration, LiveUpgradeWithTrafficFlowingCarriesTheBindingAndLosesNoF
       }
    });
    while (sent.load() < 50) std::this_thread::yield();
-   u64 before = sent.load();
-   sim::LiveUpgradeReport report;
-   zek_Status status = sim::LiveUpgrade(old, VIGIL_SO_PATH, &report);
-   u64 during = sent.load() - before;
-   while (sent.load() < before + during + 50) std::this_thread::yield();
+   /* A busy machine may not run the sender during one short upgrade: the
+    * module is replaced again until frames came through while it was. */
+   bool overlapped = false;
+   u32 upgrades = 0;
+   sim::LoadedModule *current = old;
+   while (!overlapped && upgrades < 50) {
+      u64 before = sent.load();
+      sim::LiveUpgradeReport report;
+      zek_Status status = sim::LiveUpgrade(current, VIGIL_SO_PATH, &report);
+      overlapped = sent.load() > before;
+      upgrades++;
+      EXPECT_EQ(status, ZEK_OK);
+      current = report.newModule;
+      module_ = current;
+      /* The host's count of live frames includes the one the sender held
+       * at that moment: the old copy's own heap is what must be empty. */
+      EXPECT_EQ(report.oldUnload.leaks, 0u);
+      EXPECT_EQ(report.oldUnload.leakBytes, 0u);
+      EXPECT_EQ(report.oldUnload.heapsLive, 0u);
+      EXPECT_EQ(report.oldUnload.callbacksLeft, 0u);
+      if (status != ZEK_OK || current == nullptr) break;
+   }
+   u64 after = sent.load();
+   while (sent.load() < after + 50) std::this_thread::yield();
    stop = true;
    traffic.join();
-   module_ = report.newModule;
-   ASSERT_EQ(status, ZEK_OK);
    ASSERT_NE(module_, nullptr);
    ASSERT_TRUE(sim::WaitIdle(5.0));
-   /* The host's count of live frames includes the one the sender held at
-    * that moment: the old copy's own heap is what must be empty. */
-   EXPECT_EQ(report.oldUnload.leaks, 0u);
-   EXPECT_EQ(report.oldUnload.leakBytes, 0u);
-   EXPECT_EQ(report.oldUnload.heapsLive, 0u);
-   EXPECT_EQ(report.oldUnload.callbacksLeft, 0u);
-   EXPECT_GT(during, 0u) << "frames flowed while the module was replaced";
+   EXPECT_TRUE(overlapped) << "frames flowed while the module was replaced, in "
+                           << upgrades << " upgrades";
    EXPECT_EQ(failed.load(), 0u);
    VigilFilter *filter = FilterOf(kPort);
    ASSERT_NE(filter, nullptr);
