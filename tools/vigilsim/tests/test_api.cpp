@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "session.h"
+#include "session_test.h"
 #include "sim_core.h"
 #include "text.h"
 #include "vigil_filter.h"
@@ -27,49 +28,9 @@ using Lines = std::vector<std::string>;
 /* 0xbad0003, "not found". */
 constexpr uint32_t kNotFound = 195887107;
 
-class ApiTest : public ::testing::Test {
+class ApiTest : public SessionTest {
  protected:
-   void SetUp() override { Start(VIGIL_SO); }
 
-   void Start(const std::string &modulePath) {
-      session.reset();
-      vigilsim::Settings settings;
-      settings.modulePath = modulePath;
-      session = std::make_unique<vigilsim::Session>(settings);
-   }
-
-   /* One script line, answered as vigilsim prints it (without the script's
-    * name and line in an error). */
-   Json Answer(const std::string &line) {
-      Json result;
-      result["cmd"] = line.substr(0, line.find(' '));
-      result["ok"] = true;
-      try {
-         std::vector<vigilsim::Token> tokens = vigilsim::Tokenize(line);
-         result["cmd"] = vigilsim::Session::CommandName(tokens);
-         session->Execute(tokens, result);
-      } catch (const vigilsim::ToolError &e) {
-         Json failure;
-         failure["cmd"] = result["cmd"];
-         failure["ok"] = false;
-         failure["error"] = e.what();
-         result = failure;
-      }
-      return result;
-   }
-   std::string Run(const std::string &line) { return Answer(line).dump(); }
-   Lines RunAll(const Lines &lines) {
-      Lines out;
-      for (const std::string &line : lines) out.push_back(Run(line));
-      return out;
-   }
-   /* Lines that must succeed. */
-   void Do(const Lines &lines) {
-      for (const std::string &line : lines) {
-         Json r = Answer(line);
-         ASSERT_TRUE(r["ok"].get<bool>()) << line << ": " << r.dump();
-      }
-   }
 
    /* Port 0x10 with every kind of snooping; port 0x20 without a filter. */
    void Ports() {
@@ -108,17 +69,6 @@ class ApiTest : public ::testing::Test {
           "tx 0x10 dhcpv6:type=solicit,xid=0x1001,opt=14=",
           "rx 0x10 dhcpv6:type=reply,xid=0x1001,opt=14=", "messages"});
    }
-
-   /* Every test leaves the tables whole and the heap empty. */
-   void TearDown() override {
-      if (!session->ModuleLoaded()) return;
-      EXPECT_EQ(Answer("check")["violations"].dump(), "[]");
-      Json unload = Answer("unload");
-      EXPECT_EQ(unload["leaks"], 0) << unload.dump();
-      EXPECT_EQ(unload["framesLive"], 0) << unload.dump();
-   }
-
-   std::unique_ptr<vigilsim::Session> session;
 };
 
 const char *const kStatic =

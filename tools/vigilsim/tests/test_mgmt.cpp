@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "session.h"
+#include "session_test.h"
 #include "text.h"
 
 namespace {
@@ -31,42 +32,9 @@ constexpr uint32_t kNotEnabled = 0xbad0030;
 constexpr size_t kListLen = 335924, kConfigLen = 3407, kStatusLen = 4, kStatsLen = 2372,
                  kWhiteListLen = 614412, kIgnoreListLen = 4808, kBpduLen = 965;
 
-class MgmtTest : public ::testing::Test {
+class MgmtTest : public SessionTest {
  protected:
-   void SetUp() override { Start(VIGIL_SO); }
 
-   void Start(const std::string &modulePath) {
-      session.reset();
-      vigilsim::Settings settings;
-      settings.modulePath = modulePath;
-      session = std::make_unique<vigilsim::Session>(settings);
-   }
-
-   Json Answer(const std::string &line) {
-      Json result;
-      result["cmd"] = line.substr(0, line.find(' '));
-      result["ok"] = true;
-      try {
-         std::vector<vigilsim::Token> tokens = vigilsim::Tokenize(line);
-         result["cmd"] = vigilsim::Session::CommandName(tokens);
-         session->Execute(tokens, result);
-      } catch (const vigilsim::ToolError &e) {
-         Json failure;
-         failure["cmd"] = result["cmd"];
-         failure["ok"] = false;
-         failure["error"] = e.what();
-         result = failure;
-      }
-      return result;
-   }
-   std::string Run(const std::string &line) { return Answer(line).dump(); }
-   /* Lines that must succeed. */
-   void Do(const Lines &lines) {
-      for (const std::string &line : lines) {
-         Json r = Answer(line);
-         ASSERT_TRUE(r["ok"].get<bool>()) << line << ": " << r.dump();
-      }
-   }
    /* A call that must succeed: its record. */
    Json Record(const std::string &line) {
       Json r = Answer(line);
@@ -101,17 +69,6 @@ class MgmtTest : public ::testing::Test {
           "tx 0x10 icmp4:sip=198.51.100.7 icmp4:sip=198.51.100.8 bpdu:dst=01:80:c2:00:00:01",
           "advance 10", "messages"});
    }
-
-   /* Every test leaves the tables whole and the heap empty. */
-   void TearDown() override {
-      if (!session->ModuleLoaded()) return;
-      EXPECT_EQ(Answer("check")["violations"].dump(), "[]");
-      Json unload = Answer("unload");
-      EXPECT_EQ(unload["leaks"], 0) << unload.dump();
-      EXPECT_EQ(unload["framesLive"], 0) << unload.dump();
-   }
-
-   std::unique_ptr<vigilsim::Session> session;
 };
 
 std::vector<uint8_t> FromHex(const std::string &hex) {
