@@ -401,7 +401,8 @@ void Agent::Tick(double now) {
       std::lock_guard<std::mutex> lock(mu_);
       for (auto &[id, port] : ports_) {
          if (port.desiredSecurity.empty() || port.desiredSecurity == port.writtenSecurity) continue;
-         if (now - port.lastWrite < kWriteInterval) continue;
+         /* (a nanosecond of slack for the rounding of the clock's sums) */
+         if (now - port.lastWrite < kWriteInterval - 1e-9) continue;
          port.lastWrite = now;
          writes.emplace_back(id, "security", port.desiredSecurity);
       }
