@@ -37,13 +37,14 @@ test-asan: build-asan
 # ThreadSanitizer: the race test (property writes racing with traffic on
 # one port), the tests of the two worlds and of the filter lifecycle, where
 # the worlds, the clean-up and the callbacks meet, and the live upgrade with
-# traffic flowing from another thread.
+# traffic flowing from another thread; and vigild's agent fed and read from
+# several threads.
 TSAN_OPTIONS_RACE = halt_on_error=1 second_deadlock_stack=1
-TSAN_TESTS = ^race\.|^(AgingWorld|AgingWorldRunning|AgingWorldInit|CpWorld|CpWorldInit|FilterLifecycle|RetiredFilter|VigilMigration)[A-Za-z]*\.
+TSAN_TESTS = ^race\.|^(AgingWorld|AgingWorldRunning|AgingWorldInit|CpWorld|CpWorldInit|FilterLifecycle|RetiredFilter|VigilMigration)[A-Za-z]*\.|^vigild\.AgentThreads\.
 
 build-tsan: deps
 	@cmake -S . -B $(BUILD_DIR)/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DVIGIL_TSAN=ON >/dev/null
-	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests module_tests load_tests
+	@cmake --build $(BUILD_DIR)/tsan -j $(JOBS) --target race_tests module_tests load_tests vigild_agent_tests
 
 test-tsan: build-tsan
 	@echo "== tests: ThreadSanitizer build, race, world and lifecycle tests"
