@@ -112,6 +112,15 @@ void Agent::SaveState(const std::string &dir) {
 void Agent::RestoreState(const std::string &dir) {
    std::error_code ec;
    if (!fs::is_directory(dir, ec)) return;
+   /* Without a port to restore into, the directory is left alone. */
+   std::vector<uint32_t> ids;
+   {
+      std::lock_guard<std::mutex> lock(mu_);
+      for (const auto &[id, port] : ports_) {
+         if (port.policy.managed && port.policy.enabled) ids.push_back(id);
+      }
+   }
+   if (ids.empty()) return;
    /* The order of admission; without it, the module's order. */
    std::vector<Binding> order;
    std::string orderFile = (fs::path(dir) / kOrderFile).string();
@@ -142,13 +151,6 @@ void Agent::RestoreState(const std::string &dir) {
          host_.log("agent: " + orderFile + " is damaged; " + MoveAside(orderFile));
       } else {
          fs::remove(orderFile, ec);
-      }
-   }
-   std::vector<uint32_t> ids;
-   {
-      std::lock_guard<std::mutex> lock(mu_);
-      for (const auto &[id, port] : ports_) {
-         if (port.policy.managed && port.policy.enabled) ids.push_back(id);
       }
    }
    std::vector<Binding> restored;

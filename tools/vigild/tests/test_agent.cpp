@@ -525,6 +525,19 @@ TEST_F(StateTest, NoStateDirectoryIsAnEmptyStart) {
    EXPECT_TRUE(host.logs.empty());
 }
 
+TEST_F(StateTest, WithoutAManagedPortTheDirectoryIsLeftAlone) {
+   fs::create_directories(dir);
+   std::ofstream(dir + "/agent-order.json") << "{}";
+   std::ofstream(dir + "/port-0x10.state") << "saved\n[]";
+   FakeHost host;
+   Agent agent(host.Host());
+   agent.RestoreState(dir);
+   EXPECT_TRUE(host.lines.empty());
+   EXPECT_TRUE(host.logs.empty());
+   EXPECT_TRUE(fs::exists(dir + "/agent-order.json"));
+   EXPECT_TRUE(fs::exists(dir + "/port-0x10.state"));
+}
+
 TEST_F(StateTest, NothingIsSavedWithoutAManagedPort) {
    FakeHost host;
    Agent agent(host.Host());
