@@ -70,7 +70,9 @@ std::vector<Page> MakePages() {
        "its own (vigilctl COMMAND --help). `bindings` and `stats` are also vigilsim "
        "commands, and `ignorelist PORTID ENTRIES` writes a port's ignore list: vigilctl "
        "passes `ignorelist` on when it has ENTRIES, and anything after `--` is passed on "
-       "as it is (vigilctl -- bindings 16 prints vigilsim's bindings).",
+       "as it is (vigilctl -- bindings 16 prints vigilsim's bindings).\n\n"
+       "The agent's commands are vigild's and print JSON, or tables with --text: apply "
+       "FILE, policy PORTID, conflicts, agent (each has a page).",
        {{"--control PATH", "vigild's control socket; else $VIGILD_CONTROL, else /run/vigild.sock."},
         {"--timeout SECONDS", "how long to wait for each answer (default 30)."},
         {"--text", "print the answer of a passed-on command as readable text instead of JSON."},
@@ -81,7 +83,8 @@ std::vector<Page> MakePages() {
         {"vigilctl bindings 16", "the IPv4 bindings of port 16 as a table"},
         {"vigilctl --json config 0x10", "its configuration as the module's record, in JSON"},
         {"vigilctl watch", "binding events as they happen"},
-        {"vigilctl -- bindings 16", "vigilsim's own bindings command"}},
+        {"vigilctl -- bindings 16", "vigilsim's own bindings command"},
+        {"vigilctl --text conflicts", "the bindings the agent refused"}},
        "For a passed-on command: 0 when the answer has \"ok\": true, 1 when it has \"ok\": "
        "false, 2 for a usage error or when there is no answer. For the views see their pages."});
 
@@ -278,6 +281,64 @@ std::vector<Page> MakePages() {
        {{"vigilctl --text upgrade", "the same module again, the result as text"}},
        "0 when the answer has \"ok\": true, 1 when it has \"ok\": false, 2 for a usage "
        "error or no answer."});
+
+   const char kAgentExit[] =
+       "0 when the answer has \"ok\": true, 1 when it has \"ok\": false, 2 for a usage "
+       "error or no answer.";
+   const std::pair<std::string, std::string> kText = {
+       "--text", "(before COMMAND) a table for a person instead of the JSON answer."};
+   pages.push_back(Page{
+       "apply",
+       "make a policy file the one in force",
+       {"vigilctl [--text] apply FILE"},
+       "vigild's agent reads FILE (TOML, see docs/agent.md) and applies it now; it becomes "
+       "the policy that SIGHUP reads again. Only the ports whose effective keys changed are "
+       "written again, and no binding is lost. A file that fails to parse or to validate is "
+       "refused whole: nothing of it is applied, the previous policy stays, and \"error\" "
+       "names the file, the line and the key. A relative FILE is made absolute from "
+       "vigilctl's working directory, since vigild opens it.\n\n"
+       "The answer: \"changed\", the ids of the ports whose policy changed, and \"file\".",
+       {kText, kHelp},
+       {{"vigilctl apply examples/policy.toml", "apply the example policy"},
+        {"vigilctl --text apply /etc/vigild/policy.toml", "the ports it changed, readably"}},
+       kAgentExit});
+   pages.push_back(Page{
+       "policy",
+       "the policy in force for one port",
+       {"vigilctl [--text] policy PORTID"},
+       "Shows the port's effective keys: each from its [interface.NAME] table, else its "
+       "[port.ID] table, else [defaults], else the built-in value. \"enabled\" is null when "
+       "no table sets it: the agent then leaves the port as the start-up scripts made it.\n\n"
+       "The answer: \"policy\" (enabled, discovery, expiry-minutes, features, rate-limits, "
+       "bpdu-exclude, ignore, allow, learn, share), \"portID\" and \"file\".",
+       {kText, kHelp},
+       {{"vigilctl --text policy 16", "port 16's keys as a table"}},
+       kAgentExit});
+   pages.push_back(Page{
+       "conflicts",
+       "the bindings the agent refused",
+       {"vigilctl [--text] conflicts"},
+       "Lists each learnt binding that the agent did not admit because another port of the "
+       "same VLAN holds its address (and the two ports do not both share): the claimant "
+       "(vlanId, ip, mac, portID) and the holder (heldBy: portID, mac, and host for a holder "
+       "on another host). A conflict ends when either binding ends; the claimant is then "
+       "admitted if it is still there.",
+       {kText, kHelp},
+       {{"vigilctl --text conflicts", "the conflicts as a table"}},
+       kAgentExit});
+   pages.push_back(Page{
+       "agent",
+       "the agent's counters and pending writes",
+       {"vigilctl [--text] agent"},
+       "Shows what the agent has done since vigild started: \"writes\" (security property "
+       "writes), \"pendingWrites\" (ports whose white list waits for its next write; a "
+       "port is written at most once per 100 ms), \"admitted\", \"conflicts\", "
+       "\"restored\" (bindings brought back from the state directory), \"withdrawn\", "
+       "\"writeErrors\", \"reloads\", \"bindings\" (admitted now) and \"policy\" (the "
+       "file in force, or null).",
+       {kText, kHelp},
+       {{"vigilctl agent", "the counters as JSON"}},
+       kAgentExit});
    return pages;
 }
 

@@ -40,6 +40,7 @@
 #include "sim_core.h"
 #include "state.h"
 #include "text.h"
+#include "views.h"
 
 namespace {
 
@@ -141,8 +142,22 @@ void UpgradeWords(std::vector<std::string> &words) {
    }
 }
 
+/* `apply FILE`: vigild opens FILE, so a relative path is made absolute
+ * from vigilctl's working directory. */
+void ApplyWords(std::vector<std::string> &words) {
+   if (words.size() != 2 || words[0] != "apply" || words[1].empty() || words[1][0] == '/') return;
+   char cwd[4096];
+   if (getcwd(cwd, sizeof cwd) != nullptr) words[1] = std::string(cwd) + "/" + words[1];
+}
+
+/* The passed-on commands that have a page of their own. */
+bool HasOwnPage(const std::string &cmd) {
+   return cmd == "upgrade" || cmd == "apply" || cmd == "policy" || cmd == "conflicts" ||
+          cmd == "agent";
+}
+
 /* `help [COMMAND]`, or COMMAND --help for a passed-on command that has a
- * page (upgrade); true when a page was asked for, with the exit status. */
+ * page (upgrade and the agent's commands); true when a page was asked for, with the exit status. */
 bool Help(const std::vector<std::string> &words, int *rc) {
    std::string topic;
    if (words[0] == "help") {
@@ -152,9 +167,9 @@ bool Help(const std::vector<std::string> &words, int *rc) {
          return true;
       }
       topic = words.size() == 2 ? words[1] : "";
-   } else if (words[0] == "upgrade" && words.size() == 2 &&
-              (words[1] == "--help" || words[1] == "-h")) {
-      topic = "upgrade";
+   } else if (HasOwnPage(words[0]) && words.size() >= 2 &&
+              (words.back() == "--help" || words.back() == "-h")) {
+      topic = words[0];
    } else {
       return false;
    }
@@ -223,6 +238,7 @@ int main(int argc, char **argv) {
       return vigilctl::RunOwnCommand(words, globals);
    }
    UpgradeWords(words);
+   ApplyWords(words);
    control = vigilctl::ControlPath(control);
    std::string line = vigilctl::Line(words);
    if (line.find('\n') != std::string::npos) {
@@ -269,8 +285,11 @@ int main(int argc, char **argv) {
    if (text) {
       const std::string cmd = result.value("cmd", std::string());
       bool isSwitch = cmd == "switch";
+      std::string agentText;
       std::string rendered =
-          isSwitch ? RenderSwitch(line, result) : vigilsim::RenderText(line, result);
+          isSwitch ? RenderSwitch(line, result)
+          : ok && vigilctl::AgentAnswerText(result, &agentText) ? agentText
+                                                                : vigilsim::RenderText(line, result);
       if (cmd == "upgrade") rendered += RenderUpgradeSwitch(result);
       std::fputs(rendered.c_str(), stdout);
    } else {

@@ -461,4 +461,104 @@ std::string EventLine(const Json &event, const std::string &clock) {
    return out;
 }
 
+/* ------------------------------------------------------------ the agent */
+
+namespace {
+
+std::string PortHex(const Json &v) {
+   char buf[16];
+   std::snprintf(buf, sizeof buf, "0x%llx",
+                 static_cast<unsigned long long>(v.is_number() ? v.get<uint64_t>() : 0));
+   return buf;
+}
+
+std::string ValueText(const Json &v) {
+   if (v.is_null()) return "(not set: the port is left as it is)";
+   if (v.is_string()) return v.get<std::string>();
+   if (v.is_array()) {
+      if (v.empty()) return "-";
+      std::string out;
+      for (const Json &item : v) out += (out.empty() ? "" : ", ") + ValueText(item);
+      return out;
+   }
+   if (v.is_object()) {
+      if (v.empty()) return "-";
+      std::string out;
+      for (const auto &item : v.items()) {
+         out += (out.empty() ? "" : ", ") + item.key() + " " + ValueText(item.value());
+      }
+      return out;
+   }
+   return v.dump();
+}
+
+} // namespace
+
+std::string ApplyView(const Json &answer) {
+   std::string out = "applied " + answer.value("file", std::string("?")) + ": ";
+   const Json &changed = answer.contains("changed") ? answer["changed"] : Json::array();
+   if (changed.empty()) return out + "no port changed\n";
+   std::string ports;
+   for (const Json &p : changed) ports += (ports.empty() ? "" : ", ") + PortHex(p);
+   return out + Count(changed.size(), "port changed", "ports changed") + ": " + ports + "\n";
+}
+
+std::string PolicyView(const Json &answer) {
+   std::string file = answer.contains("file") && answer["file"].is_string()
+                          ? "policy of " + answer["file"].get<std::string>()
+                          : "no policy";
+   std::string out = "port " + PortHex(answer["portID"]) + ": " + file + "\n";
+   std::vector<std::vector<std::string>> rows;
+   if (answer.contains("policy") && answer["policy"].is_object()) {
+      for (const auto &item : answer["policy"].items()) {
+         rows.push_back({item.key(), ValueText(item.value())});
+      }
+   }
+   return out + Table(rows, "  ");
+}
+
+std::string ConflictsView(const Json &answer) {
+   const Json &list = answer.contains("conflicts") ? answer["conflicts"] : Json::array();
+   std::string out = Count(list.size(), "conflict", "conflicts") + "\n";
+   if (list.empty()) return out;
+   std::vector<std::vector<std::string>> rows = {
+       {"PORT", "VLAN", "IP", "MAC", "HELD BY PORT", "HELD BY MAC", "HOST"}};
+   for (const Json &c : list) {
+      const Json &h = c["heldBy"];
+      rows.push_back({PortHex(c["portID"]), ValueText(c["vlanId"]), ValueText(c["ip"]),
+                      ValueText(c["mac"]), PortHex(h["portID"]), ValueText(h["mac"]),
+                      h.contains("host") ? ValueText(h["host"]) : "-"});
+   }
+   return out + Table(rows);
+}
+
+std::string AgentView(const Json &answer) {
+   std::string out = "agent: " + (answer.contains("policy") && answer["policy"].is_string()
+                                      ? "policy " + answer["policy"].get<std::string>()
+                                      : std::string("no policy")) +
+                     "\n";
+   std::vector<std::vector<std::string>> rows;
+   for (const auto &item : answer.items()) {
+      if (item.key() == "cmd" || item.key() == "ok" || item.key() == "policy") continue;
+      rows.push_back({item.key(), ValueText(item.value())});
+   }
+   return out + Table(rows, "  ");
+}
+
+bool AgentAnswerText(const Json &answer, std::string *text) {
+   std::string cmd = answer.value("cmd", std::string());
+   if (cmd == "apply") {
+      *text = ApplyView(answer);
+   } else if (cmd == "policy") {
+      *text = PolicyView(answer);
+   } else if (cmd == "conflicts") {
+      *text = ConflictsView(answer);
+   } else if (cmd == "agent") {
+      *text = AgentView(answer);
+   } else {
+      return false;
+   }
+   return true;
+}
+
 } // namespace vigilctl

@@ -77,6 +77,15 @@ std::string WhiteListView(const std::string &label, const Json &answer);
 std::string IgnoreListView(const std::string &label, const Json &answer);
 std::string BpduView(const std::string &label, const Json &answer);
 
+/* The agent's answers (vigild's apply, policy, conflicts and agent) as
+ * text; each for an answer with "ok": true. */
+std::string ApplyView(const Json &answer);
+std::string PolicyView(const Json &answer);
+std::string ConflictsView(const Json &answer);
+std::string AgentView(const Json &answer);
+/* The text of any of the four by its "cmd"; false for another command. */
+bool AgentAnswerText(const Json &answer, std::string *text);
+
 /* The counters of the statistics block, in its order (two words each). */
 const std::vector<std::string> &StatNames();
 

@@ -76,6 +76,18 @@ bool Daemon::Setup(std::string *error) {
    settings.keepAtMost = 20000;
    session_ = std::make_unique<vigilsim::Session>(settings);
    bridge_ = std::make_unique<Bridge>(epollFd_, options_.bridge);
+   AgentHost host;
+   host.run = [this](const std::string &line) { return Execute(line, "agent"); };
+   host.ports = [this]() {
+      std::vector<PortInfo> ports;
+      for (const auto &[id, portset] : session_->Ports()) {
+         const Attachment *att = bridge_->Find(id);
+         ports.push_back(PortInfo{id, portset, att != nullptr ? att->ifname : ""});
+      }
+      return ports;
+   };
+   host.log = [](const std::string &text) { Log(Level::Info, "%s", text.c_str()); };
+   agent_ = std::make_unique<Agent>(host);
    if (!options_.controlPath.empty() && !control_.Open(options_.controlPath, epollFd_, error)) {
       return false;
    }
@@ -156,6 +168,11 @@ bool Daemon::DaemonCommand(const std::vector<vigilsim::Token> &t, Json &out) {
       out["uptime"] = static_cast<int64_t>(std::floor(now));
       out["time"] = now;
       return true;
+   }
+   if (word == "apply" || word == "policy" || word == "conflicts" || word == "agent") {
+      std::vector<std::string> words;
+      for (const vigilsim::Token &token : t) words.push_back(token.text);
+      return AgentCommand(*agent_, words, out, SteadySeconds());
    }
    if (word == "stop") {
       if (t.size() != 1) throw vigilsim::ToolError("usage: stop");
@@ -323,6 +340,7 @@ void Daemon::PullMessages(Json &out) {
       lastSeq_ += taken["lost"].get<uint64_t>();
    }
    for (Json &m : taken["messages"]) {
+      agent_->OnMessage(m);
       m["seq"] = ++lastSeq_;
       journal_.push_back(std::move(m));
    }
@@ -414,6 +432,40 @@ void Daemon::Periodic() {
    lastPeriodic_ = now;
    bridge_->Tick();
    session_->Collect();
+   if (agent_->HasPolicy()) {
+      Json taken;
+      PullMessages(taken);
+      agent_->Tick(now);
+   }
+}
+
+bool Daemon::StartAgent() {
+   if (!options_.policyPath.empty()) {
+      std::string error;
+      if (!ApplyPolicyFile(*agent_, options_.policyPath, SteadySeconds(), nullptr, &error)) {
+         Log(Level::Error, "policy refused, nothing applied: %s", error.c_str());
+         return false;
+      }
+      Log(Level::Info, "policy %s applied", options_.policyPath.c_str());
+   }
+   agent_->RestoreState(options_.stateDir);
+   agent_->Tick(SteadySeconds());
+   return true;
+}
+
+void Daemon::ReloadPolicy() {
+   std::string path = agent_->PolicyFile();
+   if (path.empty()) {
+      Log(Level::Info, "signal Hangup: no policy to reload; going on");
+      return;
+   }
+   std::vector<uint32_t> changed;
+   std::string error;
+   if (!ApplyPolicyFile(*agent_, path, SteadySeconds(), &changed, &error)) {
+      Log(Level::Error, "policy refused, the previous one stays: %s", error.c_str());
+      return;
+   }
+   Log(Level::Info, "policy %s reloaded: %zu ports changed", path.c_str(), changed.size());
 }
 
 void Daemon::Loop() {
@@ -447,7 +499,7 @@ void Daemon::Loop() {
             while (read(signalFd_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
                int signo = static_cast<int>(info.ssi_signo);
                if (signo == SIGHUP) {
-                  Log(Level::Info, "signal %s: nothing to reload; going on", strsignal(signo));
+                  ReloadPolicy();
                   continue;
                }
                Log(Level::Info, "signal %s: stopping", strsignal(signo));
@@ -465,6 +517,7 @@ void Daemon::Shutdown() {
    std::vector<uint32_t> ports = bridge_->AttachedPorts();
    bridge_->DetachAll();
    control_.Close();
+   if (session_->ModuleLoaded()) agent_->SaveState(options_.stateDir);
    if (session_->ModuleLoaded()) {
       Json report = Execute("unload", "stop");
       if (report["ok"].get<bool>()) {
@@ -515,6 +568,10 @@ int Daemon::Run() {
       } else {
          Log(Level::Info, "module loaded: status %d", result["status"].get<int>());
       }
+   }
+   if (!stopping_ && session_->ModuleLoaded() && !StartAgent()) {
+      status = 1;
+      stopping_ = true;
    }
    if (!stopping_) {
       Log(Level::Info, "switching: %zu ports attached", bridge_->AttachedPorts().size());

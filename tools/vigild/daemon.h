@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "agent.h"
 #include "bridge.h"
 #include "control.h"
 #include "session.h"
@@ -27,6 +28,10 @@ struct DaemonOptions {
    /* Leave the module out when the start-up scripts did not load it. */
    bool noLoad = false;
    BridgeOptions bridge;
+   /* The policy read at start and on SIGHUP ("" for none), and where the
+    * agent keeps the bindings across a restart. */
+   std::string policyPath;
+   std::string stateDir = "/var/lib/vigild";
 };
 
 class Daemon {
@@ -93,6 +98,12 @@ class Daemon {
    std::deque<Json> journal_;
    uint64_t lastSeq_ = 0;
    uint64_t messagesRead_ = 0; /* the last seq that `messages` gave */
+   /* The management agent; it reads every message the journal takes. */
+   std::unique_ptr<Agent> agent_;
+   /* The policy at start, then the agent's state restored; false when the
+    * policy is refused. */
+   bool StartAgent();
+   void ReloadPolicy();
 };
 
 /* Blocks SIGINT, SIGTERM, SIGHUP (and ignores SIGPIPE) in the calling thread

@@ -5,9 +5,12 @@
  *
  *   vigild [--module PATH] [--script FILE ...] [--control PATH] [--verbose]
  *          [--stop-on-error] [--no-load] [--budget N] [--ageing SECONDS] [--debug]
+ *          [--policy FILE] [--state-dir DIR]
  *
  * The start-up scripts run first; when they have not loaded the module,
- * vigild loads it (unless --no-load).
+ * vigild loads it (unless --no-load).  Then the management agent applies
+ * the policy (--policy; SIGHUP reads it again) and restores the bindings
+ * saved under --state-dir when vigild last stopped.
  *
  * Exit status: 0 after a clean stop, 1 when it could not start or a
  * start-up script failed with --stop-on-error, 2 for a usage error.
@@ -47,6 +50,10 @@ int main(int argc, char **argv) {
    app.add_option("--ageing", ageing, "seconds before a learnt address is forgotten (default 300)")
        ->check(CLI::PositiveNumber);
    app.add_flag("--debug", debug, "log the daemon's debug lines");
+   app.add_option("--policy", options.policyPath,
+                  "the policy file (TOML), read at start and on SIGHUP");
+   app.add_option("--state-dir", options.stateDir,
+                  "where the agent keeps bindings across a restart (default /var/lib/vigild)");
    try {
       app.parse(argc, argv);
    } catch (const CLI::ParseError &e) {
@@ -58,6 +65,10 @@ int main(int argc, char **argv) {
          std::fprintf(stderr, "vigild: cannot read script %s\n", script.c_str());
          return 2;
       }
+   }
+   if (!options.policyPath.empty() && !std::ifstream(options.policyPath)) {
+      std::fprintf(stderr, "vigild: cannot read policy %s\n", options.policyPath.c_str());
+      return 2;
    }
    if (debug) vigild::SetLogLevel(vigild::Level::Debug);
    options.modulePath = modulePath.empty() ? vigilsim::DefaultModulePath() : modulePath;

@@ -340,5 +340,57 @@ TEST(VigilctlHelp, TheDeletePageNamesItsOptionsAndBits) {
    }
 }
 
+TEST(VigilctlAgent, ApplyNamesTheFileAndThePortsItChanged) {
+   std::string text;
+   ASSERT_TRUE(AgentAnswerText(Json::parse(R"({"cmd":"apply","ok":true,"file":"/etc/p.toml","changed":[16,32]})"), &text));
+   EXPECT_EQ(text, "applied /etc/p.toml: 2 ports changed: 0x10, 0x20\n");
+   ASSERT_TRUE(AgentAnswerText(Json::parse(R"({"cmd":"apply","ok":true,"file":"/etc/p.toml","changed":[]})"), &text));
+   EXPECT_EQ(text, "applied /etc/p.toml: no port changed\n");
+   EXPECT_FALSE(AgentAnswerText(Json::parse(R"({"cmd":"state","ok":true})"), &text));
+}
+
+TEST(VigilctlAgent, PolicyIsOneRowPerKey) {
+   Json answer = Json::parse(R"({"cmd":"policy","ok":true,"portID":16,"file":"p.toml","policy":{"enabled":null,"discovery":["dhcp","arp"],"expiry-minutes":10,"rate-limits":{"tx-bcast":100},"allow":[],"learn":"dhcp","share":false}})");
+   EXPECT_EQ(PolicyView(answer),
+             "port 0x10: policy of p.toml\n"
+             "  enabled         (not set: the port is left as it is)\n"
+             "  discovery       dhcp, arp\n"
+             "  expiry-minutes  10\n"
+             "  rate-limits     tx-bcast 100\n"
+             "  allow           -\n"
+             "  learn           dhcp\n"
+             "  share           false\n");
+}
+
+TEST(VigilctlAgent, ConflictsAreATableWithTheHolder) {
+   Json answer = Json::parse(R"({"cmd":"conflicts","ok":true,"conflicts":[{"vlanId":0,"ip":"192.0.2.50","mac":"02:00:00:00:00:20","portID":32,"heldBy":{"portID":16,"mac":"02:00:00:00:00:10"}},{"vlanId":5,"ip":"2001:db8::5","mac":"02:00:00:00:00:20","portID":32,"heldBy":{"portID":7,"mac":"02:00:00:00:00:70","host":"hv2"}}]})");
+   EXPECT_EQ(ConflictsView(answer),
+             "2 conflicts\n"
+             "PORT  VLAN  IP           MAC                HELD BY PORT  HELD BY MAC        HOST\n"
+             "0x20  0     192.0.2.50   02:00:00:00:00:20  0x10          02:00:00:00:00:10  -\n"
+             "0x20  5     2001:db8::5  02:00:00:00:00:20  0x7           02:00:00:00:00:70  hv2\n");
+   EXPECT_EQ(ConflictsView(Json::parse(R"({"cmd":"conflicts","ok":true,"conflicts":[]})")),
+             "0 conflicts\n");
+}
+
+TEST(VigilctlAgent, CountersAreOneRowEach) {
+   Json answer = Json::parse(R"({"cmd":"agent","ok":true,"writes":3,"pendingWrites":1,"admitted":2,"conflicts":0,"restored":0,"policy":"p.toml"})");
+   EXPECT_EQ(AgentView(answer),
+             "agent: policy p.toml\n"
+             "  writes         3\n"
+             "  pendingWrites  1\n"
+             "  admitted       2\n"
+             "  conflicts      0\n"
+             "  restored       0\n");
+}
+
+TEST(VigilctlHelp, TheAgentCommandsHavePages) {
+   for (const char *topic : {"apply", "policy", "conflicts", "agent"}) {
+      std::string page;
+      ASSERT_TRUE(ManPage(topic, &page)) << topic;
+      EXPECT_EQ(page.rfind(std::string("NAME\n    vigilctl ") + topic + " - ", 0), 0u) << topic;
+   }
+}
+
 } // namespace
 } // namespace vigilctl
