@@ -80,10 +80,22 @@ std::string Fleet::ValueOf(const FleetBinding &b) const {
        .dump();
 }
 
+void Fleet::ClaimLocked(const FleetBinding &binding) {
+   const std::string key = KeyOf(binding.vlanId, binding.ip);
+   counters_.claims++;
+   Claimed &c = claims_[key];
+   /* A renewal of this host's own claim keeps it admitted meanwhile. */
+   bool renewal = (c.state == State::Confirmed || c.state == State::Unconfirmed) &&
+                  SameMac(c.binding.mac, binding.mac);
+   c.binding = binding;
+   if (!renewal) c.state = State::Pending;
+   ops_.push_back({true, key, binding, ""});
+}
+
 void Fleet::Claim(const FleetBinding &binding) {
    {
       std::lock_guard<std::mutex> lock(mutex_);
-      ops_.push_back({true, binding});
+      ClaimLocked(binding);
    }
    wake_.notify_all();
 }
@@ -91,9 +103,34 @@ void Fleet::Claim(const FleetBinding &binding) {
 void Fleet::Release(const FleetBinding &binding) {
    {
       std::lock_guard<std::mutex> lock(mutex_);
-      ops_.push_back({false, binding});
+      const std::string key = KeyOf(binding.vlanId, binding.ip);
+      auto it = claims_.find(key);
+      if (it == claims_.end() || !SameMac(it->second.binding.mac, binding.mac)) return;
+      counters_.releases++;
+      ops_.push_back({false, key, binding, it->second.written});
+      claims_.erase(it);
    }
    wake_.notify_all();
+}
+
+FleetVerdict Fleet::Verdict(const FleetBinding &binding, FleetHolder *holder) {
+   FleetVerdict verdict = FleetVerdict::Wait;
+   {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto it = claims_.find(KeyOf(binding.vlanId, binding.ip));
+      if (it == claims_.end() || !SameMac(it->second.binding.mac, binding.mac)) {
+         ClaimLocked(binding);
+      } else if (it->second.state == State::Confirmed || it->second.state == State::Unconfirmed) {
+         return FleetVerdict::Admit;
+      } else if (it->second.state == State::Conflict) {
+         *holder = it->second.holder;
+         return FleetVerdict::Refuse;
+      } else {
+         return FleetVerdict::Wait;
+      }
+   }
+   wake_.notify_all();
+   return verdict;
 }
 
 bool Fleet::Bindings(std::optional<uint32_t> vlanId, std::vector<FleetEntry> *out) const {
@@ -207,55 +244,42 @@ bool Fleet::EnsureLease(EtcdClient &client) {
 }
 
 void Fleet::Apply(EtcdClient &client, const Op &op, std::vector<Outcome> *outcomes) {
-   const std::string key = KeyOf(op.binding.vlanId, op.binding.ip);
-   if (op.claim) {
-      bool online;
-      {
-         std::lock_guard<std::mutex> lock(mutex_);
-         counters_.claims++;
-         pendingDeletes_.erase(key);
-         Claimed &c = claims_[key];
-         bool renewal = c.state == State::Confirmed && SameMac(c.binding.mac, op.binding.mac);
-         c.binding = op.binding;
-         if (!renewal) c.state = State::Pending;
-         online = online_;
-      }
-      if (online && TryClaim(client, key, outcomes)) return;
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (online) {
-         online_ = false;
-         lastError_ = client.LastError();
-         counters_.errors++;
-      }
-      auto it = claims_.find(key);
-      if (it == claims_.end() || it->second.state == State::Unconfirmed) return;
-      it->second.state = State::Unconfirmed;
-      counters_.unconfirmed++;
-      Log(Level::Warn, "fleet: vlan %u %s mac %s admitted unconfirmed: etcd unreachable",
-          op.binding.vlanId, op.binding.ip.c_str(), op.binding.mac.c_str());
-      outcomes->push_back({op.binding, FleetOutcome::Unconfirmed, {}});
-      return;
-   }
-   std::string written;
    bool online;
    {
       std::lock_guard<std::mutex> lock(mutex_);
-      auto it = claims_.find(key);
-      if (it == claims_.end() || !SameMac(it->second.binding.mac, op.binding.mac)) return;
-      written = it->second.written;
-      claims_.erase(it);
-      counters_.releases++;
       online = online_;
    }
-   if (written.empty()) return;
-   bool deleted = false;
-   if (online && client.DeleteIfValue(key, written, &deleted)) {
-      Log(Level::Info, "fleet: vlan %u %s mac %s released%s", op.binding.vlanId, op.binding.ip.c_str(),
-          op.binding.mac.c_str(), deleted ? "" : " (already taken over)");
+   if (!op.claim) {
+      if (op.written.empty()) return;
+      bool deleted = false;
+      if (online && client.DeleteIfValue(op.key, op.written, &deleted)) {
+         Log(Level::Info, "fleet: vlan %u %s mac %s released%s", op.binding.vlanId, op.binding.ip.c_str(),
+             op.binding.mac.c_str(), deleted ? "" : " (already taken over)");
+         return;
+      }
+      std::lock_guard<std::mutex> lock(mutex_);
+      pendingDeletes_[op.key] = op.written;
       return;
    }
+   {
+      std::lock_guard<std::mutex> lock(mutex_);
+      pendingDeletes_.erase(op.key);
+   }
+   if (online && TryClaim(client, op.key, outcomes)) return;
    std::lock_guard<std::mutex> lock(mutex_);
-   pendingDeletes_[key] = written;
+   if (online) {
+      online_ = false;
+      lastError_ = client.LastError();
+      counters_.errors++;
+      Log(Level::Warn, "fleet: etcd unreachable: %s", lastError_.c_str());
+   }
+   auto it = claims_.find(op.key);
+   if (it == claims_.end() || it->second.state != State::Pending) return;
+   it->second.state = State::Unconfirmed;
+   counters_.unconfirmed++;
+   Log(Level::Warn, "fleet: vlan %u %s mac %s admitted unconfirmed: etcd unreachable",
+       it->second.binding.vlanId, it->second.binding.ip.c_str(), it->second.binding.mac.c_str());
+   outcomes->push_back({it->second.binding, FleetOutcome::Unconfirmed, {}});
 }
 
 bool Fleet::TryClaim(EtcdClient &client, const std::string &key, std::vector<Outcome> *outcomes) {
@@ -278,8 +302,12 @@ bool Fleet::TryClaim(EtcdClient &client, const std::string &key, std::vector<Out
          if (state == State::Confirmed) pendingDeletes_[key] = value;
          return;
       }
+      /* Claimed again for another MAC meanwhile: that claim, queued,
+       * takes the key over from this host. */
+      if (!SameMac(it->second.binding.mac, binding.mac)) return;
       State before = it->second.state;
       it->second.state = state;
+      it->second.holder = holder;
       if (state == State::Confirmed) it->second.written = value;
       if (before == state) return;
       if (state == State::Confirmed) {

@@ -58,6 +58,13 @@ struct FleetHolder {
    std::string mac;
 };
 
+/* What the fleet says of a binding now, without waiting on the network. */
+enum class FleetVerdict {
+   Admit,  /* this host holds its key, or holds it unconfirmed while etcd is down */
+   Wait,   /* its claim is under way */
+   Refuse, /* another MAC holds the key: see the holder */
+};
+
 enum class FleetOutcome {
    Admitted,    /* the key is this host's */
    Unconfirmed, /* etcd did not answer: admitted locally for now */
@@ -91,6 +98,11 @@ class Fleet {
    void Claim(const FleetBinding &binding);
    void Release(const FleetBinding &binding);
 
+   /* The verdict on a binding from what this host knows; a binding not
+    * claimed yet (or claimed for another MAC) is claimed now, and its
+    * outcome comes through the callback. */
+   FleetVerdict Verdict(const FleetBinding &binding, FleetHolder *holder);
+
    /* The fleet's bindings as last read from etcd (read again every second
     * while etcd answers), optionally of one VLAN; false with no reading
     * yet. */
@@ -110,10 +122,14 @@ class Fleet {
       FleetBinding binding;
       State state = State::Pending;
       std::string written; /* the value this host wrote, for its release */
+      FleetHolder holder;  /* of a conflict */
    };
+   /* A claim of the key, or the deletion of the value this host wrote. */
    struct Op {
       bool claim;
+      std::string key;
       FleetBinding binding;
+      std::string written;
    };
    struct Outcome {
       FleetBinding binding;
@@ -124,6 +140,8 @@ class Fleet {
    void Run();
    bool EnsureLease(class EtcdClient &client);
    void Apply(class EtcdClient &client, const Op &op, std::vector<Outcome> *outcomes);
+   /* Queues a claim of a binding; under the lock. */
+   void ClaimLocked(const FleetBinding &binding);
    /* Claims one key for real; false when etcd did not answer. */
    bool TryClaim(class EtcdClient &client, const std::string &key, std::vector<Outcome> *outcomes);
    void Reconcile(class EtcdClient &client, std::vector<Outcome> *outcomes);

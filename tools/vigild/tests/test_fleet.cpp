@@ -319,3 +319,31 @@ TEST_F(FleetTest, BindingsListsTheFleetWithEachHostAndFiltersByVlan) {
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(FleetTest, AVerdictClaimsAnUnknownBindingAndAnswersFromWhatTheClaimFound) {
+   Outcomes a, b;
+   Fleet hostA(Config("hv1"), a.Callback());
+   Fleet hostB(Config("hv2"), b.Callback());
+   hostA.Start();
+   hostB.Start();
+   FleetHolder holder;
+   FleetBinding mine = Binding("192.0.2.70", "00:50:56:00:00:0d", 16);
+   EXPECT_EQ(hostA.Verdict(mine, &holder), vigild::FleetVerdict::Wait);
+   Seen s;
+   ASSERT_TRUE(a.Wait(0, &s));
+   EXPECT_EQ(hostA.Verdict(mine, &holder), vigild::FleetVerdict::Admit);
+   FleetBinding theirs = Binding("192.0.2.70", "00:50:56:00:00:0e", 17);
+   EXPECT_EQ(hostB.Verdict(theirs, &holder), vigild::FleetVerdict::Wait);
+   ASSERT_TRUE(b.Wait(0, &s));
+   EXPECT_EQ(hostB.Verdict(theirs, &holder), vigild::FleetVerdict::Refuse);
+   EXPECT_EQ(holder.host, "hv1");
+   EXPECT_EQ(holder.portID, 16u);
+   EXPECT_EQ(holder.mac, "00:50:56:00:00:0d");
+   /* One claim each: asking again does not claim again. */
+   EXPECT_EQ(hostA.Status()["claims"], 1);
+   EXPECT_EQ(hostB.Status()["claims"], 1);
+}
+
+} // namespace
