@@ -15,8 +15,9 @@
 #               is attached to a port of the portset vs0 in vigild:
 #               vl-vm1 -> port 0x10 (16), vl-vm2 -> 0x20 (32),
 #               vl-dhcp -> 0x30 (48, the uplink, no filter)
-#   vigild      in the background, started with $STATE/start.vsim, its
-#               control socket at /run/vigild.sock (vigilctl's default)
+#   vigild      in the background, started with $STATE/start.vsim and the
+#               policy examples/policy.toml (VIGIL_POLICY names another),
+#               its control socket at /run/vigild.sock (vigilctl's default)
 #   $STATE      /run/vigil-lab: the start-up script, logs, pid files, leases
 #
 # VIGILD and VIGILCTL may name other binaries; VIGIL_BUILD another build
@@ -27,6 +28,7 @@ here=$(cd "$(dirname "$0")" && pwd)
 top=$(cd "$here/.." && pwd)
 BUILD=${VIGIL_BUILD:-$top/build/default}
 STATE=/run/vigil-lab
+POLICY=${VIGIL_POLICY:-$here/policy.toml}
 CONTROL=/run/vigild.sock
 
 NAMESPACES="vm1 vm2 dhcpsrv"
@@ -148,8 +150,10 @@ The lab is up.
   portset vs0  port 0x10 (16)  vl-vm1  <-> vm1 eth0  $(lease_of vm1)
                port 0x20 (32)  vl-vm2  <-> vm2 eth0  $(lease_of vm2)
                port 0x30 (48)  vl-dhcp <-> dhcpsrv eth0  $SERVER_IP (dnsmasq, $RANGE_FIRST-$RANGE_LAST, 120 s leases)
-  VM ports     DHCP and ARP discovery; DHCP and DHCPv6 server block, RA guard,
-               BPDU filter, at most 100 broadcasts a second from the VM
+  VM ports     as the policy $POLICY says: DHCP and ARP discovery, the port
+               warden with the white list the agent keeps from each lease,
+               DHCP and DHCPv6 server block, RA guard, BPDU filter, at most
+               100 broadcasts a second from the VM
   state        $STATE (start.vsim, logs, leases)
 
 Try:
@@ -159,8 +163,12 @@ Try:
   ip netns exec vm1 ping -c 3 $(lease_of vm2 | sed 's,/.*,,')    # vm2, through the switch
   vigilctl messages           # portset messages: portdb.entry.added, ...
   vigilctl switch             # attached ports, their counters, learnt addresses
-  vigilctl security 16 features=0x2964 txBcast=100 port="ip=192.0.2.200/32"
-                              # a port white list without vm1's address: its pings stop
+  vigilctl --text whitelist 16   # vm1's white list: its lease, written by the agent
+  vigilctl --text policy 16      # the policy in force on port 16
+  vigilctl agent                 # the agent's writes, admissions, conflicts
+  ip netns exec vm1 ip addr add 192.0.2.200/24 dev eth0
+  ip netns exec vm1 ping -c 3 -I 192.0.2.200 $SERVER_IP   # not vm1's: dropped
+  kill -HUP $(cat "$STATE/vigild.pid")   # read the policy again
   sh $here/lab.sh down
 $ctl_note
 EOF
@@ -248,24 +256,14 @@ up() {
 
    # vigild and its start-up script.
    cat >"$STATE/start.vsim" <<'EOF'
-# The lab's switch: one portset, two VM ports guarded by the module and the
-# uplink towards the DHCP server.
+# The lab's switch: one portset, two VM ports and the uplink towards the
+# DHCP server.  What the module does on the VM ports comes from the policy
+# (examples/policy.toml), which vigild applies once this script has run.
 load
 portset add vs0
 port add vs0 0x10
 port add vs0 0x20
 port add vs0 0x30
-# Writing "enabled" creates a port's filter.
-prop write 0x10 enabled text:true
-prop write 0x20 enabled text:true
-# Bindings learnt from DHCP and ARP.
-discovery 0x10 dhcp=1 arp=1
-discovery 0x20 dhcp=1 arp=1
-# BPDU filter (0x4), DHCP server block (0x20), broadcasts sent by the VM
-# limited (0x100, 100 a second), DHCPv6 server block (0x800), RA guard
-# (0x2000).
-security 0x10 features=0x2924 txBcast=100
-security 0x20 features=0x2924 txBcast=100
 port attach 0x10 vl-vm1
 port attach 0x20 vl-vm2
 port attach 0x30 vl-dhcp
@@ -274,6 +272,7 @@ EOF
    # shellcheck disable=SC2016
    setsid sh -c 'echo $$ >"$1"; shift; exec "$@"' sh "$STATE/vigild.pid" \
       "$VIGILD" --script "$STATE/start.vsim" --stop-on-error --control "$CONTROL" \
+      --policy "$POLICY" --state-dir "$STATE/agent" \
       </dev/null >"$STATE/vigild.log" 2>&1 &
    i=0
    until ctl uptime >/dev/null 2>&1; do

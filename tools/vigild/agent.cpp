@@ -136,22 +136,26 @@ void Agent::ReconcileLocked(const std::string &reason) {
       }
    }
    std::sort(waiting.begin(), waiting.end());
+   /* Who holds each (VLAN, address) now. */
+   std::map<std::pair<uint16_t, std::string>, std::vector<const Learned *>> held;
+   for (const auto &[id, port] : ports_) {
+      for (const Learned &l : port.learned) {
+         if (l.admitted) held[{l.binding.vlan, l.binding.ip}].push_back(&l);
+      }
+   }
    for (const auto &w : waiting) {
       PortState &port = ports_[w.second.first];
       Learned &l = port.learned[w.second.second];
       const Binding &b = l.binding;
       bool conflict = false;
       HeldBy holder;
-      for (const auto &[otherId, other] : ports_) {
-         if (otherId == b.port) continue;
-         for (const Learned &o : other.learned) {
-            if (!o.admitted || o.binding.vlan != b.vlan || o.binding.ip != b.ip) continue;
-            if (!port.policy.share || !other.policy.share) {
-               conflict = true;
-               holder = HeldBy{otherId, o.binding.mac, ""};
-            }
+      for (const Learned *o : held[{b.vlan, b.ip}]) {
+         if (o->binding.port == b.port) continue;
+         if (!port.policy.share || !ports_[o->binding.port].policy.share) {
+            conflict = true;
+            holder = HeldBy{o->binding.port, o->binding.mac, ""};
+            break;
          }
-         if (conflict) break;
       }
       if (!conflict && fleet_ != nullptr && !fleet_->Claim(b, &holder)) conflict = true;
       if (conflict) {
@@ -170,6 +174,7 @@ void Agent::ReconcileLocked(const std::string &reason) {
       }
       l.conflicted = false;
       l.admitted = true;
+      held[{b.vlan, b.ip}].push_back(&l);
       l.admittedSeq = nextAdmitted_++;
       admitted_++;
       LogLocked(PortText(b.port) + ": admitted " + BindingText(b) + ": " + reason);

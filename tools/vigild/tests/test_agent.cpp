@@ -7,7 +7,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <sstream>
+#include <thread>
 
 #include "agent.h"
 
@@ -529,6 +531,67 @@ TEST_F(StateTest, NothingIsSavedWithoutAManagedPort) {
    agent.SaveState(dir);
    EXPECT_FALSE(fs::exists(dir));
    EXPECT_TRUE(host.lines.empty());
+}
+
+/* Messages from one thread while another ticks, reloads and reads: the
+ * agent's lock keeps its state whole, and the end is the same as in one
+ * thread. */
+TEST(AgentThreads, MessagesTicksReloadsAndReadsFromSeveralThreads) {
+   std::mutex mu;
+   FakeHost host;
+   std::vector<std::string> security;
+   std::vector<std::string> logs;
+   AgentHost h;
+   h.run = [&](const std::string &line) {
+      std::lock_guard<std::mutex> lock(mu);
+      if (line.rfind("security 0x10 ", 0) == 0) security.push_back(line);
+      return AgentJson{{"ok", true}, {"status", 0}, {"bindings", AgentJson::array()}};
+   };
+   h.ports = [&]() { return host.ports; };
+   h.log = [&](const std::string &text) {
+      std::lock_guard<std::mutex> lock(mu);
+      logs.push_back(text);
+   };
+   Agent agent(h);
+   Policy policy = MustParse(kPolicy);
+   agent.Apply(policy, 0, nullptr);
+   constexpr int kBindings = 100;
+   std::thread messages([&] {
+      for (int i = 1; i <= kBindings; i++) {
+         std::string ip = "198.51.100." + std::to_string(i);
+         agent.OnMessage(Message(true, 0x10, kMac1, ip, 1));
+         /* The same address on the other port: a conflict. */
+         agent.OnMessage(Message(true, 0x20, kMac2, ip, 2));
+         if (i % 2 == 0) agent.OnMessage(Message(false, 0x10, kMac1, ip, 1));
+      }
+   });
+   std::thread ticks([&] {
+      for (int i = 1; i <= 300; i++) {
+         agent.Tick(i * 0.01);
+         if (i % 50 == 0) agent.Apply(policy, i * 0.01, nullptr);
+         (void)agent.Counters();
+         if (i % 10 == 0) (void)agent.Conflicts();
+         (void)agent.PolicyOf(0x10);
+      }
+   });
+   messages.join();
+   ticks.join();
+   agent.Tick(10);
+   /* Port 0x10 keeps the odd addresses; port 0x20 took the even ones once
+    * 0x10 let them go, and waits for the odd ones. */
+   AgentJson counters = agent.Counters();
+   EXPECT_EQ(counters["bindings"], kBindings);
+   EXPECT_EQ(counters["pendingWrites"], 0u);
+   EXPECT_EQ(agent.Conflicts().size(), static_cast<size_t>(kBindings / 2));
+   std::string expected = kSec10;
+   for (int i = 1; i <= kBindings; i += 2) {
+      expected += ";vlan=0,mac=" + kMac1 + ",ip=198.51.100." + std::to_string(i);
+   }
+   std::lock_guard<std::mutex> lock(mu);
+   ASSERT_FALSE(security.empty());
+   EXPECT_EQ(security.back(), expected + "\"");
+   /* Paced: never two writes of the port within 100 ms of ticks. */
+   EXPECT_LE(security.size(), 31u + 1u);
 }
 
 } // namespace

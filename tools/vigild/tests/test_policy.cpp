@@ -223,5 +223,19 @@ TEST(Policy, LoadPolicyNamesTheFileInItsErrors) {
    std::remove(path.c_str());
 }
 
+TEST(Policy, TheExamplePolicyEnablesTheLabsTwoVmPortsAndLeavesTheUplink) {
+   Policy p;
+   std::string error;
+   ASSERT_TRUE(LoadPolicy(EXAMPLE_POLICY, &p, &error)) << error;
+   EffectivePolicy vm1 = Resolve(p, 0x10, "vl-vm1");
+   EffectivePolicy vm2 = Resolve(p, 0x20, "vl-vm2");
+   EffectivePolicy uplink = Resolve(p, 0x30, "vl-dhcp");
+   EXPECT_TRUE(vm1.managed && vm1.enabled);
+   EXPECT_TRUE(vm2.managed && vm2.enabled);
+   EXPECT_FALSE(uplink.managed);
+   EXPECT_EQ(vm1.learn, LearnMode::Dhcp);
+   EXPECT_EQ(FeatureBits(vm1), 0x2964u);
+}
+
 } // namespace
 } // namespace vigild
