@@ -168,7 +168,7 @@ nlohmann::json Fleet::Status() const {
 void Fleet::Run() {
    EtcdClient client(config_.endpoints);
    const auto keepAliveEvery = std::chrono::milliseconds(std::max(1, config_.leaseSeconds) * 1000 / 3);
-   auto lastKeepAlive = std::chrono::steady_clock::now();
+   auto lastKeepAlive = std::chrono::steady_clock::time_point{};
    auto lastTick = std::chrono::steady_clock::time_point{};
    for (;;) {
       std::vector<Op> ops;
@@ -179,29 +179,11 @@ void Fleet::Run() {
          ops.swap(ops_);
       }
       std::vector<Outcome> outcomes;
-      bool online = EnsureLease(client);
       auto now = std::chrono::steady_clock::now();
-      if (online && now - lastKeepAlive >= keepAliveEvery) {
-         bool alive = false;
-         if (!client.KeepAlive(lease_, &alive)) {
-            online = false;
-         } else if (!alive) {
-            /* The lease ran out while this host could not reach etcd: every
-             * key on it is gone, so claim them all again on a new one. */
-            Log(Level::Warn, "fleet: lease %lld expired, claiming every binding again", (long long)lease_);
-            std::lock_guard<std::mutex> lock(mutex_);
-            lease_ = 0;
-            for (auto &[key, c] : claims_)
-               if (c.state == State::Confirmed) c.state = State::Unconfirmed;
-         }
-         lastKeepAlive = now;
-         if (online && lease_ == 0) online = EnsureLease(client);
-      }
-      for (const Op &op : ops) {
-         Apply(client, op, &outcomes);
-         std::lock_guard<std::mutex> lock(mutex_);
-         online = online_;
-      }
+      bool keepAlive = now - lastKeepAlive >= keepAliveEvery;
+      if (keepAlive) lastKeepAlive = now;
+      bool online = CheckConnection(client, keepAlive);
+      for (const Op &op : ops) Apply(client, op, &outcomes);
       if (online && now - lastTick >= kTick) {
          Reconcile(client, &outcomes);
          Refresh(client);
@@ -213,17 +195,32 @@ void Fleet::Run() {
    }
 }
 
-bool Fleet::EnsureLease(EtcdClient &client) {
-   int64_t lease = 0;
+bool Fleet::CheckConnection(EtcdClient &client, bool keepAliveDue) {
+   int64_t lease;
+   bool wasOnline;
    {
       std::lock_guard<std::mutex> lock(mutex_);
       lease = lease_;
+      wasOnline = online_;
    }
    bool online = true;
-   if (lease == 0) {
+   if (lease != 0 && (keepAliveDue || !wasOnline)) {
+      bool alive = false;
+      online = client.KeepAlive(lease, &alive);
+      if (online && !alive) {
+         /* The lease ran out while this host could not reach etcd: every
+          * key on it is gone, so claim them all again on a new one. */
+         Log(Level::Warn, "fleet: lease %lld expired, claiming every binding again", (long long)lease);
+         std::lock_guard<std::mutex> lock(mutex_);
+         lease_ = lease = 0;
+         for (auto &[key, c] : claims_)
+            if (c.state == State::Confirmed) c.state = State::Unconfirmed;
+      }
+   }
+   if (online && lease == 0) {
       online = client.Grant(config_.leaseSeconds, &lease);
-      std::lock_guard<std::mutex> lock(mutex_);
       if (online) {
+         std::lock_guard<std::mutex> lock(mutex_);
          lease_ = lease;
          counters_.leases++;
          Log(Level::Info, "fleet: host %s has lease %lld from %s (%d s)", config_.host.c_str(),
@@ -231,14 +228,13 @@ bool Fleet::EnsureLease(EtcdClient &client) {
       }
    }
    std::lock_guard<std::mutex> lock(mutex_);
-   if (!online) {
-      if (online_ || lastError_ != client.LastError())
-         Log(Level::Warn, "fleet: etcd unreachable: %s", client.LastError().c_str());
-      lastError_ = client.LastError();
-      counters_.errors += online_;
-   } else if (!online_) {
+   if (!online && (wasOnline || lastError_.empty())) {
+      Log(Level::Warn, "fleet: etcd unreachable: %s", client.LastError().c_str());
+      counters_.errors++;
+   } else if (online && !wasOnline) {
       Log(Level::Info, "fleet: etcd reachable at %s", client.LastEndpoint().c_str());
    }
+   if (!online) lastError_ = client.LastError();
    online_ = online;
    return online;
 }

@@ -138,7 +138,10 @@ class Fleet {
    };
 
    void Run();
-   bool EnsureLease(class EtcdClient &client);
+   /* Keeps the lease (a new one when it is gone) and finds out whether
+    * etcd answers: when the keep-alive is due, and at every wake-up while
+    * it does not. */
+   bool CheckConnection(class EtcdClient &client, bool keepAliveDue);
    void Apply(class EtcdClient &client, const Op &op, std::vector<Outcome> *outcomes);
    /* Queues a claim of a binding; under the lock. */
    void ClaimLocked(const FleetBinding &binding);

@@ -347,3 +347,30 @@ TEST_F(FleetTest, AVerdictClaimsAnUnknownBindingAndAnswersFromWhatTheClaimFound)
 }
 
 } // namespace
+
+namespace {
+
+TEST_F(FleetTest, EtcdGoneIsNoticedAtTheKeepAliveAndAFreshClusterGetsEveryClaimAgain) {
+   const int port = etcd_->ClientPort();
+   Outcomes a;
+   Fleet fleet(Config("hv1", 3), a.Callback());
+   fleet.Start();
+   fleet.Claim(Binding("192.0.2.80", "00:50:56:00:00:0f"));
+   Seen s;
+   ASSERT_TRUE(a.Wait(0, &s));
+   EXPECT_EQ(s.outcome, FleetOutcome::Admitted);
+   etcd_.reset();
+   for (int i = 0; i < 50 && fleet.Status()["online"] == true; ++i) std::this_thread::sleep_for(100ms);
+   EXPECT_EQ(fleet.Status()["online"], false);
+   /* A cluster that lost everything: the lease is unknown there, so the
+    * fleet takes a new one and claims its binding again. */
+   etcd_ = std::make_unique<vigild_test::EtcdServer>(port);
+   ASSERT_TRUE(etcd_->Start());
+   EXPECT_TRUE(WaitForValue("/vigil-test/bindings/10/192.0.2.80",
+                            R"({"expiryTs":1800,"host":"hv1","mac":"00:50:56:00:00:0f","method":"dhcp","portID":16})",
+                            8000ms));
+   EXPECT_EQ(fleet.Status()["online"], true);
+   EXPECT_EQ(fleet.Status()["leases"], 2);
+}
+
+} // namespace
