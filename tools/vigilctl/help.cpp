@@ -339,6 +339,20 @@ std::vector<Page> MakePages() {
        {kText, kHelp},
        {{"vigilctl agent", "the counters as JSON"}},
        kAgentExit});
+   pages.push_back(Page{
+       "fleet",
+       "the bindings of every host of the fleet",
+       {"vigilctl [--text] fleet bindings [--vlan N]"},
+       "With a [fleet] in the policy, each host's agent publishes the bindings it admits in "
+       "etcd, and refuses a binding whose address another host holds for another MAC. This "
+       "lists the fleet's bindings as this host last read them (every second while etcd "
+       "answers), each with the host that holds it; --vlan N keeps one VLAN's.\n\n"
+       "The answer: \"bindings\", each with vlanId, ip, mac, host, portID, method and "
+       "expiryTs. Without a [fleet] the answer is an error.",
+       {kText, {"--vlan N", "only the bindings of VLAN N."}, kHelp},
+       {{"vigilctl --text fleet bindings", "the fleet's bindings as a table"},
+        {"vigilctl fleet bindings --vlan 10", "VLAN 10's, as JSON"}},
+       kAgentExit});
    return pages;
 }
 

@@ -150,10 +150,23 @@ void ApplyWords(std::vector<std::string> &words) {
    if (getcwd(cwd, sizeof cwd) != nullptr) words[1] = std::string(cwd) + "/" + words[1];
 }
 
+/* `fleet bindings --vlan N` (or --vlan=N) is the command's vlan=N. */
+void FleetWords(std::vector<std::string> &words) {
+   if (words.empty() || words[0] != "fleet") return;
+   for (size_t i = 1; i < words.size(); i++) {
+      if (words[i] == "--vlan" && i + 1 < words.size()) {
+         words[i] = "vlan=" + words[i + 1];
+         words.erase(words.begin() + static_cast<std::ptrdiff_t>(i) + 1);
+      } else if (words[i].rfind("--vlan=", 0) == 0) {
+         words[i] = words[i].substr(2);
+      }
+   }
+}
+
 /* The passed-on commands that have a page of their own. */
 bool HasOwnPage(const std::string &cmd) {
    return cmd == "upgrade" || cmd == "apply" || cmd == "policy" || cmd == "conflicts" ||
-          cmd == "agent";
+          cmd == "agent" || cmd == "fleet";
 }
 
 /* `help [COMMAND]`, or COMMAND --help for a passed-on command that has a
@@ -239,6 +252,7 @@ int main(int argc, char **argv) {
    }
    UpgradeWords(words);
    ApplyWords(words);
+   FleetWords(words);
    control = vigilctl::ControlPath(control);
    std::string line = vigilctl::Line(words);
    if (line.find('\n') != std::string::npos) {

@@ -545,6 +545,20 @@ std::string AgentView(const Json &answer) {
    return out + Table(rows, "  ");
 }
 
+std::string FleetBindingsView(const Json &answer) {
+   const Json &list = answer.contains("bindings") ? answer["bindings"] : Json::array();
+   std::string out = Count(list.size(), "fleet binding", "fleet bindings") + "\n";
+   if (list.empty()) return out;
+   std::vector<std::vector<std::string>> rows = {
+       {"VLAN", "IP", "MAC", "HOST", "PORT", "METHOD", "EXPIRY"}};
+   for (const Json &b : list) {
+      rows.push_back({ValueText(b["vlanId"]), ValueText(b["ip"]), ValueText(b["mac"]),
+                      ValueText(b["host"]), PortHex(b["portID"]), ValueText(b["method"]),
+                      ValueText(b["expiryTs"])});
+   }
+   return out + Table(rows);
+}
+
 bool AgentAnswerText(const Json &answer, std::string *text) {
    std::string cmd = answer.value("cmd", std::string());
    if (cmd == "apply") {
@@ -555,6 +569,8 @@ bool AgentAnswerText(const Json &answer, std::string *text) {
       *text = ConflictsView(answer);
    } else if (cmd == "agent") {
       *text = AgentView(answer);
+   } else if (cmd == "fleet") {
+      *text = FleetBindingsView(answer);
    } else {
       return false;
    }

@@ -83,6 +83,8 @@ std::string ApplyView(const Json &answer);
 std::string PolicyView(const Json &answer);
 std::string ConflictsView(const Json &answer);
 std::string AgentView(const Json &answer);
+/* `fleet bindings`: the fleet's bindings, each with its host. */
+std::string FleetBindingsView(const Json &answer);
 /* The text of any of the four by its "cmd"; false for another command. */
 bool AgentAnswerText(const Json &answer, std::string *text);
 

@@ -69,6 +69,11 @@ std::string Agent::PolicyFile() const {
    return hasPolicy_ ? policy_.file : "";
 }
 
+FleetSettings Agent::Fleet() const {
+   std::lock_guard<std::mutex> lock(mu_);
+   return hasPolicy_ ? policy_.fleet : FleetSettings{};
+}
+
 void Agent::LogLocked(const std::string &text) { logs_.push_back("agent: " + text); }
 
 void Agent::FlushLogs() {
@@ -114,6 +119,20 @@ bool Agent::EligibleLocked(const PortState &port, const Learned &l) const {
    return false;
 }
 
+/* "host hv2 port 0x40 mac 02:..." (no host for one of this host's ports). */
+static std::string HolderText(const HeldBy &holder) {
+   return (holder.host.empty() ? "" : "host " + holder.host + " ") + PortText(holder.port) +
+          " mac " + holder.mac;
+}
+
+void Agent::Reconsider() {
+   {
+      std::lock_guard<std::mutex> lock(mu_);
+      ReconcileLocked("fleet");
+   }
+   FlushLogs();
+}
+
 void Agent::ReconcileLocked(const std::string &reason) {
    /* Bindings that the policy no longer admits leave first. */
    for (auto &[id, port] : ports_) {
@@ -125,6 +144,20 @@ void Agent::ReconcileLocked(const std::string &reason) {
             LogLocked(PortText(id) + ": withdrew " + BindingText(l.binding) + ": " + reason);
          }
          if (!l.admitted && !EligibleLocked(port, l)) l.conflicted = false;
+         /* An admitted binding that the fleet now finds held elsewhere
+          * (claimed while etcd was away, or taken while its lease ran
+          * out) leaves too. */
+         HeldBy holder;
+         if (l.admitted && fleet_ != nullptr &&
+             fleet_->Claim(l.binding, &holder) == ClaimAnswer::Refuse) {
+            l.admitted = false;
+            l.conflicted = true;
+            l.heldBy = holder;
+            withdrawn_++;
+            conflicts_++;
+            LogLocked(PortText(id) + ": withdrew " + BindingText(l.binding) + ", held by " +
+                      HolderText(holder) + ": conflict");
+         }
       }
    }
    /* Then the waiting ones, in the order they came. */
@@ -157,7 +190,11 @@ void Agent::ReconcileLocked(const std::string &reason) {
             break;
          }
       }
-      if (!conflict && fleet_ != nullptr && !fleet_->Claim(b, &holder)) conflict = true;
+      if (!conflict && fleet_ != nullptr) {
+         ClaimAnswer answer = fleet_->Claim(b, &holder);
+         if (answer == ClaimAnswer::Wait) continue;
+         conflict = answer == ClaimAnswer::Refuse;
+      }
       if (conflict) {
          bool news = !l.conflicted || l.heldBy.port != holder.port ||
                      l.heldBy.mac != holder.mac || l.heldBy.host != holder.host;
@@ -165,10 +202,8 @@ void Agent::ReconcileLocked(const std::string &reason) {
          l.heldBy = holder;
          if (news) {
             conflicts_++;
-            std::string who = (holder.host.empty() ? "" : "host " + holder.host + " ") +
-                              PortText(holder.port) + " mac " + holder.mac;
-            LogLocked(PortText(b.port) + ": refused " + BindingText(b) + ", held by " + who +
-                      ": conflict");
+            LogLocked(PortText(b.port) + ": refused " + BindingText(b) + ", held by " +
+                      HolderText(holder) + ": conflict");
          }
          continue;
       }
@@ -290,6 +325,7 @@ void Agent::OnMessage(const AgentJson &m) {
    b.mac = m.value("mac", std::string());
    b.ip = m.value("ip", std::string());
    b.method = m.value("discMethod", 0u);
+   b.expiryTs = m.value("expiryTs", uint64_t{0});
    {
       std::lock_guard<std::mutex> lock(mu_);
       if (added) {

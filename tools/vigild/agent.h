@@ -54,6 +54,7 @@ struct Binding {
    std::string mac;
    std::string ip;
    uint32_t method = 0;
+   uint64_t expiryTs = 0;
 };
 
 /* Who holds an address that a binding asked for; `host` is set for a
@@ -64,14 +65,21 @@ struct HeldBy {
    std::string host;
 };
 
-/* Where a fleet of hosts plugs in: asked before a binding is admitted, told
- * when an admitted binding ends. */
+/* What the fleet says of a binding. */
+enum class ClaimAnswer {
+   Admit,  /* no other host holds its (VLAN, address) */
+   Wait,   /* the fleet is finding out: neither admitted nor refused yet */
+   Refuse, /* another host holds it: see the holder */
+};
+
+/* Where a fleet of hosts plugs in: asked before a binding is admitted (and
+ * again for admitted ones, which leave when the fleet refuses them), told
+ * when an admitted binding ends.  It must answer at once, from what it
+ * knows; when its answer changes it calls Agent::Reconsider. */
 class FleetSeam {
  public:
    virtual ~FleetSeam() = default;
-   /* True when no other host holds the binding's (VLAN, address); else
-    * false with the holder. */
-   virtual bool Claim(const Binding &binding, HeldBy *heldBy) = 0;
+   virtual ClaimAnswer Claim(const Binding &binding, HeldBy *heldBy) = 0;
    virtual void Release(const Binding &binding) = 0;
 };
 
@@ -89,9 +97,13 @@ class Agent {
    bool HasPolicy() const;
    /* The file of the policy in force ("" without one). */
    std::string PolicyFile() const;
+   /* The [fleet] of the policy in force (not present without one). */
+   FleetSettings Fleet() const;
 
    /* A portset message of the module (as vigild's journal holds it). */
    void OnMessage(const AgentJson &message);
+   /* The fleet's answers changed: admits and withdraws by them. */
+   void Reconsider();
    /* Writes the security property of the ports whose white list changed,
     * each at most once per kWriteInterval. */
    void Tick(double now);

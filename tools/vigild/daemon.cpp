@@ -8,7 +8,9 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <cstdlib>
 #include <fstream>
+#include <optional>
 
 #include "daemon_log.h"
 #include "sim_core.h"
@@ -87,7 +89,8 @@ bool Daemon::Setup(std::string *error) {
       return ports;
    };
    host.log = [](const std::string &text) { Log(Level::Info, "%s", text.c_str()); };
-   agent_ = std::make_unique<Agent>(host);
+   agent_ = std::make_unique<Agent>(host, &fleetLink_);
+   fleetLink_.SetAgent(agent_.get());
    if (!options_.controlPath.empty() && !control_.Open(options_.controlPath, epollFd_, error)) {
       return false;
    }
@@ -172,7 +175,17 @@ bool Daemon::DaemonCommand(const std::vector<vigilsim::Token> &t, Json &out) {
    if (word == "apply" || word == "policy" || word == "conflicts" || word == "agent") {
       std::vector<std::string> words;
       for (const vigilsim::Token &token : t) words.push_back(token.text);
-      return AgentCommand(*agent_, words, out, SteadySeconds());
+      bool known = AgentCommand(*agent_, words, out, SteadySeconds());
+      fleetLink_.Configure(agent_->Fleet());
+      if (word == "agent") {
+         nlohmann::json fleet = fleetLink_.Status();
+         if (!fleet.is_null()) out["fleet"] = fleet;
+      }
+      return known;
+   }
+   if (word == "fleet") {
+      CmdFleet(t, out);
+      return true;
    }
    if (word == "stop") {
       if (t.size() != 1) throw vigilsim::ToolError("usage: stop");
@@ -433,10 +446,29 @@ void Daemon::Periodic() {
    bridge_->Tick();
    session_->Collect();
    if (agent_->HasPolicy()) {
+      fleetLink_.Configure(agent_->Fleet());
       Json taken;
       PullMessages(taken);
       agent_->Tick(now);
    }
+}
+
+void Daemon::CmdFleet(const std::vector<vigilsim::Token> &t, Json &out) {
+   if (t.size() < 2 || t[1].text != "bindings" || t.size() > 3)
+      throw vigilsim::ToolError("usage: fleet bindings [vlan=N]");
+   std::optional<uint32_t> vlan;
+   if (t.size() == 3) {
+      const std::string &arg = t[2].text;
+      if (arg.rfind("vlan=", 0) != 0) throw vigilsim::ToolError("usage: fleet bindings [vlan=N]");
+      char *end = nullptr;
+      unsigned long v = std::strtoul(arg.c_str() + 5, &end, 0);
+      if (arg.size() == 5 || *end != '\0' || v > 4095)
+         throw vigilsim::ToolError("fleet bindings: vlan must be 0 to 4095: " + arg.substr(5));
+      vlan = static_cast<uint32_t>(v);
+   }
+   Json rows;
+   if (!fleetLink_.Bindings(vlan, &rows)) throw vigilsim::ToolError("fleet: no [fleet] in the policy");
+   out["bindings"] = rows;
 }
 
 bool Daemon::StartAgent() {
@@ -448,6 +480,7 @@ bool Daemon::StartAgent() {
       }
       Log(Level::Info, "policy %s applied", options_.policyPath.c_str());
    }
+   fleetLink_.Configure(agent_->Fleet());
    agent_->RestoreState(options_.stateDir);
    agent_->Tick(SteadySeconds());
    return true;
@@ -514,6 +547,9 @@ void Daemon::Loop() {
 }
 
 void Daemon::Shutdown() {
+   /* The fleet first: its keys stay until the lease runs out, so that this
+    * host takes them over again when it comes back. */
+   fleetLink_.Stop();
    std::vector<uint32_t> ports = bridge_->AttachedPorts();
    bridge_->DetachAll();
    control_.Close();

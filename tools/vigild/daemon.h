@@ -15,6 +15,7 @@
 #include "agent.h"
 #include "bridge.h"
 #include "control.h"
+#include "fleet_link.h"
 #include "session.h"
 
 namespace vigild {
@@ -64,6 +65,9 @@ class Daemon {
    /* The session's live upgrade, with what it did to the switching: how
     * long it was held, the frames that waited in the sockets meanwhile and
     * those lost, and the attached ports whose chains did not come back. */
+   /* `fleet bindings [vlan=N]`: the fleet's bindings as last read from
+    * etcd. */
+   void CmdFleet(const std::vector<vigilsim::Token> &tokens, Json &out);
    void CmdUpgrade(const std::vector<vigilsim::Token> &tokens, Json &out);
    /* The portset messages pass through a journal of vigild's own, each
     * with a sequence number: `messages` reads it from a cursor of its own
@@ -99,6 +103,8 @@ class Daemon {
    uint64_t lastSeq_ = 0;
    uint64_t messagesRead_ = 0; /* the last seq that `messages` gave */
    /* The management agent; it reads every message the journal takes. */
+   /* Declared before the agent, which it outlives and calls back. */
+   FleetLink fleetLink_;
    std::unique_ptr<Agent> agent_;
    /* The policy at start, then the agent's state restored; false when the
     * policy is refused. */

@@ -57,6 +57,8 @@ comp "vigilctl state 16 --" ""
 comp "vigilctl -- bin" "bindings"
 comp "vigilctl con" "config conflicts"
 comp "vigilctl ag" "agent"
+comp "vigilctl fl" "fleet flowcache"
+comp "vigilctl fleet " "bindings"
 comp "vigilctl help ap" "apply"
 comp "vigilctl policy 16 --" "--help"
 [ $fails -eq 0 ] || { echo "$fails completions differ"; exit 1; }

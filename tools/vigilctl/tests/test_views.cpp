@@ -384,8 +384,19 @@ TEST(VigilctlAgent, CountersAreOneRowEach) {
              "  restored       0\n");
 }
 
+TEST(VigilctlAgent, FleetBindingsAreATableWithEachHost) {
+   Json answer = Json::parse(R"({"cmd":"fleet","ok":true,"bindings":[{"vlanId":0,"ip":"192.0.2.50","mac":"02:00:00:00:00:10","host":"hv1","portID":32,"method":"dhcp","expiryTs":600},{"vlanId":10,"ip":"2001:db8::7","mac":"02:00:00:00:00:20","host":"hv2","portID":64,"method":"dhcpv6","expiryTs":1200}]})");
+   EXPECT_EQ(FleetBindingsView(answer),
+             "2 fleet bindings\n"
+             "VLAN  IP           MAC                HOST  PORT  METHOD  EXPIRY\n"
+             "0     192.0.2.50   02:00:00:00:00:10  hv1   0x20  dhcp    600\n"
+             "10    2001:db8::7  02:00:00:00:00:20  hv2   0x40  dhcpv6  1200\n");
+   EXPECT_EQ(FleetBindingsView(Json::parse(R"({"cmd":"fleet","ok":true,"bindings":[]})")),
+             "0 fleet bindings\n");
+}
+
 TEST(VigilctlHelp, TheAgentCommandsHavePages) {
-   for (const char *topic : {"apply", "policy", "conflicts", "agent"}) {
+   for (const char *topic : {"apply", "policy", "conflicts", "agent", "fleet"}) {
       std::string page;
       ASSERT_TRUE(ManPage(topic, &page)) << topic;
       EXPECT_EQ(page.rfind(std::string("NAME\n    vigilctl ") + topic + " - ", 0), 0u) << topic;

@@ -403,11 +403,11 @@ TEST_F(AgentTest, BindingsAPortHeldBeforeItWasEnabledAreAdmitted) {
 
 struct Fleet : FleetSeam {
    std::vector<std::string> calls;
-   bool Claim(const Binding &b, HeldBy *heldBy) override {
+   ClaimAnswer Claim(const Binding &b, HeldBy *heldBy) override {
       calls.push_back("claim " + BindingText(b));
-      if (b.ip != "192.0.2.77") return true;
+      if (b.ip != "192.0.2.77") return ClaimAnswer::Admit;
       *heldBy = HeldBy{0x40, "02:00:00:00:00:40", "hv2"};
-      return false;
+      return ClaimAnswer::Refuse;
    }
    void Release(const Binding &b) override { calls.push_back("release " + BindingText(b)); }
 };
@@ -420,7 +420,9 @@ TEST(AgentFleet, TheFleetIsAskedBeforeAdmittingAndToldWhenABindingEnds) {
    agent.OnMessage(Message(true, 0x10, kMac1, "192.0.2.50", 1));
    agent.OnMessage(Message(true, 0x10, kMac1, "192.0.2.77", 1));
    agent.OnMessage(Message(false, 0x10, kMac1, "192.0.2.50", 1));
+   /* An admitted binding is asked again whenever the agent reconciles. */
    EXPECT_EQ(fleet.calls, (std::vector<std::string>{
+                              "claim vlan 0 mac 02:00:00:00:00:10 ip 192.0.2.50 (dhcp)",
                               "claim vlan 0 mac 02:00:00:00:00:10 ip 192.0.2.50 (dhcp)",
                               "claim vlan 0 mac 02:00:00:00:00:10 ip 192.0.2.77 (dhcp)",
                               "release vlan 0 mac 02:00:00:00:00:10 ip 192.0.2.50 (dhcp)",
@@ -431,6 +433,58 @@ TEST(AgentFleet, TheFleetIsAskedBeforeAdmittingAndToldWhenABindingEnds) {
              "by host hv2 port 0x40 mac 02:00:00:00:00:40: conflict");
    EXPECT_EQ(agent.Conflicts().dump(),
              R"([{"vlanId":0,"ip":"192.0.2.77","mac":"02:00:00:00:00:10","portID":16,"heldBy":{"portID":64,"mac":"02:00:00:00:00:40","host":"hv2"}}])");
+}
+
+/* A fleet whose answers the test sets per address. */
+struct ScriptedFleet : FleetSeam {
+   std::map<std::string, ClaimAnswer> answers;
+   HeldBy holder{0x40, "02:00:00:00:00:40", "hv2"};
+   ClaimAnswer Claim(const Binding &b, HeldBy *heldBy) override {
+      auto it = answers.find(b.ip);
+      ClaimAnswer a = it == answers.end() ? ClaimAnswer::Wait : it->second;
+      if (a == ClaimAnswer::Refuse) *heldBy = holder;
+      return a;
+   }
+   void Release(const Binding &) override {}
+};
+
+TEST(AgentFleet, ABindingTheFleetIsStillClaimingWaitsWithoutAConflictAndIsAdmittedOnReconsider) {
+   FakeHost host;
+   ScriptedFleet fleet;
+   Agent agent(host.Host(), &fleet);
+   agent.Apply(MustParse(kPolicy), 0, nullptr);
+   agent.OnMessage(Message(true, 0x10, kMac1, "192.0.2.50", 1));
+   EXPECT_EQ(agent.Counters()["admitted"], 0);
+   EXPECT_EQ(agent.Counters()["conflicts"], 0);
+   EXPECT_EQ(agent.Conflicts().dump(), "[]");
+   fleet.answers["192.0.2.50"] = ClaimAnswer::Admit;
+   agent.Reconsider();
+   EXPECT_EQ(agent.Counters()["admitted"], 1);
+   EXPECT_EQ(host.logs.back(),
+             "agent: port 0x10: admitted vlan 0 mac 02:00:00:00:00:10 ip 192.0.2.50 (dhcp): fleet");
+}
+
+TEST(AgentFleet, AnAdmittedBindingTheFleetLaterRefusesIsWithdrawnAsAConflict) {
+   FakeHost host;
+   ScriptedFleet fleet;
+   fleet.answers["192.0.2.50"] = ClaimAnswer::Admit;
+   Agent agent(host.Host(), &fleet);
+   agent.Apply(MustParse(kPolicy), 0, nullptr);
+   agent.OnMessage(Message(true, 0x10, kMac1, "192.0.2.50", 1));
+   EXPECT_EQ(agent.Counters()["admitted"], 1);
+   fleet.answers["192.0.2.50"] = ClaimAnswer::Refuse;
+   agent.Reconsider();
+   EXPECT_EQ(host.logs.back(),
+             "agent: port 0x10: withdrew vlan 0 mac 02:00:00:00:00:10 ip 192.0.2.50 (dhcp), held by "
+             "host hv2 port 0x40 mac 02:00:00:00:00:40: conflict");
+   EXPECT_EQ(agent.Counters()["conflicts"], 1);
+   EXPECT_EQ(agent.Conflicts().dump(),
+             R"([{"vlanId":0,"ip":"192.0.2.50","mac":"02:00:00:00:00:10","portID":16,"heldBy":{"portID":64,"mac":"02:00:00:00:00:40","host":"hv2"}}])");
+   /* Once the holder lets go, it comes back. */
+   fleet.answers["192.0.2.50"] = ClaimAnswer::Admit;
+   agent.Reconsider();
+   EXPECT_EQ(agent.Counters()["admitted"], 2);
+   EXPECT_EQ(agent.Conflicts().dump(), "[]");
 }
 
 struct StateTest : ::testing::Test {
