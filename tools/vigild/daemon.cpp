@@ -75,7 +75,7 @@ bool Daemon::Setup(std::string *error) {
    settings.realClock = true;
    settings.keepAtMost = 20000;
    session_ = std::make_unique<vigilsim::Session>(settings);
-   bridge_ = std::make_unique<Bridge>(epollFd_, options_.bridge);
+   bridge_ = std::make_unique<Bridge>(options_.bridge);
    if (!options_.controlPath.empty() && !control_.Open(options_.controlPath, epollFd_, error)) {
       return false;
    }
@@ -90,6 +90,9 @@ Json Daemon::Execute(const std::string &line, const std::string &where) {
    result["cmd"] = cmd;
    result["ok"] = true;
    commands_++;
+   /* No frame is switched while a command runs: it may change ports,
+    * chains or the module itself. */
+   SwitchingHold hold(*bridge_);
    try {
       std::vector<vigilsim::Token> tokens = vigilsim::Tokenize(line);
       if (tokens.empty()) throw vigilsim::ToolError("empty command");
@@ -218,7 +221,17 @@ void Daemon::CmdSwitch(const std::vector<vigilsim::Token> &t, Json &out) {
    out["ageing"] = opts.ageingSeconds;
    out["budget"] = opts.budget;
    out["batch"] = PacketSocket::kBatch;
+   out["threads"] = opts.threads;
    out["ports"] = bridge_->Describe();
+   /* Every frame lost on the way: in the kernel before vigild could take
+    * it, and by vigild itself. */
+   uint64_t socketDrops = 0, switchDrops = 0;
+   for (const Json &port : out["ports"]) {
+      socketDrops += port["rxSocketDrops"].get<uint64_t>();
+      switchDrops += port["switchDrops"].get<uint64_t>();
+   }
+   out["socketDrops"] = socketDrops;
+   out["switchDrops"] = switchDrops;
    out["fdb"] = bridge_->FdbJson();
    out["fdbLimit"] = opts.fdbLimit;
    out["fdbFull"] = bridge_->FdbFull();
@@ -412,6 +425,7 @@ void Daemon::Periodic() {
    double now = SteadySeconds();
    if (now - lastPeriodic_ < kPeriodSeconds) return;
    lastPeriodic_ = now;
+   SwitchingHold hold(*bridge_);
    bridge_->Tick();
    session_->Collect();
 }
@@ -436,9 +450,7 @@ void Daemon::Loop() {
          uint64_t tag = events[i].data.u64;
          uint64_t kind = tag & kKindMask;
          uint32_t id = static_cast<uint32_t>(tag & 0xffffffffu);
-         if (kind == Bridge::kTagKind) {
-            bridge_->Service(id, events[i].events);
-         } else if (kind == ControlServer::kListenTag) {
+         if (kind == ControlServer::kListenTag) {
             control_.OnListen();
          } else if (kind == ControlServer::kClientKind) {
             control_.OnClient(id, events[i].events, handler);
