@@ -669,6 +669,7 @@ Json Bridge::Describe() const {
       j["txNoFrame"] = Load(c.txNoFrame);
       j["linkDowns"] = Load(c.linkDowns);
       j["rxSocketDrops"] = Load(c.rxSocketDrops);
+      j["ringFrames"] = att.socket.RingFrames();
       j["switchDrops"] = SwitchDrops(c);
       j["thread"] = att.worker;
       list.push_back(j);
