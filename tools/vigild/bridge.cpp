@@ -255,6 +255,8 @@ void Bridge::MarkDown(Attachment &att, const std::string &reason) {
 
 void Bridge::Fail(Attachment &att, const std::string &reason) {
    if (att.failed.exchange(true)) return;
+   /* Its socket would be reported again and again until then. */
+   epoll_ctl(workers_[att.worker]->epollFd, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
    std::lock_guard<std::mutex> guard(failMutex_);
    failures_.emplace_back(att.port, reason);
 }
@@ -347,6 +349,9 @@ void Bridge::Run(Worker &w) {
    while (!stopping_) {
       int n = epoll_wait(w.epollFd, events, 64, 1000);
       if (n <= 0) continue;
+      /* Every ready port gets one budget of batches per turn, in the order
+       * the kernel reports them: a port that still has frames is reported
+       * again behind the others. */
       pthread_rwlock_rdlock(&gate_);
       for (int i = 0; i < n && !stopping_; i++) {
          if (events[i].data.u64 == kWakeTag) continue;

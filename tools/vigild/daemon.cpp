@@ -260,9 +260,9 @@ void Daemon::CmdUpgrade(const std::vector<vigilsim::Token> &t, Json &out) {
    /* The session checks the command in full; the path is needed here. */
    vigilsim::Args args = vigilsim::SplitArgs("upgrade", t, 1, {"module"});
    std::string path = args.Get("module").value_or(modulePath_);
-   /* Nothing switches while the session runs the upgrade (one thread): the
-    * frames that arrive meanwhile wait in the ports' sockets, or are lost
-    * when a socket's buffer fills.  Its counters are read just before and
+   /* Nothing switches while the session runs the upgrade (switching is
+    * held around every command): the frames that arrive meanwhile wait in
+    * the ports' receive rings, or are lost when a ring fills.  Its counters are read just before and
     * just after. */
    bridge_->CollectSocketStats();
    std::map<uint32_t, bool> filteredBefore;
@@ -443,9 +443,6 @@ void Daemon::Loop() {
          Log(Level::Error, "epoll_wait: %s", std::strerror(errno));
          break;
       }
-      /* Every ready port gets one budget of batches per turn, in the order
-       * the kernel reports them: a port that still has frames is reported
-       * again behind the others. */
       for (int i = 0; i < n; i++) {
          uint64_t tag = events[i].data.u64;
          uint64_t kind = tag & kKindMask;
