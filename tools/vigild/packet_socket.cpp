@@ -93,6 +93,9 @@ bool PacketSocket::Open(const std::string &ifname, std::string *error) {
    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0) {
       setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
    }
+   /* Sends go straight to the interface's driver, past the queueing
+    * layer: a veth or tap has no queue to keep anyway. */
+   setsockopt(fd, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof one);
    int version = TPACKET_V2;
    if (setsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0) {
       *error = std::string("packet ring version: ") + std::strerror(errno);
