@@ -64,3 +64,9 @@ demo: deps
 
 clean:
 	rm -rf $(BUILD_DIR)
+
+# make bench-lab (as root): vigild against the Linux bridge on a veth lab,
+# packets per second and ping latency (scripts/bench-lab.sh).
+.PHONY: bench-lab
+bench-lab: deps
+	@BENCH_LAB_BUILD=$(abspath $(BUILD_DIR))/release JOBS=$(JOBS) sh scripts/bench-lab.sh

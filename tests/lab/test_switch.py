@@ -342,3 +342,64 @@ def test_start_up_failures_and_signals(lab):
     assert lab.vigild.wait(timeout=15) == 0
     assert "module unloaded: leaks=0" in lab.read(lab.vigild_log)
     lab.vigild = None
+
+
+# `count` unicast frames to `dst`, in bursts that the kernel hands on before
+# the next one, so that each reaches the switch's port; prints how many went.
+COUNTED_FRAMES = """
+import socket, sys, time
+src, dst, count = sys.argv[1], sys.argv[2], int(sys.argv[3])
+mac = lambda m: bytes(int(x, 16) for x in m.split(":"))
+frame = mac(dst) + mac(src) + b"\\x88\\xb5" + bytes(46)
+s = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+s.bind(("eth0", 0))
+sent = 0
+while sent < count:
+    for _ in range(min(100, count - sent)):
+        s.send(frame); sent += 1
+    time.sleep(0.001)
+print(sent)
+"""
+
+
+def test_frames_lost_in_a_full_receive_ring_are_counted_by_switch_and_vigilctl(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    lab.start_vigild(TWO_PORTS)
+    a.ping(b.ip, count=2)
+    sw = lab.ctl("switch")
+    assert sw["socketDrops"] == 0 and sw["switchDrops"] == 0
+    before = {p["portID"]: p for p in sw["ports"]}
+    ring = before[0x20]["ringFrames"]
+    assert ring > 0
+    # vigild stopped: what port 0x20 receives fills its ring, and the kernel
+    # drops the rest.
+    frames = ring + 1500
+    os.kill(lab.vigild.pid, signal.SIGSTOP)
+    try:
+        r = a.python(COUNTED_FRAMES, a.mac, b.mac, frames, timeout=60)
+    finally:
+        os.kill(lab.vigild.pid, signal.SIGCONT)
+    assert int(r.stdout) == frames
+
+    def counted():
+        ports = {p["portID"]: p for p in lab.ctl("switch")["ports"]}
+        return ports[0x20]["rxSocketDrops"] == 1500 and \
+            ports[0x30]["txFrames"] - before[0x30]["txFrames"] == ring
+    wait_for(counted, timeout=10, what="the ring's drops counted")
+    sw = lab.ctl("switch")
+    ports = {p["portID"]: p for p in sw["ports"]}
+    assert ports[0x20]["rxFrames"] - before[0x20]["rxFrames"] == ring
+    assert ports[0x20]["rxSocketDrops"] == 1500 and ports[0x30]["rxSocketDrops"] == 0
+    assert ports[0x20]["switchDrops"] == 0 and ports[0x30]["switchDrops"] == 0
+    assert sw["socketDrops"] == 1500 and sw["switchDrops"] == 0
+    assert sw["threads"] == 2
+    assert "1500 frames lost: the socket's receive ring was full" in lab.read(lab.vigild_log)
+    rc, out, _ = lab.ctl_raw("switch", text=True)
+    assert rc == 0, out
+    assert "lost: 1500 frames in the receive rings (full), 0 dropped by vigild; " \
+           "2 switching threads" in out, out
+    row = next(line.split() for line in out.splitlines() if line.split()[:1] == ["0x20"])
+    assert row[-2:] == ["1500", "0"], out
+    rc, log = lab.stop_vigild()
+    assert rc == 0, log

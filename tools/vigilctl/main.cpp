@@ -80,15 +80,22 @@ std::string RenderSwitch(const std::string &line, const Json &r) {
                  r.value("ageing", 0.0), Num(r["budget"]).c_str(), Num(r["batch"]).c_str(),
                  Num(r["clients"]).c_str());
    out += head;
+   if (r.contains("socketDrops")) {
+      out += "    lost: " + Num(r["socketDrops"]) + " frames in the receive rings (full), " +
+             Num(r["switchDrops"]) + " dropped by vigild; " + Num(r["threads"]) +
+             " switching threads\n";
+   }
    std::vector<std::vector<std::string>> ports = {{"port", "portset", "interface", "state", "vlan",
                                                    "rx", "rxDropped", "tx", "txDropped",
-                                                   "txErrors", "downs"}};
+                                                   "txErrors", "downs", "ringDrops",
+                                                   "vigildDrops"}};
    for (const Json &p : r["ports"]) {
       std::string state = p.value("up", false) ? "up" : "down (" + p.value("downReason", std::string()) + ")";
       ports.push_back({vigilsim::HexNumber(p["portID"].get<uint64_t>()), Num(p["portset"]),
                        Num(p["ifname"]), state, p["vlan"].is_null() ? "trunk" : Num(p["vlan"]),
                        Num(p["rxFrames"]), Num(p["rxDropped"]), Num(p["txFrames"]),
-                       Num(p["txDropped"]), Num(p["txErrors"]), Num(p["linkDowns"])});
+                       Num(p["txDropped"]), Num(p["txErrors"]), Num(p["linkDowns"]),
+                       Num(p.value("rxSocketDrops", Json())), Num(p.value("switchDrops", Json()))});
    }
    out += ports.size() > 1 ? Table(ports) : "    no ports attached\n";
    std::vector<std::vector<std::string>> fdb = {{"portset", "vlan", "mac", "port", "age"}};

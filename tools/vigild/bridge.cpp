@@ -1,12 +1,15 @@
 #include "bridge.h"
 
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 
 #include "daemon_log.h"
+#include "host_frames.h"
 #include "script.h"
 #include "sim_frames.h"
 #include "sim_switch.h"
@@ -17,6 +20,7 @@ namespace vigild {
 namespace {
 
 constexpr double kWarningInterval = 10.0; /* seconds between like warnings */
+constexpr uint64_t kWakeTag = 1ull << 40;   /* a switching thread's wake-up */
 
 uint64_t MacKey(uint16_t vlan, const uint8_t *mac) {
    uint64_t key = static_cast<uint64_t>(vlan & 0xfff) << 48;
@@ -33,13 +37,100 @@ double SteadySeconds() {
        .count();
 }
 
-Bridge::Bridge(int epollFd, const BridgeOptions &options)
-    : epollFd_(epollFd), options_(options) {}
+struct Fdb {
+   struct Entry {
+      uint32_t port;
+      double lastSeen;
+   };
+   std::mutex mutex; /* the switching threads learn and look up under it */
+   std::unordered_map<uint64_t, Entry> map; /* vlan << 48 | mac */
+};
 
-Bridge::~Bridge() { DetachAll(); }
+namespace {
+
+/* Switching holds of this thread: the gate is taken by the first and let go
+ * by the last. */
+thread_local int tHolds = 0;
+
+uint64_t Load(const Counter &c) { return c.load(std::memory_order_relaxed); }
+void Add(Counter &c, uint64_t n) {
+   if (n != 0) c.fetch_add(n, std::memory_order_relaxed);
+}
+
+/* Frames the switch itself dropped on the way in or out of a port: neither
+ * the kernel nor the module's chains. */
+uint64_t SwitchDrops(const PortCounters &c) {
+   return Load(c.rxOversize) + Load(c.rxShort) + Load(c.rxVlanDropped) + Load(c.txErrors) +
+          Load(c.txPortDown) + Load(c.txNoFrame);
+}
+
+} // namespace
+
+Bridge::Bridge(const BridgeOptions &options) : options_(options) {
+   /* Writers first: a command waiting to hold switching is not starved by
+    * threads that take the gate again batch after batch. */
+   pthread_rwlockattr_t attr;
+   pthread_rwlockattr_init(&attr);
+   pthread_rwlockattr_setkind_np(&attr, PTHREAD_RWLOCK_PREFER_WRITER_NONRECURSIVE_NP);
+   pthread_rwlock_init(&gate_, &attr);
+   pthread_rwlockattr_destroy(&attr);
+   size_t threads = std::max<size_t>(options_.threads, 1);
+   for (size_t i = 0; i < threads; i++) {
+      auto w = std::make_unique<Worker>();
+      w->index = i;
+      w->epollFd = epoll_create1(EPOLL_CLOEXEC);
+      w->wakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+      struct epoll_event ev;
+      std::memset(&ev, 0, sizeof ev);
+      ev.events = EPOLLIN;
+      ev.data.u64 = kWakeTag;
+      epoll_ctl(w->epollFd, EPOLL_CTL_ADD, w->wakeFd, &ev);
+      workers_.push_back(std::move(w));
+   }
+   for (auto &w : workers_) {
+      Worker *worker = w.get();
+      worker->thread = std::thread([this, worker] { Run(*worker); });
+   }
+}
+
+Bridge::~Bridge() {
+   stopping_ = true;
+   for (auto &w : workers_) {
+      uint64_t one = 1;
+      if (write(w->wakeFd, &one, sizeof one) < 0) {
+         /* The thread still sees `stopping_` at its next wake-up. */
+      }
+   }
+   for (auto &w : workers_) {
+      if (w->thread.joinable()) w->thread.join();
+   }
+   DetachAll();
+   for (auto &w : workers_) {
+      close(w->epollFd);
+      close(w->wakeFd);
+   }
+   pthread_rwlock_destroy(&gate_);
+}
+
+void Bridge::Hold() {
+   if (tHolds++ == 0) pthread_rwlock_wrlock(&gate_);
+}
+
+void Bridge::Resume() {
+   if (tHolds == 1) RefreshChains();
+   if (--tHolds == 0) pthread_rwlock_unlock(&gate_);
+}
+
+void Bridge::RefreshChains() {
+   for (auto &entry : ports_) {
+      Attachment &att = *entry.second;
+      HostPortChains(att.port, &att.inputChains, &att.outputChains);
+   }
+}
 
 bool Bridge::Attach(uint32_t port, const std::string &portset, const std::string &ifname,
                     int accessVlan, std::string *error) {
+   SwitchingHold hold(*this);
    if (ports_.count(port) != 0) {
       *error = "port " + vigilsim::HexNumber(port) + " is attached to " + ports_[port]->ifname;
       return false;
@@ -57,6 +148,16 @@ bool Bridge::Attach(uint32_t port, const std::string &portset, const std::string
    att->ifname = ifname;
    att->accessVlan = accessVlan;
    att->downSince = SteadySeconds();
+   /* The thread with the fewest ports receives its frames. */
+   size_t best = 0;
+   for (size_t i = 1; i < workers_.size(); i++) {
+      if (workers_[i]->ports < workers_[best]->ports) best = i;
+   }
+   att->worker = best;
+   workers_[best]->ports++;
+   std::unique_ptr<Fdb> &fdb = fdbs_[portset];
+   if (!fdb) fdb = std::make_unique<Fdb>();
+   att->fdb = fdb.get();
    Attachment &ref = *att;
    ports_[port] = std::move(att);
    if (!TryUp(ref)) {
@@ -67,23 +168,26 @@ bool Bridge::Attach(uint32_t port, const std::string &portset, const std::string
 }
 
 bool Bridge::Detach(uint32_t port) {
+   SwitchingHold hold(*this);
    auto it = ports_.find(port);
    if (it == ports_.end()) return false;
    Attachment &att = *it->second;
    if (att.socket.IsOpen()) {
-      epoll_ctl(epollFd_, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
+      epoll_ctl(workers_[att.worker]->epollFd, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
       CollectSocketStats(att);
    }
    att.socket.Close();
    Forget(port);
+   workers_[att.worker]->ports--;
    Log(Level::Info, "port %#x: detached from %s (rx %llu frames, tx %llu frames)", port,
-       att.ifname.c_str(), static_cast<unsigned long long>(att.counters.rxFrames),
-       static_cast<unsigned long long>(att.counters.txFrames));
+       att.ifname.c_str(), static_cast<unsigned long long>(Load(att.counters.rxFrames)),
+       static_cast<unsigned long long>(Load(att.counters.txFrames)));
    ports_.erase(it);
    return true;
 }
 
 void Bridge::DetachAll() {
+   SwitchingHold hold(*this);
    while (!ports_.empty()) Detach(ports_.begin()->first);
 }
 
@@ -116,14 +220,16 @@ bool Bridge::TryUp(Attachment &att) {
    struct epoll_event ev;
    std::memset(&ev, 0, sizeof ev);
    ev.events = EPOLLIN;
-   ev.data.u64 = Tag(att.port);
-   if (epoll_ctl(epollFd_, EPOLL_CTL_ADD, att.socket.Fd(), &ev) != 0) {
+   ev.data.u64 = att.port;
+   if (epoll_ctl(workers_[att.worker]->epollFd, EPOLL_CTL_ADD, att.socket.Fd(), &ev) != 0) {
       att.downReason = std::string("epoll: ") + std::strerror(errno);
       att.socket.Close();
       return false;
    }
    att.up = true;
+   att.failed = false;
    att.downReason.clear();
+   HostPortChains(att.port, &att.inputChains, &att.outputChains);
    Log(Level::Info, "port %#x: up on %s (ifindex %d%s)", att.port, att.ifname.c_str(),
        att.socket.IfIndex(),
        att.accessVlan >= 0 ? (", access VLAN " + std::to_string(att.accessVlan)).c_str()
@@ -133,12 +239,13 @@ bool Bridge::TryUp(Attachment &att) {
 
 void Bridge::MarkDown(Attachment &att, const std::string &reason) {
    if (att.socket.IsOpen()) {
-      epoll_ctl(epollFd_, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
+      epoll_ctl(workers_[att.worker]->epollFd, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
       CollectSocketStats(att);
    }
    att.socket.Close();
    if (att.up) att.counters.linkDowns++;
    att.up = false;
+   att.failed = false;
    att.downReason = reason;
    att.downSince = SteadySeconds();
    Forget(att.port);
@@ -146,11 +253,20 @@ void Bridge::MarkDown(Attachment &att, const std::string &reason) {
        att.ifname.c_str());
 }
 
+void Bridge::Fail(Attachment &att, const std::string &reason) {
+   if (att.failed.exchange(true)) return;
+   /* Its socket would be reported again and again until then. */
+   epoll_ctl(workers_[att.worker]->epollFd, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
+   std::lock_guard<std::mutex> guard(failMutex_);
+   failures_.emplace_back(att.port, reason);
+}
+
 void Bridge::Forget(uint32_t port) {
    for (auto &entry : fdbs_) {
-      Fdb &fdb = entry.second;
-      for (auto it = fdb.begin(); it != fdb.end();) {
-         it = it->second.port == port ? fdb.erase(it) : std::next(it);
+      Fdb &fdb = *entry.second;
+      std::lock_guard<std::mutex> guard(fdb.mutex);
+      for (auto it = fdb.map.begin(); it != fdb.map.end();) {
+         it = it->second.port == port ? fdb.map.erase(it) : std::next(it);
       }
    }
 }
@@ -158,15 +274,16 @@ void Bridge::Forget(uint32_t port) {
 SocketCounts Bridge::CollectSocketStats(Attachment &att) {
    SocketCounts counts;
    if (!att.socket.TakeStatistics(&counts.arrived, &counts.dropped)) return counts;
-   att.counters.rxSocketDrops += counts.dropped;
+   Add(att.counters.rxSocketDrops, counts.dropped);
    if (counts.dropped != 0) {
       Warn(att, std::to_string(counts.dropped) +
-                    " frames lost: the socket's receive buffer was full");
+                    " frames lost: the socket's receive ring was full");
    }
    return counts;
 }
 
 std::map<uint32_t, SocketCounts> Bridge::CollectSocketStats() {
+   SwitchingHold hold(*this);
    std::map<uint32_t, SocketCounts> out;
    for (auto &entry : ports_) {
       Attachment &att = *entry.second;
@@ -176,6 +293,7 @@ std::map<uint32_t, SocketCounts> Bridge::CollectSocketStats() {
 }
 
 void Bridge::Warn(Attachment &att, const std::string &text) {
+   std::lock_guard<std::mutex> guard(warnMutex_);
    double now = SteadySeconds();
    if (now - att.lastWarning < kWarningInterval) return;
    att.lastWarning = now;
@@ -183,7 +301,19 @@ void Bridge::Warn(Attachment &att, const std::string &text) {
 }
 
 void Bridge::Tick() {
+   SwitchingHold hold(*this);
    double now = SteadySeconds();
+   std::vector<std::pair<uint32_t, std::string>> failures;
+   {
+      std::lock_guard<std::mutex> guard(failMutex_);
+      failures.swap(failures_);
+   }
+   for (const auto &failure : failures) {
+      auto it = ports_.find(failure.first);
+      if (it != ports_.end() && it->second->up && it->second->failed) {
+         MarkDown(*it->second, failure.second);
+      }
+   }
    for (auto &entry : ports_) {
       Attachment &att = *entry.second;
       if (!att.up) {
@@ -204,196 +334,308 @@ void Bridge::Tick() {
       }
    }
    for (auto &entry : fdbs_) {
-      Fdb &fdb = entry.second;
-      for (auto it = fdb.begin(); it != fdb.end();) {
-         it = now - it->second.lastSeen > options_.ageingSeconds ? fdb.erase(it) : std::next(it);
+      Fdb &fdb = *entry.second;
+      std::lock_guard<std::mutex> guard(fdb.mutex);
+      for (auto it = fdb.map.begin(); it != fdb.map.end();) {
+         it = now - it->second.lastSeen > options_.ageingSeconds ? fdb.map.erase(it)
+                                                                 : std::next(it);
       }
    }
    CollectSocketStats();
 }
 
-bool Bridge::Service(uint32_t port, uint32_t events) {
+void Bridge::Run(Worker &w) {
+   struct epoll_event events[64];
+   while (!stopping_) {
+      int n = epoll_wait(w.epollFd, events, 64, 1000);
+      if (n <= 0) continue;
+      /* Every ready port gets one budget of batches per turn, in the order
+       * the kernel reports them: a port that still has frames is reported
+       * again behind the others. */
+      pthread_rwlock_rdlock(&gate_);
+      for (int i = 0; i < n && !stopping_; i++) {
+         if (events[i].data.u64 == kWakeTag) continue;
+         Service(w, static_cast<uint32_t>(events[i].data.u64), events[i].events);
+      }
+      pthread_rwlock_unlock(&gate_);
+   }
+}
+
+void Bridge::Service(Worker &w, uint32_t port, uint32_t events) {
    auto it = ports_.find(port);
-   if (it == ports_.end() || !it->second->up) return false;
+   if (it == ports_.end()) return;
    Attachment &att = *it->second;
+   /* A stale event of a socket since closed, or moved to another thread. */
+   if (!att.up || att.failed || att.worker != w.index) return;
    if ((events & (EPOLLERR | EPOLLHUP)) != 0) {
       int err = att.socket.TakeError();
       if (err != 0 || (events & EPOLLHUP) != 0) {
-         MarkDown(att, err != 0 ? std::strerror(err) : "hang-up");
-         return false;
+         Fail(att, err != 0 ? std::strerror(err) : "hang-up");
+         return;
       }
    }
    for (size_t batch = 0; batch < options_.budget; batch++) {
-      int n = att.socket.Receive(rxScratch_);
-      if (n < 0) {
-         int err = errno;
-         if (err == ENETDOWN || err == ENXIO || err == ENODEV || err == EBADF) {
-            MarkDown(att, std::strerror(err));
-         } else {
-            Warn(att, std::string("receive: ") + std::strerror(err));
-         }
-         return false;
+      size_t count = 0;
+      int slots = att.socket.Receive(w.rx, PacketSocket::kBatch, &count);
+      if (slots < 0) {
+         Fail(att, std::strerror(errno));
+         return;
       }
-      if (n == 0) return false;
-      ProcessBatch(att, rxScratch_);
-      /* The batch may have taken this very port down (a send error). */
-      if (ports_.count(port) == 0 || !att.up) return false;
-      if (static_cast<size_t>(n) < PacketSocket::kBatch) return false;
+      if (slots == 0) return;
+      ProcessBatch(w, att, count);
+      /* The frames were sent from the ring: only now do the slots go back. */
+      att.socket.Release();
+      if (att.failed || static_cast<size_t>(slots) < PacketSocket::kBatch) return;
    }
-   return true;
 }
 
 bool Bridge::Carries(const Attachment &port, uint16_t vlan) const {
    return port.accessVlan < 0 || port.accessVlan == vlan;
 }
 
+bool Bridge::Usable(const Attachment &port) const {
+   return port.up && !port.failed.load(std::memory_order_relaxed);
+}
+
 void Bridge::Learn(const Attachment &in, uint16_t vlan, const uint8_t *mac, double now) {
    if (IsGroup(mac)) return;
    static const uint8_t kZero[6] = {0, 0, 0, 0, 0, 0};
    if (std::memcmp(mac, kZero, 6) == 0) return;
-   Fdb &fdb = fdbs_[in.portset];
+   auto &map = in.fdb->map;
    uint64_t key = MacKey(vlan, mac);
-   auto it = fdb.find(key);
-   if (it != fdb.end()) {
+   auto it = map.find(key);
+   if (it != map.end()) {
       if (it->second.port != in.port) {
          Log(Level::Debug, "%s: %s on VLAN %u moved from port %#x to %#x", in.portset.c_str(),
              vigilsim::MacText(mac).c_str(), vlan, it->second.port, in.port);
       }
-      it->second = FdbEntry{in.port, now};
+      it->second = Fdb::Entry{in.port, now};
       return;
    }
-   if (fdb.size() >= options_.fdbLimit) {
-      fdbFull_++;
+   if (map.size() >= options_.fdbLimit) {
+      fdbFull_.fetch_add(1, std::memory_order_relaxed);
       return;
    }
-   fdb.emplace(key, FdbEntry{in.port, now});
+   map.emplace(key, Fdb::Entry{in.port, now});
 }
 
 void Bridge::Destinations(const Attachment &in, uint16_t vlan, const uint8_t *dst, double now,
                           std::vector<Attachment *> *out) {
    out->clear();
    if (!IsGroup(dst)) {
-      auto fit = fdbs_.find(in.portset);
-      if (fit != fdbs_.end()) {
-         auto it = fit->second.find(MacKey(vlan, dst));
-         if (it != fit->second.end() && now - it->second.lastSeen <= options_.ageingSeconds) {
-            if (it->second.port == in.port) return; /* stays behind its own port */
-            auto pit = ports_.find(it->second.port);
-            if (pit != ports_.end() && pit->second->up && Carries(*pit->second, vlan)) {
-               out->push_back(pit->second.get());
-               return;
-            }
+      auto &map = in.fdb->map;
+      auto it = map.find(MacKey(vlan, dst));
+      if (it != map.end() && now - it->second.lastSeen <= options_.ageingSeconds) {
+         if (it->second.port == in.port) return; /* stays behind its own port */
+         auto pit = ports_.find(it->second.port);
+         if (pit != ports_.end() && Usable(*pit->second) && Carries(*pit->second, vlan)) {
+            out->push_back(pit->second.get());
+            return;
          }
       }
    }
    for (auto &entry : ports_) {
       Attachment &att = *entry.second;
-      if (att.port == in.port || !att.up || att.portset != in.portset) continue;
+      if (att.port == in.port || !Usable(att) || att.portset != in.portset) continue;
       if (!Carries(att, vlan)) continue;
       out->push_back(&att);
    }
 }
 
-void Bridge::ProcessBatch(Attachment &in, std::vector<RxFrame> &frames) {
+std::vector<Bridge::Item> &Bridge::QueueFor(Worker &w, Attachment *port) {
+   for (size_t i = 0; i < w.queuesUsed; i++) {
+      if (w.queues[i].port == port) return w.queues[i].items;
+   }
+   if (w.queuesUsed == w.queues.size()) w.queues.emplace_back();
+   Queue &q = w.queues[w.queuesUsed++];
+   q.port = port;
+   q.items.clear();
+   return q.items;
+}
+
+void Bridge::ProcessBatch(Worker &w, Attachment &in, size_t count) {
    double now = SteadySeconds();
-   zek_PktList *list = sim::MakeList();
-   size_t accepted = 0;
-   for (RxFrame &frame : frames) {
-      in.counters.rxFrames++;
-      in.counters.rxBytes += frame.bytes.size();
+   PortCounters &c = in.counters;
+   uint64_t bytes = 0, oversize = 0, runts = 0, vlanDropped = 0;
+   w.items.clear();
+   for (size_t i = 0; i < count; i++) {
+      const RxFrame &frame = w.rx[i];
+      bytes += frame.len;
       if (frame.truncated) {
-         in.counters.rxOversize++;
-         Warn(in, "frame longer than " + std::to_string(PacketSocket::kSlotBytes) +
+         oversize++;
+         Warn(in, "frame longer than " + std::to_string(in.socket.SlotCapacity()) +
                       " bytes dropped (segmentation offload on the sender?)");
          continue;
       }
-      if (frame.bytes.size() < 14) continue;
+      if (frame.len < 14) {
+         runts++;
+         continue;
+      }
       uint16_t vlan = frame.tagged ? frame.vlan : 0;
       if (in.accessVlan >= 0) {
          if (frame.tagged && frame.vlan != 0) {
-            in.counters.rxVlanDropped++;
+            vlanDropped++;
             continue;
          }
          vlan = static_cast<uint16_t>(in.accessVlan);
       }
-      sim::FrameOptions opts;
-      opts.vlan = vlan;
-      sim::ListAppend(list, sim::MakeFrame(frame.bytes, opts));
-      accepted++;
+      w.items.push_back(Item{&frame, nullptr, vlan});
    }
-   if (accepted == 0) {
-      sim::DestroyList(list);
+   Add(c.rxFrames, count);
+   Add(c.rxBytes, bytes);
+   Add(c.rxOversize, oversize);
+   Add(c.rxVlanDropped, vlanDropped);
+   if (w.items.empty()) {
+      Add(c.rxShort, runts);
       return;
    }
-   uint32_t status = sim::SendFromVM(in.port, list);
-   std::vector<zek_Pkt *> left = sim::ListFrames(list);
-   if (status != 0) {
-      Warn(in, "input chains answered " + vigilsim::HexNumber(status) + "; the batch is dropped");
-      left.clear();
+
+   if (in.inputChains) {
+      /* Through the port's input chains as host frames; what they let
+       * through goes on as host frames. */
+      size_t accepted = w.items.size();
+      zek_PktList *list = sim::MakeList();
+      for (const Item &item : w.items) {
+         sim::ListAppend(list, HostFrame(item.raw->data, item.raw->len, item.vlan,
+                                         w.frameScratch));
+      }
+      uint32_t status = sim::SendFromVM(in.port, list);
+      w.items.clear();
+      if (status != 0) {
+         Warn(in, "input chains answered " + vigilsim::HexNumber(status) +
+                      "; the batch is dropped");
+      } else {
+         w.pkts.clear();
+         TakeFrames(list, w.pkts);
+         for (zek_Pkt *pkt : w.pkts) {
+            w.items.push_back(
+                Item{nullptr, pkt, static_cast<uint16_t>(zek_PktVlanIDGet(pkt) & 0xfff)});
+         }
+      }
+      sim::DestroyList(list);
+      Add(c.rxDropped, accepted - w.items.size());
    }
-   in.counters.rxDropped += accepted - left.size();
 
    /* Frames per destination port, in order. */
-   std::map<uint32_t, std::vector<Outgoing>> byPort;
-   std::vector<Attachment *> dests;
-   for (zek_Pkt *pkt : left) {
-      std::vector<uint8_t> bytes = sim::FrameBytes(pkt);
-      uint16_t vlan = static_cast<uint16_t>(zek_PktVlanIDGet(pkt) & 0xfff);
-      if (bytes.size() < 14) continue;
-      Learn(in, vlan, &bytes[6], now);
-      Destinations(in, vlan, &bytes[0], now, &dests);
-      if (dests.empty()) {
-         in.counters.rxLocal++;
-         continue;
-      }
-      if (dests.size() > 1 || IsGroup(&bytes[0])) in.counters.rxFlooded++;
-      for (size_t i = 0; i < dests.size(); i++) {
-         std::vector<Outgoing> &queue = byPort[dests[i]->port];
-         if (i + 1 == dests.size()) {
-            queue.push_back(Outgoing{std::move(bytes), vlan});
-         } else {
-            queue.push_back(Outgoing{bytes, vlan});
+   uint64_t local = 0, flooded = 0;
+   w.queuesUsed = 0;
+   {
+      std::lock_guard<std::mutex> guard(in.fdb->mutex);
+      for (Item &item : w.items) {
+         uint8_t head[12];
+         const uint8_t *mac = head;
+         if (item.raw != nullptr) {
+            mac = item.raw->data;
+         } else if (zek_PktFrameLenGet(item.pkt) < 14 ||
+                    zek_PktCopyBytesOut(head, sizeof head, 0, item.pkt) != ZEK_OK) {
+            zek_PktRelease(item.pkt);
+            runts++;
+            continue;
+         }
+         Learn(in, item.vlan, mac + 6, now);
+         Destinations(in, item.vlan, mac, now, &w.dests);
+         if (w.dests.empty()) {
+            local++;
+            if (item.pkt != nullptr) zek_PktRelease(item.pkt);
+            continue;
+         }
+         if (w.dests.size() > 1 || IsGroup(mac)) flooded++;
+         for (size_t i = 0; i < w.dests.size(); i++) {
+            Item copy = item;
+            if (item.pkt != nullptr && i + 1 < w.dests.size()) {
+               /* Each destination's output chains get a frame of their own. */
+               if (zek_PktCopy(item.pkt, &copy.pkt) != ZEK_OK) {
+                  Add(w.dests[i]->counters.txNoFrame, 1);
+                  continue;
+               }
+            }
+            QueueFor(w, w.dests[i]).push_back(copy);
          }
       }
    }
-   sim::DestroyList(list);
-   for (auto &entry : byPort) {
-      auto it = ports_.find(entry.first);
-      if (it != ports_.end() && it->second->up) Deliver(*it->second, entry.second);
-   }
+   Add(c.rxShort, runts);
+   Add(c.rxLocal, local);
+   Add(c.rxFlooded, flooded);
+   for (size_t i = 0; i < w.queuesUsed; i++) Deliver(w, *w.queues[i].port, w.queues[i].items);
 }
 
-void Bridge::Deliver(Attachment &out, std::vector<Outgoing> &frames) {
-   zek_PktList *list = sim::MakeList();
-   for (Outgoing &frame : frames) {
-      sim::FrameOptions opts;
-      opts.vlan = frame.vlan;
-      sim::ListAppend(list, sim::MakeFrame(frame.bytes, opts));
+void Bridge::Deliver(Worker &w, Attachment &out, std::vector<Item> &items) {
+   PortCounters &c = out.counters;
+   if (!Usable(out)) {
+      for (Item &item : items) {
+         if (item.pkt != nullptr) zek_PktRelease(item.pkt);
+      }
+      Add(c.txPortDown, items.size());
+      return;
    }
-   uint32_t status = sim::DeliverToVM(out.port, list);
-   std::vector<zek_Pkt *> left = sim::ListFrames(list);
-   if (status != 0) {
-      Warn(out, "output chains answered " + vigilsim::HexNumber(status) + "; the batch is dropped");
-      left.clear();
+   zek_PktList *list = nullptr;
+   if (out.outputChains) {
+      /* Through the port's output chains as host frames. */
+      list = sim::MakeList();
+      for (Item &item : items) {
+         zek_Pkt *pkt = item.pkt != nullptr
+                            ? item.pkt
+                            : HostFrame(item.raw->data, item.raw->len, item.vlan, w.frameScratch);
+         sim::ListAppend(list, pkt);
+      }
+      size_t given = items.size();
+      uint32_t status = sim::DeliverToVM(out.port, list);
+      items.clear();
+      if (status != 0) {
+         Warn(out, "output chains answered " + vigilsim::HexNumber(status) +
+                       "; the batch is dropped");
+      } else {
+         w.pkts.clear();
+         TakeFrames(list, w.pkts);
+         for (zek_Pkt *pkt : w.pkts) {
+            items.push_back(
+                Item{nullptr, pkt, static_cast<uint16_t>(zek_PktVlanIDGet(pkt) & 0xfff)});
+         }
+      }
+      Add(c.txDropped, given - items.size());
    }
-   out.counters.txDropped += frames.size() - left.size();
-   std::vector<std::vector<uint8_t>> wire;
-   wire.reserve(left.size());
-   for (zek_Pkt *pkt : left) {
-      std::vector<uint8_t> bytes = sim::FrameBytes(pkt);
-      uint16_t vlan = static_cast<uint16_t>(zek_PktVlanIDGet(pkt) & 0xfff);
-      if (out.accessVlan < 0 && vlan != 0) InsertTag(bytes, vlan);
-      wire.push_back(std::move(bytes));
+   /* Host frames are read out into this thread's buffer once; frames still
+    * in the receive ring go out from there. */
+   size_t hostBytes = 0;
+   for (const Item &item : items) {
+      if (item.pkt != nullptr) hostBytes += zek_PktFrameLenGet(item.pkt);
    }
-   sim::DestroyList(list);
-   if (wire.empty()) return;
+   if (w.txBytes.size() < hostBytes) w.txBytes.resize(hostBytes);
+   w.tx.clear();
+   size_t at = 0;
+   for (Item &item : items) {
+      TxFrame f;
+      if (item.pkt != nullptr) {
+         uint32_t len = zek_PktFrameLenGet(item.pkt);
+         uint8_t *dst = w.txBytes.data() + at;
+         bool ok = zek_PktCopyBytesOut(dst, len, 0, item.pkt) == ZEK_OK;
+         zek_PktRelease(item.pkt);
+         if (!ok) {
+            Add(c.txNoFrame, 1);
+            continue;
+         }
+         f.data = dst;
+         f.len = len;
+         at += len;
+      } else {
+         f.data = item.raw->data;
+         f.len = item.raw->len;
+      }
+      f.vlan = item.vlan;
+      f.tag = out.accessVlan < 0 && item.vlan != 0;
+      w.tx.push_back(f);
+   }
+   if (list != nullptr) sim::DestroyList(list);
+   if (w.tx.empty()) return;
    int error = 0;
-   size_t sent = out.socket.Send(wire, 0, wire.size(), &error);
-   for (size_t i = 0; i < sent && i < wire.size(); i++) out.counters.txBytes += wire[i].size();
-   out.counters.txFrames += sent;
-   out.counters.txErrors += wire.size() - sent;
+   size_t sent = out.socket.Send(w.tx.data(), w.tx.size(), &error);
+   uint64_t sentBytes = 0;
+   for (size_t i = 0; i < sent; i++) sentBytes += w.tx[i].len + (w.tx[i].tag ? 4 : 0);
+   Add(c.txBytes, sentBytes);
+   Add(c.txFrames, sent);
+   Add(c.txErrors, w.tx.size() - sent);
    if (error == ENETDOWN || error == ENXIO || error == ENODEV) {
-      MarkDown(out, std::string("send: ") + std::strerror(error));
+      Fail(out, std::string("send: ") + std::strerror(error));
    } else if (error != 0) {
       Warn(out, std::string("send: ") + std::strerror(error));
    }
@@ -416,19 +658,25 @@ Json Bridge::Describe() const {
          j["downFor"] = now - att.downSince;
       }
       j["vlan"] = att.accessVlan < 0 ? Json(nullptr) : Json(att.accessVlan);
-      j["rxFrames"] = c.rxFrames;
-      j["rxBytes"] = c.rxBytes;
-      j["rxDropped"] = c.rxDropped;
-      j["rxOversize"] = c.rxOversize;
-      j["rxVlanDropped"] = c.rxVlanDropped;
-      j["rxLocal"] = c.rxLocal;
-      j["rxFlooded"] = c.rxFlooded;
-      j["txFrames"] = c.txFrames;
-      j["txBytes"] = c.txBytes;
-      j["txDropped"] = c.txDropped;
-      j["txErrors"] = c.txErrors;
-      j["linkDowns"] = c.linkDowns;
-      j["rxSocketDrops"] = c.rxSocketDrops;
+      j["rxFrames"] = Load(c.rxFrames);
+      j["rxBytes"] = Load(c.rxBytes);
+      j["rxDropped"] = Load(c.rxDropped);
+      j["rxOversize"] = Load(c.rxOversize);
+      j["rxShort"] = Load(c.rxShort);
+      j["rxVlanDropped"] = Load(c.rxVlanDropped);
+      j["rxLocal"] = Load(c.rxLocal);
+      j["rxFlooded"] = Load(c.rxFlooded);
+      j["txFrames"] = Load(c.txFrames);
+      j["txBytes"] = Load(c.txBytes);
+      j["txDropped"] = Load(c.txDropped);
+      j["txErrors"] = Load(c.txErrors);
+      j["txPortDown"] = Load(c.txPortDown);
+      j["txNoFrame"] = Load(c.txNoFrame);
+      j["linkDowns"] = Load(c.linkDowns);
+      j["rxSocketDrops"] = Load(c.rxSocketDrops);
+      j["ringFrames"] = att.socket.RingFrames();
+      j["switchDrops"] = SwitchDrops(c);
+      j["thread"] = att.worker;
       list.push_back(j);
    }
    return list;
@@ -438,7 +686,7 @@ Json Bridge::FdbJson() const {
    Json list = Json::array();
    double now = SteadySeconds();
    for (const auto &entry : fdbs_) {
-      for (const auto &mac : entry.second) {
+      for (const auto &mac : entry.second->map) {
          uint8_t bytes[6];
          for (int i = 0; i < 6; i++) bytes[i] = static_cast<uint8_t>(mac.first >> (8 * (5 - i)));
          Json j;

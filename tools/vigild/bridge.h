@@ -8,47 +8,66 @@
  * multicast and unknown destinations flood to the other ports of the portset
  * that carry the frame's VLAN.
  *
- * Everything here runs on the daemon's one switching thread.
+ * Switching threads: each attached port belongs to one of them, which
+ * receives its frames and switches them to their destinations.  Everything
+ * else (commands, attaching, ports going down, ageing, counters) runs on the
+ * daemon's thread while switching is held: no switching thread is inside a
+ * batch then, so the ports, their sockets and the module's chains change
+ * under no frame.  A switching thread that finds a port's interface broken
+ * only marks it failed; the daemon's thread takes it down.
  */
 #ifndef VIGILD_BRIDGE_H
 #define VIGILD_BRIDGE_H
 
+#include <pthread.h>
+
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <unordered_map>
 #include <vector>
 
 #include "packet_socket.h"
 #include "state.h"
+#include "zek.h"
 
 namespace vigild {
 
 using Json = vigilsim::Json;
 
+using Counter = std::atomic<uint64_t>;
+
 struct PortCounters {
-   uint64_t rxFrames = 0;    /* received from the interface */
-   uint64_t rxBytes = 0;
-   uint64_t rxDropped = 0;   /* dropped by the port's input chains */
-   uint64_t rxOversize = 0;  /* longer than a receive buffer */
-   uint64_t rxVlanDropped = 0; /* tagged frames on an access port */
-   uint64_t rxLocal = 0;     /* addressed to a station behind the same port */
-   uint64_t rxFlooded = 0;   /* flooded: broadcast, multicast, unknown */
-   uint64_t txFrames = 0;    /* sent out of the interface */
-   uint64_t txBytes = 0;
-   uint64_t txDropped = 0;   /* dropped by the port's output chains */
-   uint64_t txErrors = 0;    /* the interface refused them */
-   uint64_t linkDowns = 0;
-   uint64_t rxSocketDrops = 0; /* lost before the switch: the socket's buffer was full */
+   Counter rxFrames{0};      /* received from the interface */
+   Counter rxBytes{0};
+   Counter rxDropped{0};     /* dropped by the port's input chains */
+   Counter rxOversize{0};    /* longer than a ring slot */
+   Counter rxShort{0};       /* shorter than an Ethernet header */
+   Counter rxVlanDropped{0}; /* tagged frames on an access port */
+   Counter rxLocal{0};       /* addressed to a station behind the same port */
+   Counter rxFlooded{0};     /* flooded: broadcast, multicast, unknown */
+   Counter txFrames{0};      /* sent out of the interface */
+   Counter txBytes{0};
+   Counter txDropped{0};     /* dropped by the port's output chains */
+   Counter txErrors{0};      /* the interface refused them */
+   Counter txPortDown{0};    /* for this port while it was down or failing */
+   Counter txNoFrame{0};     /* a flood's copy the host could not make */
+   Counter linkDowns{0};
+   Counter rxSocketDrops{0}; /* lost before the switch: the receive ring was full */
 };
 
 /* What reached a port's socket over some time, and what the kernel dropped
- * of it because the socket's receive buffer was full. */
+ * of it because the socket's receive ring was full. */
 struct SocketCounts {
    uint64_t arrived = 0;
    uint64_t dropped = 0;
 };
+
+struct Fdb;
 
 struct Attachment {
    uint32_t port = 0;
@@ -61,24 +80,36 @@ struct Attachment {
    double downSince = 0;
    PortCounters counters;
    double lastWarning = -1e9;
+   size_t worker = 0;   /* the switching thread that receives its frames */
+   Fdb *fdb = nullptr;  /* its portset's learnt addresses */
+   /* Whether the port had chains in each direction when switching was
+    * last held: a direction without goes around the host. */
+   bool inputChains = false;
+   bool outputChains = false;
+   /* A switching thread found the interface broken: frames skip the port
+    * until the daemon's thread has taken it down. */
+   std::atomic<bool> failed{false};
 };
 
 struct BridgeOptions {
    size_t budget = 4;         /* batches per port per wake-up */
    double ageingSeconds = 300;
    size_t fdbLimit = 8192;    /* learnt addresses per portset */
+   size_t threads = 2;        /* switching threads */
 };
 
 class Bridge {
  public:
-   Bridge(int epollFd, const BridgeOptions &options);
+   explicit Bridge(const BridgeOptions &options);
    ~Bridge();
    Bridge(const Bridge &) = delete;
    Bridge &operator=(const Bridge &) = delete;
 
-   /* The epoll tag of a port's socket: kind in the upper half. */
-   static constexpr uint64_t kTagKind = 1ull << 32;
-   static uint64_t Tag(uint32_t port) { return kTagKind | port; }
+   /* Holds switching on this thread until the matching Resume: the daemon's
+    * thread holds it around every command.  Nested holds count; the last
+    * Resume reads the ports' chains again before switching goes on. */
+   void Hold();
+   void Resume();
 
    /* Attaches a port to an interface.  A missing or down interface leaves
     * the port attached and down, until the interface comes. */
@@ -90,11 +121,8 @@ class Bridge {
    const Attachment *Find(uint32_t port) const;
    std::vector<uint32_t> AttachedPorts() const;
 
-   /* Handles readiness of a port's socket: at most `budget` batches.  True
-    * when the budget ran out and frames may still wait. */
-   bool Service(uint32_t port, uint32_t events);
-   /* Once in a while: interfaces gone or back, ageing of learnt addresses,
-    * the sockets' counters. */
+   /* Once in a while: interfaces gone, broken or back, ageing of learnt
+    * addresses, the sockets' counters. */
    void Tick();
    /* Reads the kernel's counters of every open socket (reading clears
     * them): the drops go to the ports' counters.  What each up port's socket
@@ -105,39 +133,81 @@ class Bridge {
    Json Describe() const;
    Json FdbJson() const;
    /* Addresses not learnt because the portset's table was full. */
-   uint64_t FdbFull() const { return fdbFull_; }
+   uint64_t FdbFull() const { return fdbFull_.load(std::memory_order_relaxed); }
 
  private:
-   struct FdbEntry {
-      uint32_t port;
-      double lastSeen;
-   };
-   using Fdb = std::unordered_map<uint64_t, FdbEntry>; /* vlan << 48 | mac */
-
-   struct Outgoing {
-      std::vector<uint8_t> bytes;
+   /* A frame on its way: in the receive ring (`raw`) or a host frame. */
+   struct Item {
+      const RxFrame *raw;
+      zek_Pkt *pkt;
       uint16_t vlan;
    };
+   struct Queue {
+      Attachment *port;
+      std::vector<Item> items;
+   };
+   struct Worker {
+      size_t index = 0;
+      int epollFd = -1;
+      int wakeFd = -1;
+      std::thread thread;
+      size_t ports = 0;
+      /* Scratch of this thread, reused from batch to batch. */
+      RxFrame rx[PacketSocket::kBatch];
+      std::vector<Item> items;
+      std::vector<zek_Pkt *> pkts;
+      std::vector<Attachment *> dests;
+      std::vector<Queue> queues;
+      size_t queuesUsed = 0;
+      std::vector<TxFrame> tx;
+      std::vector<uint8_t> txBytes;
+      std::vector<uint8_t> frameScratch;
+   };
 
-   void ProcessBatch(Attachment &in, std::vector<RxFrame> &frames);
-   void Deliver(Attachment &out, std::vector<Outgoing> &frames);
+   void Run(Worker &w);
+   /* At most `budget` batches of a port's ring. */
+   void Service(Worker &w, uint32_t port, uint32_t events);
+   void ProcessBatch(Worker &w, Attachment &in, size_t count);
+   std::vector<Item> &QueueFor(Worker &w, Attachment *port);
+   void Deliver(Worker &w, Attachment &out, std::vector<Item> &items);
    void Learn(const Attachment &in, uint16_t vlan, const uint8_t *mac, double now);
    /* Destination ports of a frame; empty to drop it. */
    void Destinations(const Attachment &in, uint16_t vlan, const uint8_t *dst, double now,
                      std::vector<Attachment *> *out);
    bool Carries(const Attachment &port, uint16_t vlan) const;
+   bool Usable(const Attachment &port) const;
    void MarkDown(Attachment &att, const std::string &reason);
+   /* From a switching thread: the port is broken; the daemon's thread takes
+    * it down at its next tick. */
+   void Fail(Attachment &att, const std::string &reason);
    bool TryUp(Attachment &att);
    void Forget(uint32_t port);
+   void RefreshChains();
    SocketCounts CollectSocketStats(Attachment &att);
    void Warn(Attachment &att, const std::string &text);
 
-   int epollFd_;
    BridgeOptions options_;
+   pthread_rwlock_t gate_;
+   std::atomic<bool> stopping_{false};
+   std::vector<std::unique_ptr<Worker>> workers_;
    std::map<uint32_t, std::unique_ptr<Attachment>> ports_;
-   std::map<std::string, Fdb> fdbs_;
-   std::vector<RxFrame> rxScratch_;
-   uint64_t fdbFull_ = 0;
+   std::map<std::string, std::unique_ptr<Fdb>> fdbs_;
+   std::atomic<uint64_t> fdbFull_{0};
+   std::mutex warnMutex_;
+   std::mutex failMutex_;
+   std::vector<std::pair<uint32_t, std::string>> failures_;
+};
+
+/* Holds switching for a scope. */
+class SwitchingHold {
+ public:
+   explicit SwitchingHold(Bridge &bridge) : bridge_(bridge) { bridge_.Hold(); }
+   ~SwitchingHold() { bridge_.Resume(); }
+   SwitchingHold(const SwitchingHold &) = delete;
+   SwitchingHold &operator=(const SwitchingHold &) = delete;
+
+ private:
+   Bridge &bridge_;
 };
 
 double SteadySeconds();

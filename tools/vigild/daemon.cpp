@@ -77,7 +77,7 @@ bool Daemon::Setup(std::string *error) {
    settings.realClock = true;
    settings.keepAtMost = 20000;
    session_ = std::make_unique<vigilsim::Session>(settings);
-   bridge_ = std::make_unique<Bridge>(epollFd_, options_.bridge);
+   bridge_ = std::make_unique<Bridge>(options_.bridge);
    AgentHost host;
    host.run = [this](const std::string &line) { return Execute(line, "agent"); };
    host.ports = [this]() {
@@ -105,6 +105,9 @@ Json Daemon::Execute(const std::string &line, const std::string &where) {
    result["cmd"] = cmd;
    result["ok"] = true;
    commands_++;
+   /* No frame is switched while a command runs: it may change ports,
+    * chains or the module itself. */
+   SwitchingHold hold(*bridge_);
    try {
       std::vector<vigilsim::Token> tokens = vigilsim::Tokenize(line);
       if (tokens.empty()) throw vigilsim::ToolError("empty command");
@@ -248,7 +251,17 @@ void Daemon::CmdSwitch(const std::vector<vigilsim::Token> &t, Json &out) {
    out["ageing"] = opts.ageingSeconds;
    out["budget"] = opts.budget;
    out["batch"] = PacketSocket::kBatch;
+   out["threads"] = opts.threads;
    out["ports"] = bridge_->Describe();
+   /* Every frame lost on the way: in the kernel before vigild could take
+    * it, and by vigild itself. */
+   uint64_t socketDrops = 0, switchDrops = 0;
+   for (const Json &port : out["ports"]) {
+      socketDrops += port["rxSocketDrops"].get<uint64_t>();
+      switchDrops += port["switchDrops"].get<uint64_t>();
+   }
+   out["socketDrops"] = socketDrops;
+   out["switchDrops"] = switchDrops;
    out["fdb"] = bridge_->FdbJson();
    out["fdbLimit"] = opts.fdbLimit;
    out["fdbFull"] = bridge_->FdbFull();
@@ -277,9 +290,9 @@ void Daemon::CmdUpgrade(const std::vector<vigilsim::Token> &t, Json &out) {
    /* The session checks the command in full; the path is needed here. */
    vigilsim::Args args = vigilsim::SplitArgs("upgrade", t, 1, {"module"});
    std::string path = args.Get("module").value_or(modulePath_);
-   /* Nothing switches while the session runs the upgrade (one thread): the
-    * frames that arrive meanwhile wait in the ports' sockets, or are lost
-    * when a socket's buffer fills.  Its counters are read just before and
+   /* Nothing switches while the session runs the upgrade (switching is
+    * held around every command): the frames that arrive meanwhile wait in
+    * the ports' receive rings, or are lost when a ring fills.  Its counters are read just before and
     * just after. */
    bridge_->CollectSocketStats();
    std::map<uint32_t, bool> filteredBefore;
@@ -443,6 +456,7 @@ void Daemon::Periodic() {
    double now = SteadySeconds();
    if (now - lastPeriodic_ < kPeriodSeconds) return;
    lastPeriodic_ = now;
+   SwitchingHold hold(*bridge_);
    bridge_->Tick();
    session_->Collect();
    if (agent_->HasPolicy()) {
@@ -514,16 +528,11 @@ void Daemon::Loop() {
          Log(Level::Error, "epoll_wait: %s", std::strerror(errno));
          break;
       }
-      /* Every ready port gets one budget of batches per turn, in the order
-       * the kernel reports them: a port that still has frames is reported
-       * again behind the others. */
       for (int i = 0; i < n; i++) {
          uint64_t tag = events[i].data.u64;
          uint64_t kind = tag & kKindMask;
          uint32_t id = static_cast<uint32_t>(tag & 0xffffffffu);
-         if (kind == Bridge::kTagKind) {
-            bridge_->Service(id, events[i].events);
-         } else if (kind == ControlServer::kListenTag) {
+         if (kind == ControlServer::kListenTag) {
             control_.OnListen();
          } else if (kind == ControlServer::kClientKind) {
             control_.OnClient(id, events[i].events, handler);

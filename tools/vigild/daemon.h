@@ -1,8 +1,9 @@
 /*
  * vigild: the simulated host on the real clock with vigil.so loaded, its
- * ports attached to Linux interfaces and switched by a learning bridge.  One
- * thread runs everything: the packet sockets, the control socket, the
- * signals and the periodic work, over one epoll set.
+ * ports attached to Linux interfaces and switched by a learning bridge.  The
+ * bridge's switching threads move the frames; this thread runs the control
+ * socket, the signals and the periodic work over one epoll set, and holds
+ * switching while it runs any of them.
  */
 #ifndef VIGILD_DAEMON_H
 #define VIGILD_DAEMON_H

@@ -4,8 +4,8 @@
  * interfaces.
  *
  *   vigild [--module PATH] [--script FILE ...] [--control PATH] [--verbose]
- *          [--stop-on-error] [--no-load] [--budget N] [--ageing SECONDS] [--debug]
- *          [--policy FILE] [--state-dir DIR]
+ *          [--stop-on-error] [--no-load] [--budget N] [--threads N] [--ageing SECONDS]
+ *          [--debug] [--policy FILE] [--state-dir DIR]
  *
  * The start-up scripts run first; when they have not loaded the module,
  * vigild loads it (unless --no-load).  Then the management agent applies
@@ -36,6 +36,7 @@ int main(int argc, char **argv) {
    bool debug = false;
    double ageing = 300;
    size_t budget = 4;
+   size_t threads = 2;
    app.add_option("--module", modulePath, "the module to load (default: vigil.so of this build)");
    app.add_option("--script", options.scripts, "start-up script, run before switching")
        ->allow_extra_args(false);
@@ -47,6 +48,8 @@ int main(int argc, char **argv) {
                 "stop when a command of a start-up script fails");
    app.add_option("--budget", budget, "batches of 32 frames per port per wake-up (default 4)")
        ->check(CLI::Range(1, 1024));
+   app.add_option("--threads", threads, "switching threads (default 2)")
+       ->check(CLI::Range(1, 64));
    app.add_option("--ageing", ageing, "seconds before a learnt address is forgotten (default 300)")
        ->check(CLI::PositiveNumber);
    app.add_flag("--debug", debug, "log the daemon's debug lines");
@@ -73,6 +76,7 @@ int main(int argc, char **argv) {
    if (debug) vigild::SetLogLevel(vigild::Level::Debug);
    options.modulePath = modulePath.empty() ? vigilsim::DefaultModulePath() : modulePath;
    options.bridge.budget = budget;
+   options.bridge.threads = threads;
    options.bridge.ageingSeconds = ageing;
    vigild::Daemon daemon(options);
    return daemon.Run();

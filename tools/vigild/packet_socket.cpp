@@ -5,9 +5,11 @@
 #include <net/ethernet.h>
 #include <net/if.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -50,6 +52,24 @@ int InterfaceIndex(const std::string &ifname, bool *up) {
    return index;
 }
 
+namespace {
+
+/* A ring slot for the interface's largest frame: a power of two of at
+ * least 2 KiB, with room for the kernel's header and an 802.1Q tag. */
+uint32_t SlotSize(int fd, const std::string &ifname) {
+   struct ifreq ifr;
+   std::memset(&ifr, 0, sizeof ifr);
+   std::memcpy(ifr.ifr_name, ifname.c_str(), std::min(ifname.size(), sizeof ifr.ifr_name - 1));
+   int mtu = 1500;
+   if (ioctl(fd, SIOCGIFMTU, &ifr) == 0 && ifr.ifr_mtu > 0) mtu = ifr.ifr_mtu;
+   uint32_t need = static_cast<uint32_t>(mtu) + 14 + 4 + TPACKET_ALIGN(TPACKET2_HDRLEN) + 16;
+   uint32_t size = 2048;
+   while (size < need && size < (1u << 17)) size <<= 1;
+   return size;
+}
+
+} // namespace
+
 bool PacketSocket::Open(const std::string &ifname, std::string *error) {
    Close();
    bool up = false;
@@ -66,16 +86,41 @@ bool PacketSocket::Open(const std::string &ifname, std::string *error) {
       return false;
    }
    int one = 1;
-   setsockopt(fd, SOL_PACKET, PACKET_AUXDATA, &one, sizeof one);
 #ifdef PACKET_IGNORE_OUTGOING
    setsockopt(fd, SOL_PACKET, PACKET_IGNORE_OUTGOING, &one, sizeof one);
 #endif
    int size = kSocketBuffer;
-   if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof size) != 0) {
-      setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
-   }
    if (setsockopt(fd, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0) {
       setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+   }
+   /* Sends go straight to the interface's driver, past the queueing
+    * layer: a veth or tap has no queue to keep anyway. */
+   setsockopt(fd, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof one);
+   int version = TPACKET_V2;
+   if (setsockopt(fd, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0) {
+      *error = std::string("packet ring version: ") + std::strerror(errno);
+      close(fd);
+      return false;
+   }
+   uint32_t frameSize = SlotSize(fd, ifname);
+   uint32_t blockSize = std::max<uint32_t>(frameSize, 1u << 16);
+   struct tpacket_req req;
+   std::memset(&req, 0, sizeof req);
+   req.tp_block_size = blockSize;
+   req.tp_block_nr = static_cast<unsigned>(std::max<size_t>(kRingBytes / blockSize, 1));
+   req.tp_frame_size = frameSize;
+   req.tp_frame_nr = req.tp_block_nr * (blockSize / frameSize);
+   if (setsockopt(fd, SOL_PACKET, PACKET_RX_RING, &req, sizeof req) != 0) {
+      *error = std::string("packet receive ring: ") + std::strerror(errno);
+      close(fd);
+      return false;
+   }
+   size_t ringBytes = static_cast<size_t>(req.tp_block_size) * req.tp_block_nr;
+   void *ring = mmap(nullptr, ringBytes, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   if (ring == MAP_FAILED) {
+      *error = std::string("packet ring mapping: ") + std::strerror(errno);
+      close(fd);
+      return false;
    }
    struct sockaddr_ll sll;
    std::memset(&sll, 0, sizeof sll);
@@ -84,6 +129,7 @@ bool PacketSocket::Open(const std::string &ifname, std::string *error) {
    sll.sll_ifindex = index;
    if (bind(fd, reinterpret_cast<struct sockaddr *>(&sll), sizeof sll) != 0) {
       *error = "bind to " + ifname + ": " + std::strerror(errno);
+      munmap(ring, ringBytes);
       close(fd);
       return false;
    }
@@ -94,14 +140,24 @@ bool PacketSocket::Open(const std::string &ifname, std::string *error) {
    setsockopt(fd, SOL_PACKET, PACKET_ADD_MEMBERSHIP, &mreq, sizeof mreq);
    fd_ = fd;
    ifindex_ = index;
-   buffers_.resize(kBatch * kSlotBytes);
+   ring_ = static_cast<uint8_t *>(ring);
+   ringBytes_ = ringBytes;
+   frameSize_ = frameSize;
+   frameCount_ = req.tp_frame_nr;
+   slotCapacity_ = frameSize - TPACKET_ALIGN(TPACKET2_HDRLEN) - 16;
+   head_ = 0;
+   taken_ = 0;
    return true;
 }
 
 void PacketSocket::Close() {
+   if (ring_ != nullptr) munmap(ring_, ringBytes_);
+   ring_ = nullptr;
+   ringBytes_ = 0;
    if (fd_ >= 0) close(fd_);
    fd_ = -1;
    ifindex_ = 0;
+   head_ = taken_ = 0;
 }
 
 int PacketSocket::TakeError() {
@@ -125,113 +181,116 @@ bool PacketSocket::TakeStatistics(uint64_t *arrived, uint64_t *dropped) {
    return true;
 }
 
-int PacketSocket::Receive(std::vector<RxFrame> &out) {
-   out.clear();
+int PacketSocket::Receive(RxFrame *out, size_t max, size_t *count) {
+   *count = 0;
    if (fd_ < 0) {
       errno = EBADF;
       return -1;
    }
-   struct mmsghdr msgs[kBatch];
-   struct iovec iovs[kBatch];
-   struct sockaddr_ll addrs[kBatch];
-   alignas(struct cmsghdr) char controls[kBatch][CMSG_SPACE(sizeof(struct tpacket_auxdata))];
-   std::memset(msgs, 0, sizeof msgs);
-   for (size_t i = 0; i < kBatch; i++) {
-      iovs[i].iov_base = buffers_.data() + i * kSlotBytes;
-      iovs[i].iov_len = kSlotBytes;
-      msgs[i].msg_hdr.msg_iov = &iovs[i];
-      msgs[i].msg_hdr.msg_iovlen = 1;
-      msgs[i].msg_hdr.msg_name = &addrs[i];
-      msgs[i].msg_hdr.msg_namelen = sizeof addrs[i];
-      msgs[i].msg_hdr.msg_control = controls[i];
-      msgs[i].msg_hdr.msg_controllen = sizeof controls[i];
-   }
-   int n = recvmmsg(fd_, msgs, kBatch, MSG_DONTWAIT | MSG_TRUNC, nullptr);
-   if (n < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR) return 0;
-      return -1;
-   }
-   for (int i = 0; i < n; i++) {
-      const struct msghdr &hdr = msgs[i].msg_hdr;
-      if (addrs[i].sll_pkttype == PACKET_OUTGOING) continue; /* our own sends */
-      RxFrame frame;
-      size_t len = msgs[i].msg_len;
-      frame.truncated = len > kSlotBytes || (hdr.msg_flags & MSG_TRUNC) != 0;
-      if (frame.truncated) len = kSlotBytes;
-      const uint8_t *data = buffers_.data() + static_cast<size_t>(i) * kSlotBytes;
-      frame.bytes.assign(data, data + len);
-      bool checksumPending = false;
-      for (struct cmsghdr *c = CMSG_FIRSTHDR(&hdr); c != nullptr;
-           c = CMSG_NXTHDR(const_cast<struct msghdr *>(&hdr), c)) {
-         if (c->cmsg_level != SOL_PACKET || c->cmsg_type != PACKET_AUXDATA ||
-             c->cmsg_len < CMSG_LEN(sizeof(struct tpacket_auxdata))) {
-            continue;
-         }
-         struct tpacket_auxdata aux;
-         std::memcpy(&aux, CMSG_DATA(c), sizeof aux);
-         if ((aux.tp_status & TP_STATUS_VLAN_VALID) != 0 &&
-             (aux.tp_vlan_tpid == 0 || aux.tp_vlan_tpid == kTpid8021Q)) {
-            frame.tagged = true;
-            frame.vlan = static_cast<uint16_t>(aux.tp_vlan_tci & 0xfff);
-         }
-         checksumPending = (aux.tp_status & TP_STATUS_CSUMNOTREADY) != 0;
-      }
-      /* A tag still in the bytes (no offload on this interface). */
-      if (!frame.tagged && frame.bytes.size() >= 18 && Be16(&frame.bytes[12]) == kTpid8021Q) {
+   max = std::min(max, kBatch);
+   int slots = 0;
+   while (*count < max && taken_ < frameCount_) {
+      uint8_t *slot = ring_ + static_cast<size_t>(head_) * frameSize_;
+      auto *hdr = reinterpret_cast<struct tpacket2_hdr *>(slot);
+      uint32_t status = __atomic_load_n(&hdr->tp_status, __ATOMIC_ACQUIRE);
+      if ((status & TP_STATUS_USER) == 0) break;
+      head_ = head_ + 1 == frameCount_ ? 0 : head_ + 1;
+      taken_++;
+      slots++;
+      const auto *sll =
+          reinterpret_cast<const struct sockaddr_ll *>(slot + TPACKET_ALIGN(sizeof *hdr));
+      if (sll->sll_pkttype == PACKET_OUTGOING) continue; /* our own sends */
+      RxFrame &frame = out[(*count)++];
+      frame = RxFrame();
+      frame.data = slot + hdr->tp_mac;
+      frame.len = hdr->tp_snaplen;
+      frame.truncated = hdr->tp_snaplen < hdr->tp_len;
+      if ((status & TP_STATUS_VLAN_VALID) != 0 &&
+          ((status & TP_STATUS_VLAN_TPID_VALID) == 0 || hdr->tp_vlan_tpid == kTpid8021Q ||
+           hdr->tp_vlan_tpid == 0)) {
          frame.tagged = true;
-         frame.vlan = static_cast<uint16_t>(Be16(&frame.bytes[14]) & 0xfff);
-         frame.bytes.erase(frame.bytes.begin() + 12, frame.bytes.begin() + 16);
+         frame.vlan = static_cast<uint16_t>(hdr->tp_vlan_tci & 0xfff);
       }
-      if (checksumPending && !frame.truncated) CompleteChecksum(frame.bytes);
-      out.push_back(std::move(frame));
+      /* A tag still in the bytes (no offload on this interface): the MAC
+       * addresses move up over it. */
+      if (!frame.tagged && frame.len >= 18 && Be16(frame.data + 12) == kTpid8021Q) {
+         frame.tagged = true;
+         frame.vlan = static_cast<uint16_t>(Be16(frame.data + 14) & 0xfff);
+         std::memmove(frame.data + 4, frame.data, 12);
+         frame.data += 4;
+         frame.len -= 4;
+      }
+      if ((status & TP_STATUS_CSUMNOTREADY) != 0 && !frame.truncated) {
+         CompleteChecksum(frame.data, frame.len);
+      }
    }
-   return n;
+   return slots;
 }
 
-size_t PacketSocket::Send(const std::vector<std::vector<uint8_t>> &frames, size_t first,
-                          size_t count, int *error) {
+void PacketSocket::Release() {
+   uint32_t slot = (head_ + frameCount_ - taken_) % (frameCount_ == 0 ? 1 : frameCount_);
+   for (; taken_ > 0; taken_--) {
+      auto *hdr = reinterpret_cast<struct tpacket2_hdr *>(ring_ + static_cast<size_t>(slot) *
+                                                                     frameSize_);
+      __atomic_store_n(&hdr->tp_status, TP_STATUS_KERNEL, __ATOMIC_RELEASE);
+      slot = slot + 1 == frameCount_ ? 0 : slot + 1;
+   }
+}
+
+size_t PacketSocket::Send(const TxFrame *frames, size_t count, int *error) {
    *error = 0;
    size_t sent = 0;
-   while (sent < count && fd_ >= 0) {
-      size_t batch = std::min(kBatch, count - sent);
+   size_t next = 0; /* first frame not yet tried */
+   while (next < count && fd_ >= 0) {
+      size_t batch = std::min(kBatch, count - next);
       struct mmsghdr msgs[kBatch];
-      struct iovec iovs[kBatch];
+      struct iovec iovs[kBatch][3];
+      uint8_t tags[kBatch][4];
       std::memset(msgs, 0, sizeof msgs);
       for (size_t i = 0; i < batch; i++) {
-         const std::vector<uint8_t> &f = frames[first + sent + i];
-         iovs[i].iov_base = const_cast<uint8_t *>(f.data());
-         iovs[i].iov_len = f.size();
-         msgs[i].msg_hdr.msg_iov = &iovs[i];
-         msgs[i].msg_hdr.msg_iovlen = 1;
+         const TxFrame &f = frames[next + i];
+         struct iovec *iov = iovs[i];
+         size_t n = 0;
+         if (f.tag && f.len >= 12) {
+            tags[i][0] = 0x81;
+            tags[i][1] = 0x00;
+            tags[i][2] = static_cast<uint8_t>((f.vlan >> 8) & 0x0f);
+            tags[i][3] = static_cast<uint8_t>(f.vlan & 0xff);
+            iov[n++] = {const_cast<uint8_t *>(f.data), 12};
+            iov[n++] = {tags[i], 4};
+            iov[n++] = {const_cast<uint8_t *>(f.data) + 12, f.len - 12u};
+         } else {
+            iov[n++] = {const_cast<uint8_t *>(f.data), f.len};
+         }
+         msgs[i].msg_hdr.msg_iov = iov;
+         msgs[i].msg_hdr.msg_iovlen = n;
       }
       int n = sendmmsg(fd_, msgs, static_cast<unsigned>(batch), MSG_DONTWAIT | MSG_NOSIGNAL);
       if (n < 0) {
          if (errno == EINTR) continue;
-         *error = errno;
+         if (*error == 0) *error = errno;
          /* The frame at the head cannot go: skip it and try the rest, unless
-          * the interface itself is gone. */
+          * the interface itself is gone or the socket is full. */
          if (errno == ENETDOWN || errno == ENXIO || errno == ENODEV || errno == EAGAIN ||
              errno == EWOULDBLOCK || errno == ENOBUFS) {
             break;
          }
-         count--; /* EMSGSIZE and the like: that frame only */
-         first++;
+         next++; /* EMSGSIZE and the like: that frame only */
          continue;
       }
       sent += static_cast<size_t>(n);
-      if (static_cast<size_t>(n) < batch) {
-         /* The next one failed; the next call tells why. */
-         continue;
-      }
+      next += static_cast<size_t>(n);
+      /* When fewer went than asked, the next one failed; the next call
+       * tells why. */
    }
    return sent;
 }
 
-void CompleteChecksum(std::vector<uint8_t> &f) {
-   if (f.size() < 14) return;
+void CompleteChecksum(uint8_t *f, size_t size) {
+   if (size < 14) return;
    size_t l3 = 14;
    uint16_t type = Be16(&f[12]);
-   if (type == kTpid8021Q && f.size() >= 18) {
+   if (type == kTpid8021Q && size >= 18) {
       type = Be16(&f[16]);
       l3 = 18;
    }
@@ -239,21 +298,21 @@ void CompleteChecksum(std::vector<uint8_t> &f) {
    size_t l4, l4len;
    uint32_t pseudo = 0;
    if (type == 0x0800) {
-      if (f.size() < l3 + 20) return;
+      if (size < l3 + 20) return;
       size_t ihl = (f[l3] & 0x0f) * 4u;
       size_t total = Be16(&f[l3 + 2]);
-      if (ihl < 20 || total < ihl || l3 + total > f.size()) return;
+      if (ihl < 20 || total < ihl || l3 + total > size) return;
       if ((Be16(&f[l3 + 6]) & 0x3fff) != 0) return; /* a fragment */
       proto = f[l3 + 9];
       l4 = l3 + ihl;
       l4len = total - ihl;
       pseudo = Sum(&f[l3 + 12], 8, 0) + proto + static_cast<uint32_t>(l4len);
    } else if (type == 0x86dd) {
-      if (f.size() < l3 + 40) return;
+      if (size < l3 + 40) return;
       proto = f[l3 + 6];
       l4 = l3 + 40;
       l4len = Be16(&f[l3 + 4]);
-      if (l4 + l4len > f.size()) return;
+      if (l4 + l4len > size) return;
       pseudo = Sum(&f[l3 + 8], 32, 0) + proto + static_cast<uint32_t>(l4len);
    } else {
       return;
