@@ -2,7 +2,8 @@
  * Address enforcement: may this (VLAN, MAC, address) leave the port?
  *
  * A frame the VM sends is judged against the switch white list and the port
- * white list, each a first-match scan.  When both features are on a frame
+ * white list, each by its first matching entry: found by the list's index
+ * (vigil_whitelist_index.h) or by a scan.  When both features are on a frame
  * must satisfy both.  Traced frames report what the port list decided to
  * Pathprobe.
  */
@@ -11,6 +12,7 @@
 #include "pathprobe.h"
 #include "vigil_log.h"
 #include "vigil_warden.h"
+#include "vigil_whitelist_index.h"
 
 /* The top `bits` bits of a word, with the count of low zero bits taken
  * modulo 32 as the shift does it. */
@@ -136,18 +138,44 @@ static void VigilLogWardenDrop(VigilFilter *filter, const char *tag, u16 vlan,
    }
 }
 
+u32 Vigil_ScanWhiteList(const VigilWhiteListEntry *list, u32 size, u16 vlan,
+                        const u8 *mac, const u8 *addr, u32 kind, bool macsEqual) {
+   for (u32 i = 0; i < size; i++) {
+      if (VigilEntryMatches(&list[i], vlan, mac, addr, kind, macsEqual)) {
+         return i;
+      }
+   }
+   return VIGIL_WDN_NO_MATCH;
+}
+
+/* The index made with this list, if it has one. */
+static const VigilWhiteListIndex *VigilIndexOfList(const VigilFilter *filter,
+                                                   const VigilWhiteListEntry *list,
+                                                   u32 size) {
+   if (Vigil_WhiteListIndexCovers(filter->portWhiteListIndex, list, size)) {
+      return filter->portWhiteListIndex;
+   }
+   if (Vigil_WhiteListIndexCovers(filter->switchWhiteListIndex, list, size)) {
+      return filter->switchWhiteListIndex;
+   }
+   return nullptr;
+}
+
+/* The first matching entry, by the list's index where it has one and can
+ * answer, by the scan otherwise: both give the same entry. */
 u32 WardenMatchWL(VigilFilter *filter, const VigilWhiteListEntry *list,
                   u32 size, u16 vlan, const u8 *mac, const u8 *addr,
                   const u8 *arpSenderMac, u32 kind, bool macsEqual,
                   const char *tag, u32 *matchIndex) {
    Vigil_AssertFilterIsLocked(filter, false);
-   for (u32 i = 0; i < size; i++) {
-      if (VigilEntryMatches(&list[i], vlan, mac, addr, kind, macsEqual)) {
-         *matchIndex = i;
-         return VIGIL_ACTION_FORWARD;
-      }
+   const VigilWhiteListIndex *index = VigilIndexOfList(filter, list, size);
+   if (index == nullptr || !Vigil_WhiteListIndexMatch(index, vlan, mac, addr, kind,
+                                                      macsEqual, matchIndex)) {
+      *matchIndex = Vigil_ScanWhiteList(list, size, vlan, mac, addr, kind, macsEqual);
    }
-   *matchIndex = VIGIL_WDN_NO_MATCH;
+   if (*matchIndex != VIGIL_WDN_NO_MATCH) {
+      return VIGIL_ACTION_FORWARD;
+   }
    VigilLogWardenDrop(filter, tag, vlan, mac, addr, arpSenderMac, kind);
    return VIGIL_ACTION_DROP;
 }
