@@ -36,12 +36,14 @@ void Vigil_FreeWhiteListIndex(VigilWhiteListIndex *index);
 bool Vigil_WhiteListIndexCovers(const VigilWhiteListIndex *index,
                                 const VigilWhiteListEntry *list, u32 size);
 
-/* The first entry that the check of `kind` matches, as the scan finds it,
- * in *matchIndex (VIGIL_WDN_NO_MATCH for none).  Returns false, leaving
- * *matchIndex alone, for the one check the index cannot answer: a
+/* The first entry of `list` that the check of `kind` matches, as the scan
+ * finds it, in *matchIndex (VIGIL_WDN_NO_MATCH for none).  Returns false,
+ * leaving *matchIndex alone, when `index` (which may be null) was not built
+ * for this list and size, and for the one check the index cannot answer: a
  * neighbor advertisement target without a link-layer address, on a list
  * with an IPv6 entry that names a MAC; and for a missing address. */
-bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index, u16 vlan,
+bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
+                               const VigilWhiteListEntry *list, u32 size, u16 vlan,
                                const u8 *mac, const u8 *addr, u32 kind,
                                bool macsEqual, u32 *matchIndex);
 

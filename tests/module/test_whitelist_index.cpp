@@ -248,13 +248,20 @@ TEST_F(WhiteListIndex, FindsTheScansFirstMatchOnRandomListsAndFrames) {
                    ZEK_OK);
          ASSERT_NE(index, nullptr);
          EXPECT_TRUE(Vigil_WhiteListIndexCovers(index, list.data(), (u32)list.size()));
+         /* Asked about another length of the list, the index does not answer. */
+         u32 untouched = 0x12345678;
+         Addr any = RandomV4(rng);
+         EXPECT_FALSE(Vigil_WhiteListIndexMatch(index, list.data(), (u32)list.size() + 1, 0,
+                                                kMacs[0].data(), any.data(), VIGIL_WDN_IPV4,
+                                                false, &untouched));
+         EXPECT_EQ(untouched, 0x12345678u);
          u32 failures = 0;
          for (int n = 0; n < 120 && failures < 3; n++) {
             Frame f = RandomFrame(rng, list);
             u32 scan = Vigil_ScanWhiteList(list.data(), (u32)list.size(), f.vlan,
                                            f.MacArg(), f.AddrArg(), f.kind, f.macsEqual);
             u32 found = 0x12345678;
-            bool answers = Vigil_WhiteListIndexMatch(index, f.vlan, f.MacArg(), f.AddrArg(),
+            bool answers = Vigil_WhiteListIndexMatch(index, list.data(), (u32)list.size(), f.vlan, f.MacArg(), f.AddrArg(),
                                                      f.kind, f.macsEqual, &found);
             queries++;
             EXPECT_EQ(answers, !IndexDeclines(list, f))
@@ -293,7 +300,7 @@ TEST_F(WhiteListIndex, EmptyListMatchesNothingForEveryKind) {
    MacAddr mac = kMacs[0];
    for (u32 kind = 0; kind <= 6; kind++) {
       u32 found = 0;
-      EXPECT_TRUE(Vigil_WhiteListIndexMatch(index, 0, mac.data(), addr.data(), kind,
+      EXPECT_TRUE(Vigil_WhiteListIndexMatch(index, nullptr, 0, 0, mac.data(), addr.data(), kind,
                                             true, &found))
          << kind;
       EXPECT_EQ(found, kNoMatch) << kind;
@@ -313,14 +320,14 @@ TEST_F(WhiteListIndex, NeighborTargetWithoutMacIsLeftToTheScanOnlyWhenAnEntryNam
    u32 found = 0x12345678;
 
    ASSERT_EQ(Vigil_BuildWhiteListIndex(noMac.data(), 2, &index), ZEK_OK);
-   EXPECT_TRUE(Vigil_WhiteListIndexMatch(index, 0, nullptr, target.data(), VIGIL_WDN_ND,
+   EXPECT_TRUE(Vigil_WhiteListIndexMatch(index, noMac.data(), 2, 0, nullptr, target.data(), VIGIL_WDN_ND,
                                          false, &found));
    EXPECT_EQ(found, 1u);
    Vigil_FreeWhiteListIndex(index);
 
    ASSERT_EQ(Vigil_BuildWhiteListIndex(withMac.data(), 2, &index), ZEK_OK);
    found = 0x12345678;
-   EXPECT_FALSE(Vigil_WhiteListIndexMatch(index, 0, nullptr, target.data(), VIGIL_WDN_ND,
+   EXPECT_FALSE(Vigil_WhiteListIndexMatch(index, withMac.data(), 2, 0, nullptr, target.data(), VIGIL_WDN_ND,
                                           false, &found));
    EXPECT_EQ(found, 0x12345678u);
    /* The scan passes the MAC test of the first entry. */
@@ -328,7 +335,7 @@ TEST_F(WhiteListIndex, NeighborTargetWithoutMacIsLeftToTheScanOnlyWhenAnEntryNam
                                  false),
              0u);
    /* With the target's MAC the index answers. */
-   EXPECT_TRUE(Vigil_WhiteListIndexMatch(index, 0, kMacs[0].data(), target.data(),
+   EXPECT_TRUE(Vigil_WhiteListIndexMatch(index, withMac.data(), 2, 0, kMacs[0].data(), target.data(),
                                          VIGIL_WDN_ND, false, &found));
    EXPECT_EQ(found, 1u);
    Vigil_FreeWhiteListIndex(index);

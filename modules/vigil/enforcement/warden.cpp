@@ -148,19 +148,6 @@ u32 Vigil_ScanWhiteList(const VigilWhiteListEntry *list, u32 size, u16 vlan,
    return VIGIL_WDN_NO_MATCH;
 }
 
-/* The index made with this list, if it has one. */
-static const VigilWhiteListIndex *VigilIndexOfList(const VigilFilter *filter,
-                                                   const VigilWhiteListEntry *list,
-                                                   u32 size) {
-   if (Vigil_WhiteListIndexCovers(filter->portWhiteListIndex, list, size)) {
-      return filter->portWhiteListIndex;
-   }
-   if (Vigil_WhiteListIndexCovers(filter->switchWhiteListIndex, list, size)) {
-      return filter->switchWhiteListIndex;
-   }
-   return nullptr;
-}
-
 /* The first matching entry, by the list's index where it has one and can
  * answer, by the scan otherwise: both give the same entry. */
 u32 WardenMatchWL(VigilFilter *filter, const VigilWhiteListEntry *list,
@@ -168,9 +155,12 @@ u32 WardenMatchWL(VigilFilter *filter, const VigilWhiteListEntry *list,
                   const u8 *arpSenderMac, u32 kind, bool macsEqual,
                   const char *tag, u32 *matchIndex) {
    Vigil_AssertFilterIsLocked(filter, false);
-   const VigilWhiteListIndex *index = VigilIndexOfList(filter, list, size);
-   if (index == nullptr || !Vigil_WhiteListIndexMatch(index, vlan, mac, addr, kind,
-                                                      macsEqual, matchIndex)) {
+   /* The index says itself whether it was made for this list. */
+   const VigilWhiteListIndex *index = list == filter->portWhiteList
+                                         ? filter->portWhiteListIndex
+                                         : filter->switchWhiteListIndex;
+   if (!Vigil_WhiteListIndexMatch(index, list, size, vlan, mac, addr, kind, macsEqual,
+                                  matchIndex)) {
       *matchIndex = Vigil_ScanWhiteList(list, size, vlan, mac, addr, kind, macsEqual);
    }
    if (*matchIndex != VIGIL_WDN_NO_MATCH) {

@@ -54,6 +54,7 @@ struct VigilWhiteListIndex {
    const VigilWhiteListEntry *list;
    u32 size;
    u32 slotMask;
+   u32 slotShift; /* 64 - log2 of the number of slots */
    u32 firstShape[VIGIL_WLX_NUM_VIEWS];
    u32 numShapes[VIGIL_WLX_NUM_VIEWS];
    u8 viewHasMac[VIGIL_WLX_NUM_VIEWS]; /* a shape of the view names a MAC */
@@ -128,18 +129,19 @@ static bool VigilWlxShapeOf(const VigilWhiteListEntry *entry, u32 view,
    return true;
 }
 
-static inline u32 VigilWlxHash(u32 tag, u64 vlanMac, u64 hi, u64 lo) {
-   u64 h = (u64)tag * 0x9e3779b97f4a7c15ull;
-   h = (h ^ vlanMac) * 0xbf58476d1ce4e5b9ull;
-   h = (h ^ hi) * 0x94d049bb133111ebull;
-   h = (h ^ lo) * 0x9e3779b97f4a7c15ull;
-   return (u32)(h ^ (h >> 32));
+/* Multiplicative hashing of the folded key: the top bits of the product
+ * depend on every bit below them.  The keys come from configuration, so a
+ * cheap hash is enough; a frame can only look up, never add. */
+static inline u32 VigilWlxSlotOf(const VigilWhiteListIndex *index, u32 tag, u64 vlanMac,
+                                 u64 hi, u64 lo) {
+   u64 folded = (hi ^ (lo >> 1) ^ (vlanMac >> 2) ^ (u64)tag) * 0x9e3779b97f4a7c15ull;
+   return (u32)(folded >> index->slotShift);
 }
 
 /* Puts the key in the hash unless an earlier entry holds it. */
 static void VigilWlxInsert(VigilWhiteListIndex *index, u32 tag, u64 vlanMac,
                            u64 hi, u64 lo, u32 entryIndex) {
-   u32 at = VigilWlxHash(tag, vlanMac, hi, lo) & index->slotMask;
+   u32 at = VigilWlxSlotOf(index, tag, vlanMac, hi, lo);
    while (index->slots[at].tag != 0) {
       const VigilWlxSlot *slot = &index->slots[at];
       if (slot->tag == tag && slot->vlanMac == vlanMac && slot->addrHi == hi &&
@@ -158,7 +160,7 @@ static void VigilWlxInsert(VigilWhiteListIndex *index, u32 tag, u64 vlanMac,
 
 static inline u32 VigilWlxFind(const VigilWhiteListIndex *index, u32 tag, u64 vlanMac,
                                u64 hi, u64 lo) {
-   u32 at = VigilWlxHash(tag, vlanMac, hi, lo) & index->slotMask;
+   u32 at = VigilWlxSlotOf(index, tag, vlanMac, hi, lo);
    for (;;) {
       const VigilWlxSlot *slot = &index->slots[at];
       if (slot->tag == tag && slot->vlanMac == vlanMac && slot->addrHi == hi &&
@@ -199,8 +201,10 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
    }
    u32 totalShapes = numShapes[0] + numShapes[1] + numShapes[2];
    u32 numSlots = 2;
+   u32 slotBits = 1;
    while (numSlots < 2 * numKeys) {
       numSlots *= 2;
+      slotBits++;
    }
    u32 bytes = (u32)(sizeof(VigilWhiteListIndex) + totalShapes * sizeof(VigilWlxShape) +
                      numSlots * sizeof(VigilWlxSlot));
@@ -211,6 +215,7 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
    built->list = list;
    built->size = size;
    built->slotMask = numSlots - 1;
+   built->slotShift = 64 - slotBits;
    built->shapes = (VigilWlxShape *)(built + 1);
    built->slots = (VigilWlxSlot *)(built->shapes + totalShapes);
    built->firstShape[0] = 0;
@@ -260,14 +265,23 @@ void Vigil_FreeWhiteListIndex(VigilWhiteListIndex *index) {
    Vigil_HeapFree(index);
 }
 
-bool Vigil_WhiteListIndexCovers(const VigilWhiteListIndex *index,
-                                const VigilWhiteListEntry *list, u32 size) {
+static inline bool VigilWlxCovers(const VigilWhiteListIndex *index,
+                                  const VigilWhiteListEntry *list, u32 size) {
    return index != nullptr && index->list == list && index->size == size;
 }
 
-bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index, u16 vlan,
+bool Vigil_WhiteListIndexCovers(const VigilWhiteListIndex *index,
+                                const VigilWhiteListEntry *list, u32 size) {
+   return VigilWlxCovers(index, list, size);
+}
+
+bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
+                               const VigilWhiteListEntry *list, u32 size, u16 vlan,
                                const u8 *mac, const u8 *addr, u32 kind,
                                bool macsEqual, u32 *matchIndex) {
+   if (!VigilWlxCovers(index, list, size)) {
+      return false;
+   }
    u32 view;
    /* Whether an entry that names a MAC can match at all. */
    bool macCanMatch = mac != nullptr;
