@@ -100,11 +100,11 @@ static bool VigilWlxShapeOf(const VigilWhiteListEntry *entry, u32 view,
    shape->maskLo = 0;
    if (view == VIGIL_WLX_VIEW_IPV4) {
       if (entry->flags & VIGIL_WL_IPV4) {
-         u32 mask = entry->prefixLen == 0
-                       ? 0
-                       : 0xffffffffu << ((32u - entry->prefixLen) & 31u);
+         /* The low zero bits of the mask, counted modulo 32. */
+         u32 lowZeros = (32u - entry->prefixLen) & 31u;
+         u32 mask = entry->prefixLen == 0 ? 0 : 0xffffffffu << lowZeros;
          shape->maskHi = (u64)mask << 32;
-         prefix = (u32)__builtin_popcount(mask);
+         prefix = entry->prefixLen == 0 ? 0 : 32u - lowZeros;
       } else if (entry->flags & VIGIL_WL_IPV6) {
          return false;
       }
