@@ -50,9 +50,9 @@ static_assert(sizeof(VigilGlxPortConf) == 137, "137-byte command");
 static_assert(offsetof(VigilGlxPortConf, isPortWardenEnabled) == 136, "at 136");
 
 VIGIL_MUST_CHECK zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *cfg);
-/* Frees the port white list and takes its entries out of the flow cache's
- * warden hash.  The caller holds the write lock. */
-void VigilDropPortWhiteList(VigilFilter *filter);
+/* Frees both white lists and their indexes, taking the port list's entries
+ * out of the flow cache's warden hash.  The caller holds the write lock. */
+void VigilDropWhiteLists(VigilFilter *filter);
 VIGIL_MUST_CHECK zek_Status VigilValidateWhiteList(VigilFilter *filter,
                                   const VigilWhiteListEntry *entries, u32 count);
 VIGIL_MUST_CHECK zek_Status VigilGetBpduFilterList(VigilFilter *filter, const VigilSecurityConfig *cfg,

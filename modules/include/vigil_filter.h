@@ -63,6 +63,7 @@ static inline void VigilCopyPortsetName(char (&field)[VIGIL_PORTSET_NAME_LEN],
 struct VigilVmiHash;
 struct VigilV6VmiHash;
 struct VigilWhiteListEntry;
+struct VigilWhiteListIndex;
 
 /* Counts frames in fixed windows of periodSecs seconds. */
 struct VigilRateLimiter {
@@ -163,6 +164,10 @@ struct VigilFilter {
    u32 bpduExclusionListSize;
    VigilWhiteListEntry *switchWhiteList;
    VigilWhiteListEntry *portWhiteList;
+   /* Hashes of the two lists, made with them; null for a short list or
+    * when the heap had no room, and the list is scanned. */
+   VigilWhiteListIndex *switchWhiteListIndex;
+   VigilWhiteListIndex *portWhiteListIndex;
    u64 bpduBitmap;
    VigilRateLimiter txBcastLimiter;
    VigilRateLimiter rxBcastLimiter;

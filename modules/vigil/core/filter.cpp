@@ -252,9 +252,7 @@ static void VigilReleaseFilterConfig(VigilFilter *filter) {
    VIGIL_LIST_FOR_EACH_SAFE(pos, next, &filter->dhcpV6ReqList) {
       VigilDelDhcpV6Req(filter, VIGIL_DHCPV6_REQ_FROM_LINKS(pos));
    }
-   Vigil_HeapFree(filter->switchWhiteList);
-   filter->switchWhiteList = nullptr;
-   VigilDropPortWhiteList(filter);
+   VigilDropWhiteLists(filter);
    Vigil_HeapFree(filter->portIgnoreList);
    filter->portIgnoreList = nullptr;
 }

@@ -131,6 +131,10 @@ static void VigilParseHeaders(zek_Pkt *pkt, VigilPacketContext *ctx) {
  * a mapped copy first.  A failure is logged and the frame goes on untraced. */
 static void VigilPathprobeStep(zek_PktListIter *iter, zek_Pkt **pkt,
                                VigilPacketContext *ctx) {
+   /* No trace window open: no clock read nor division per frame. */
+   if (pathprobe_global_time == 0) {
+      return;
+   }
    u64 nowMs = zek_TimerMonotonicCounter() * 1000 /
                zek_GetMonotonicCounterFrequency();
    if (pathprobe_global_time <= nowMs) {

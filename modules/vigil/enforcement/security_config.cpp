@@ -13,6 +13,7 @@
 #include "vigil_log.h"
 #include "vigil_packet.h"
 #include "vigil_vmi.h"
+#include "vigil_whitelist_index.h"
 
 #define VIGIL_MAX_VLAN_ID 4094u
 
@@ -167,10 +168,28 @@ static void VigilRemovePortListFromWardenHash(VigilFilter *filter,
    }
 }
 
-void VigilDropPortWhiteList(VigilFilter *filter) {
+/* The index of a list long enough to be worth one; null for a short list,
+ * and when the heap has no room: the warden then scans the list, with the
+ * same result. */
+static VigilWhiteListIndex *VigilIndexList(const VigilWhiteListEntry *list, u32 size) {
+   VigilWhiteListIndex *index = nullptr;
+   if (list != nullptr && size >= VIGIL_WL_INDEX_MIN_ENTRIES) {
+      /* On failure the index stays null and nothing else changes. */
+      (void)Vigil_BuildWhiteListIndex(list, size, &index);
+   }
+   return index;
+}
+
+void VigilDropWhiteLists(VigilFilter *filter) {
    Vigil_AssertFilterIsLocked(filter, true);
+   Vigil_FreeWhiteListIndex(filter->switchWhiteListIndex);
+   filter->switchWhiteListIndex = nullptr;
+   Vigil_HeapFree(filter->switchWhiteList);
+   filter->switchWhiteList = nullptr;
    zek_PortsetHandle portset;
    VigilRemovePortListFromWardenHash(filter, VigilWardenHashOf(filter->portID, &portset));
+   Vigil_FreeWhiteListIndex(filter->portWhiteListIndex);
+   filter->portWhiteListIndex = nullptr;
    Vigil_HeapFree(filter->portWhiteList);
    filter->portWhiteList = nullptr;
 }
@@ -252,6 +271,9 @@ zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *c
       return status;
    }
 
+   VigilWhiteListIndex *switchIndex = VigilIndexList(switchList, cfg->switchWhiteListSize);
+   VigilWhiteListIndex *portIndex = VigilIndexList(portList, cfg->portWhiteListSize);
+
    /* From here on the configuration is committed. */
    u64 now = zek_GetTimerCycles();
    if (features & VIGIL_FEAT_TX_BCAST_LIMIT) {
@@ -267,8 +289,10 @@ zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *c
       VigilArmLimiter(&filter->rxMcastLimiter, cfg->rxMcastRateLimit, now);
    }
 
+   Vigil_FreeWhiteListIndex(filter->switchWhiteListIndex);
    Vigil_HeapFree(filter->switchWhiteList);
    VigilRemovePortListFromWardenHash(filter, wardenHash);
+   Vigil_FreeWhiteListIndex(filter->portWhiteListIndex);
    Vigil_HeapFree(filter->portWhiteList);
 
    filter->featuresEnabled = cfg->featuresEnabled;
@@ -281,6 +305,8 @@ zek_Status VigilConfigSecurity(VigilFilter *filter, const VigilSecurityConfig *c
    filter->bpduExclusionListSize = cfg->bpduExclusionListSize;
    filter->switchWhiteList = switchList;
    filter->portWhiteList = portList;
+   filter->switchWhiteListIndex = switchIndex;
+   filter->portWhiteListIndex = portIndex;
    filter->bpduBitmap = bpduBitmap;
    memset(&filter->stats, 0, sizeof filter->stats);
 

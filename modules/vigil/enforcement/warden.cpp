@@ -2,7 +2,8 @@
  * Address enforcement: may this (VLAN, MAC, address) leave the port?
  *
  * A frame the VM sends is judged against the switch white list and the port
- * white list, each a first-match scan.  When both features are on a frame
+ * white list, each by its first matching entry: found by the list's index
+ * (vigil_whitelist_index.h) or by a scan.  When both features are on a frame
  * must satisfy both.  Traced frames report what the port list decided to
  * Pathprobe.
  */
@@ -11,6 +12,7 @@
 #include "pathprobe.h"
 #include "vigil_log.h"
 #include "vigil_warden.h"
+#include "vigil_whitelist_index.h"
 
 /* The top `bits` bits of a word, with the count of low zero bits taken
  * modulo 32 as the shift does it. */
@@ -136,20 +138,46 @@ static void VigilLogWardenDrop(VigilFilter *filter, const char *tag, u16 vlan,
    }
 }
 
+u32 Vigil_ScanWhiteList(const VigilWhiteListEntry *list, u32 size, u16 vlan,
+                        const u8 *mac, const u8 *addr, u32 kind, bool macsEqual) {
+   for (u32 i = 0; i < size; i++) {
+      if (VigilEntryMatches(&list[i], vlan, mac, addr, kind, macsEqual)) {
+         return i;
+      }
+   }
+   return VIGIL_WDN_NO_MATCH;
+}
+
+/* WardenMatchWL's body, inlined into the warden so that a frame pays for
+ * one call less. */
+static inline u32 VigilMatchList(VigilFilter *filter, const VigilWhiteListEntry *list,
+                                 u32 size, u16 vlan, const u8 *mac, const u8 *addr,
+                                 const u8 *arpSenderMac, u32 kind, bool macsEqual,
+                                 const char *tag, u32 *matchIndex) {
+   /* The index says itself whether it was made for this list. */
+   const VigilWhiteListIndex *index = list == filter->portWhiteList
+                                         ? filter->portWhiteListIndex
+                                         : filter->switchWhiteListIndex;
+   if (!Vigil_WhiteListIndexMatch(index, list, size, vlan, mac, addr, kind, macsEqual,
+                                  matchIndex)) {
+      *matchIndex = Vigil_ScanWhiteList(list, size, vlan, mac, addr, kind, macsEqual);
+   }
+   if (*matchIndex != VIGIL_WDN_NO_MATCH) {
+      return VIGIL_ACTION_FORWARD;
+   }
+   VigilLogWardenDrop(filter, tag, vlan, mac, addr, arpSenderMac, kind);
+   return VIGIL_ACTION_DROP;
+}
+
+/* The first matching entry, by the list's index where it has one and can
+ * answer, by the scan otherwise: both give the same entry. */
 u32 WardenMatchWL(VigilFilter *filter, const VigilWhiteListEntry *list,
                   u32 size, u16 vlan, const u8 *mac, const u8 *addr,
                   const u8 *arpSenderMac, u32 kind, bool macsEqual,
                   const char *tag, u32 *matchIndex) {
    Vigil_AssertFilterIsLocked(filter, false);
-   for (u32 i = 0; i < size; i++) {
-      if (VigilEntryMatches(&list[i], vlan, mac, addr, kind, macsEqual)) {
-         *matchIndex = i;
-         return VIGIL_ACTION_FORWARD;
-      }
-   }
-   *matchIndex = VIGIL_WDN_NO_MATCH;
-   VigilLogWardenDrop(filter, tag, vlan, mac, addr, arpSenderMac, kind);
-   return VIGIL_ACTION_DROP;
+   return VigilMatchList(filter, list, size, vlan, mac, addr, arpSenderMac, kind,
+                         macsEqual, tag, matchIndex);
 }
 
 static void VigilSendOutputObsv(VigilFilter *filter, const u8 *ppMetadata,
@@ -186,9 +214,9 @@ u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
       macsEqual = memcmp(mac, arpSenderMac, VIGIL_ETH_ALEN) == 0;
    }
    if (filter->featuresEnabled & VIGIL_FEAT_SWITCH_WARDEN) {
-      u32 result = WardenMatchWL(filter, filter->switchWhiteList,
-                                 filter->switchWhiteListSize, vlan, mac, addr,
-                                 arpSenderMac, kind, macsEqual, "S", &matchIndex);
+      u32 result = VigilMatchList(filter, filter->switchWhiteList,
+                                  filter->switchWhiteListSize, vlan, mac, addr,
+                                  arpSenderMac, kind, macsEqual, "S", &matchIndex);
       if (result != VIGIL_ACTION_FORWARD) {
          return result;
       }
@@ -196,9 +224,9 @@ u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
    if ((filter->featuresEnabled & VIGIL_FEAT_PORT_WARDEN) == 0) {
       return VIGIL_ACTION_FORWARD;
    }
-   u32 result = WardenMatchWL(filter, filter->portWhiteList,
-                              filter->portWhiteListSize, vlan, mac, addr,
-                              arpSenderMac, kind, macsEqual, "P", &matchIndex);
+   u32 result = VigilMatchList(filter, filter->portWhiteList,
+                               filter->portWhiteListSize, vlan, mac, addr,
+                               arpSenderMac, kind, macsEqual, "P", &matchIndex);
    if (ppMetadata == nullptr) {
       return result;
    }
