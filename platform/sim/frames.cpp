@@ -291,7 +291,17 @@ inline zek_Status FindHeader(zek_Pkt *pkt, uint32_t layer, uint32_t type,
       return sim::kNotFound;
    }
    sim::HeaderTable &table = pkt->headers;
-   const uint32_t mask = (type & 0xfff) == 0 ? 0xf000u : 0xffffu;
+   const bool isClass = (type & 0xfff) == 0;
+   if (isClass && occurrence == 1) {
+      const uint8_t first = type <= 0xf000u ? table.firstOfClass[layer][type >> 12]
+                                            : sim::kNoHeader;
+      if (first == sim::kNoHeader) {
+         return sim::kNotFound;
+      }
+      *entry = &table.entries[first];
+      return ZEK_OK;
+   }
+   const uint32_t mask = isClass ? 0xf000u : 0xffffu;
    uint32_t seen = 0;
    for (uint32_t i = table.layerStart[layer]; i < table.layerStart[layer + 1]; i++) {
       if ((table.entries[i].type & mask) == type && ++seen == occurrence) {

@@ -9,6 +9,8 @@
  * The table goes into the frame's fixed record, laid out by layer, so that
  * a find looks only at the entries of the layer asked for.
  */
+#include <cstring>
+
 #include "sim_frame_internal.h"
 
 namespace {
@@ -36,6 +38,11 @@ public:
          out_->layerStart[layer] = static_cast<uint8_t>(at);
       }
       out_->layerStart[sim::kLayers] = out_->count;
+      std::memset(out_->firstOfClass, sim::kNoHeader, sizeof out_->firstOfClass);
+      for (uint32_t i = out_->count; i-- > 0;) {
+         out_->firstOfClass[out_->layer[i]][out_->entries[i].type >> 12] =
+            static_cast<uint8_t>(i);
+      }
    }
 
 private:

@@ -26,11 +26,17 @@ constexpr uint32_t kMaxSgElems = 16;
 constexpr uint32_t kMaxHeaders = 20;
 constexpr uint32_t kLayers = 3;
 
+constexpr uint8_t kNoHeader = 0xff;
+
 /* The parsed header table of one frame, laid out by layer: the entries of
- * layer L are entries[layerStart[L]] .. entries[layerStart[L + 1] - 1]. */
+ * layer L are entries[layerStart[L]] .. entries[layerStart[L + 1] - 1], and
+ * the first entry of layer L in class C (the type's top four bits) is
+ * entries[firstOfClass[L][C]], kNoHeader for none: the usual find, the
+ * first header of a class, is one look. */
 struct HeaderTable {
    uint8_t count = 0;
    uint8_t layerStart[kLayers + 1] = {};
+   uint8_t firstOfClass[kLayers][16];
    uint32_t layer[kMaxHeaders];
    zek_PktHeaderEntry entries[kMaxHeaders];
 };

@@ -53,6 +53,12 @@ class RwSpinlock {
 
    void WriteUnlock() { word_.fetch_and(~kWriter, std::memory_order_release); }
 
+   /* The names std::lock_guard and std::shared_lock use. */
+   void lock() { WriteLock(); }
+   void unlock() { WriteUnlock(); }
+   void lock_shared() { ReadLock(); }
+   void unlock_shared() { ReadUnlock(); }
+
    /* A writer is waiting for the holders to leave (for tests). */
    bool WriterWaiting() const {
       return (word_.load(std::memory_order_relaxed) & kWriterWaiting) != 0;
