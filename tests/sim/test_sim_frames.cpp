@@ -579,3 +579,28 @@ TEST(SimList, ADestroyedListIsMadeAgainAndASecondDestroyIsReported) {
    ASSERT_EQ(gFailures.size(), 1u);
    EXPECT_NE(gFailures[0].find("DestroyList: the list is not live"), std::string::npos);
 }
+
+#if defined(__SANITIZE_ADDRESS__)
+/* Pooled frames keep the checks of separate heap buffers: a read past the
+ * mapped part, past the frame, or of a released frame is reported. */
+TEST(SimFramePool, AddressSanitizerReportsReadsPastARegionOrOfAReleasedFrame) {
+   sim::Reset();
+   sim::FrameOptions opts;
+   opts.mapped = 20;
+   zek_Pkt *part = sim::MakeFrame(Counting(60), opts);
+   const volatile uint8_t *mapped =
+      static_cast<const uint8_t *>(zek_PktFrameMappedPointerGet(part));
+   EXPECT_EQ(mapped[19], 19);
+   EXPECT_DEATH((void)mapped[20], "AddressSanitizer");
+
+   zek_Pkt *whole = sim::MakeFrame(Counting(60));
+   uint32_t len = 0;
+   const volatile uint8_t *bytes = sim::FrameData(whole, &len);
+   EXPECT_EQ(bytes[59], 59);
+   EXPECT_DEATH((void)bytes[60], "AddressSanitizer");
+   zek_PktRelease(whole);
+   EXPECT_DEATH((void)bytes[0], "AddressSanitizer");
+   zek_PktRelease(part);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+#endif
