@@ -3,7 +3,8 @@
 #   make test    install what is missing, build, run every test in the
 #                default build and again under AddressSanitizer + UBSan,
 #                then the race test under ThreadSanitizer (make test-tsan)
-#   make bench   build and run the data path benchmarks
+#   make bench   build an optimised copy (no debug checks) and print the
+#                data path benchmarks as one table, also written as JSON
 #   make demo    build vigilsim and run examples/demo.vsim as readable text
 
 BUILD_DIR ?= build
@@ -55,7 +56,7 @@ test: test-default test-asan test-tsan
 bench: deps
 	@cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DVIGIL_DEBUG_CHECKS=OFF >/dev/null
 	@cmake --build $(BUILD_DIR)/release -j $(JOBS) --target vigil_bench
-	@$(BUILD_DIR)/release/bench/vigil_bench
+	@python3 scripts/bench.py $(BUILD_DIR)/release/bench/vigil_bench $(BUILD_DIR)/release/bench/bench.json
 
 demo: deps
 	@cmake -S . -B $(BUILD_DIR)/default -G Ninja -DCMAKE_BUILD_TYPE=Debug >/dev/null

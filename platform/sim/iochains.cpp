@@ -32,6 +32,12 @@ namespace {
 
 std::mutex gChainMutex;
 std::list<std::unique_ptr<zek_IOChain>> gChains; /* in insertion order */
+/* gChains.size(), written under gChainMutex, read without it. */
+std::atomic<uint32_t> gNumChains{0};
+
+void PublishChainCount() {
+   gNumChains.store(static_cast<uint32_t>(gChains.size()), std::memory_order_release);
+}
 /* The chains this thread is inside, innermost last. */
 thread_local std::vector<const zek_IOChain *> tInside;
 /* Chains this thread removed from inside their own call: freed once the
@@ -41,6 +47,7 @@ thread_local std::vector<std::unique_ptr<zek_IOChain>> tParked;
 void ResetChains() {
    std::lock_guard<std::mutex> guard(gChainMutex);
    gChains.clear();
+   PublishChainCount();
 }
 
 struct Registrar {
@@ -58,6 +65,7 @@ std::unique_ptr<zek_IOChain> Unlink(zek_IOChainHandle handle) {
       if (it->get() == handle) {
          std::unique_ptr<zek_IOChain> chain = std::move(*it);
          gChains.erase(it);
+         PublishChainCount();
          return chain;
       }
    }
@@ -110,7 +118,9 @@ uint32_t RunChains(zek_PortID portID, uint32_t direction, zek_PktList *list) {
       }
    }
    if (minMapped > 0 && list != nullptr) {
-      for (zek_Pkt *pkt : ListFrames(list)) EnsureMapped(pkt, minMapped);
+      for (zek_Pkt *pkt = ListFirst(list); pkt != nullptr; pkt = ListNext(pkt)) {
+         EnsureMapped(pkt, minMapped);
+      }
    }
    for (zek_IOChainHandle handle : run) {
       zek_IOChainFn fn = nullptr;
@@ -154,6 +164,7 @@ void RemovePortChains(zek_PortID portID) {
          if (it == gChains.end()) return;
          chain = std::move(*it);
          gChains.erase(it);
+         PublishChainCount();
       }
       CallRemove(std::move(chain));
    }
@@ -172,6 +183,7 @@ void DropChainsInto(const void *base, std::vector<std::string> *what) {
          ++it;
       }
    }
+   PublishChainCount();
 }
 
 uint32_t SendFromVM(zek_PortID portID, zek_PktList *list) {
@@ -180,6 +192,17 @@ uint32_t SendFromVM(zek_PortID portID, zek_PktList *list) {
 
 uint32_t DeliverToVM(zek_PortID portID, zek_PktList *list) {
    return RunChains(portID, ZEK_IOCHAIN_OUTPUT, list);
+}
+
+bool PortHasChains(zek_PortID portID, uint32_t direction) {
+   if (gNumChains.load(std::memory_order_acquire) == 0) return false;
+   std::lock_guard<std::mutex> guard(gChainMutex);
+   for (auto &chain : gChains) {
+      if (chain->desc.portID == portID && chain->desc.direction == direction) {
+         return true;
+      }
+   }
+   return false;
 }
 
 uint32_t MinMappedLen(zek_PortID portID) {
@@ -230,6 +253,7 @@ zek_Status zek_IOChainInsert(const zek_IOChainDesc *desc,
    std::lock_guard<std::mutex> guard(gChainMutex);
    *handle = chain.get();
    gChains.push_back(std::move(chain));
+   PublishChainCount();
    return ZEK_OK;
 }
 

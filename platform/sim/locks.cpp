@@ -1,12 +1,17 @@
 /*
- * Lock domains and spinlocks of the simulated host, with a rank checker.
+ * Lock domains and spinlocks of the simulated host.
  *
- * Each thread keeps the list of locks it holds.  Taking a lock while holding
+ * With debug checks on (VIGIL_DEBUG_CHECKS, the builds tests use) the locks
+ * carry a rank checker, held modes and counters: each thread keeps the list of locks it holds.  Taking a lock while holding
  * one of equal or higher rank in the same domain is recorded as an order
  * violation (and reported at once when fail-fast is on); the lock is still
  * taken, as the real host would.  A thread re-taking a lock it holds would
  * deadlock on a real spinlock, so that is always reported and the lock is
  * not taken a second time.
+ *
+ * Without debug checks a spinlock is a bare reader-writer spinlock on one
+ * atomic word (sim_spinlock.h): no rank tracking, no held list, no
+ * counters.  The inspection calls then answer as if nothing were held.
  */
 #include <atomic>
 #include <cstring>
@@ -14,6 +19,7 @@
 #include <unordered_set>
 
 #include "sim_internal.h"
+#include "sim_spinlock.h"
 
 struct zek_LockDomain {
    std::string name;
@@ -24,15 +30,19 @@ struct zek_Spinlock {
    uint32_t kind;
    zek_LockDomainID domain;
    uint32_t rank;
+#if VIGIL_DEBUG_CHECKS
    std::shared_mutex mutex;
    std::atomic<int> holders{0}; /* threads holding it, any mode */
    std::atomic<uint64_t> reads{0}, writes{0}, exclusives{0};
+#else
+   sim::RwSpinlock spin;
+#endif
 };
 
 namespace sim {
 namespace {
 
-#ifdef VIGIL_DEBUG_CHECKS
+#if VIGIL_DEBUG_CHECKS
 constexpr bool kFailFastDefault = true;
 #else
 constexpr bool kFailFastDefault = false;
@@ -44,6 +54,8 @@ std::unordered_set<zek_Spinlock *> gLocks;
 std::vector<zek_Spinlock *> gRetired; /* destroyed while held; freed on Reset */
 std::vector<std::string> gViolations;
 std::atomic<bool> gFailFast{kFailFastDefault};
+
+#if VIGIL_DEBUG_CHECKS
 /* Bumped by Reset so that threads drop their lists of forgotten locks. */
 std::atomic<uint64_t> gGeneration{1};
 
@@ -81,6 +93,8 @@ std::string RankText(const zek_Spinlock *lock) {
    return lock->name + " (rank " + std::to_string(lock->rank) + ")";
 }
 
+#endif
+
 void ResetLocks() {
    std::lock_guard<std::mutex> guard(gLockMutex);
    for (zek_Spinlock *lock : gLocks) delete lock;
@@ -91,13 +105,16 @@ void ResetLocks() {
    gDomains.clear();
    gViolations.clear();
    gFailFast = kFailFastDefault;
+#if VIGIL_DEBUG_CHECKS
    gGeneration++;
+#endif
 }
 
 struct Registrar {
    Registrar() { RegisterResetHook(ResetLocks); }
 } gRegistrar;
 
+#if VIGIL_DEBUG_CHECKS
 void Acquire(zek_Spinlock *lock, LockMode mode, const char *call) {
    if (lock == nullptr) {
       ReportFailure(std::string(call) + " of a null lock");
@@ -174,6 +191,8 @@ void Release(zek_Spinlock *lock, LockMode mode, const char *call) {
    }
 }
 
+#endif
+
 } // namespace
 
 std::vector<std::string> LockViolations() {
@@ -184,13 +203,23 @@ std::vector<std::string> LockViolations() {
 void SetLockFailFast(bool on) { gFailFast = on; }
 
 LockMode LockHeldBy(zek_SpinlockHandle lock) {
+#if VIGIL_DEBUG_CHECKS
    for (const Held &h : HeldList()) {
       if (h.lock == lock) return h.mode;
    }
+#else
+   (void)lock;
+#endif
    return LockMode::None;
 }
 
-uint32_t LocksHeldByThread() { return static_cast<uint32_t>(HeldList().size()); }
+uint32_t LocksHeldByThread() {
+#if VIGIL_DEBUG_CHECKS
+   return static_cast<uint32_t>(HeldList().size());
+#else
+   return 0;
+#endif
+}
 
 uint32_t LiveLocks() {
    std::lock_guard<std::mutex> guard(gLockMutex);
@@ -198,9 +227,14 @@ uint32_t LiveLocks() {
 }
 
 LockCounts GetLockCounts(zek_SpinlockHandle lock) {
+#if VIGIL_DEBUG_CHECKS
    if (lock == nullptr) return LockCounts{};
    return LockCounts{lock->reads.load(), lock->writes.load(),
                      lock->exclusives.load()};
+#else
+   (void)lock;
+   return LockCounts{};
+#endif
 }
 
 std::string LockName(zek_SpinlockHandle lock) {
@@ -260,7 +294,11 @@ void zek_SpinlockDestroy(zek_SpinlockHandle lock) {
       std::lock_guard<std::mutex> guard(gLockMutex);
       if (!gLocks.erase(lock)) {
          problem = "destroy of unknown lock";
+#if VIGIL_DEBUG_CHECKS
       } else if (lock->holders > 0) {
+#else
+      } else if (lock->spin.IsHeld()) {
+#endif
          /* Keep the memory: the holder still refers to it. */
          problem = "destroy of " + lock->name + " while it is held";
          gRetired.push_back(lock);
@@ -272,6 +310,7 @@ void zek_SpinlockDestroy(zek_SpinlockHandle lock) {
    ReportFailure(problem);
 }
 
+#if VIGIL_DEBUG_CHECKS
 void zek_SpinlockLock(zek_SpinlockHandle lock) {
    Acquire(lock, LockMode::Exclusive, "lock");
 }
@@ -290,5 +329,14 @@ void zek_SpinlockWriteLock(zek_SpinlockHandle lock) {
 void zek_SpinlockWriteUnlock(zek_SpinlockHandle lock) {
    Release(lock, LockMode::Write, "write unlock");
 }
+#else
+/* An ordinary spinlock is the writer side of the same word. */
+void zek_SpinlockLock(zek_SpinlockHandle lock) { lock->spin.WriteLock(); }
+void zek_SpinlockUnlock(zek_SpinlockHandle lock) { lock->spin.WriteUnlock(); }
+void zek_SpinlockReadLock(zek_SpinlockHandle lock) { lock->spin.ReadLock(); }
+void zek_SpinlockReadUnlock(zek_SpinlockHandle lock) { lock->spin.ReadUnlock(); }
+void zek_SpinlockWriteLock(zek_SpinlockHandle lock) { lock->spin.WriteLock(); }
+void zek_SpinlockWriteUnlock(zek_SpinlockHandle lock) { lock->spin.WriteUnlock(); }
+#endif
 
 } /* extern "C" */

@@ -6,8 +6,12 @@
  *   layer index 2: IPv6 extension headers, then the transport header
  *                  (none for a non-first fragment).
  * A header whose bytes are not all in the frame ends the table.
+ * The table goes into the frame's fixed record, laid out by layer, so that
+ * a find looks only at the entries of the layer asked for.
  */
-#include "sim_frames.h"
+#include <cstring>
+
+#include "sim_frame_internal.h"
 
 namespace {
 
@@ -15,12 +19,34 @@ constexpr int kMaxChain = 16; /* tags or IPv6 extension headers walked */
 
 class Parser {
 public:
-   explicit Parser(const std::vector<uint8_t> &bytes) : b_(bytes) {}
+   Parser(const uint8_t *bytes, size_t len, sim::HeaderTable *out)
+      : b_(bytes), len_(len), out_(out) {
+      out_->count = 0;
+   }
 
-   std::vector<sim::HeaderInfo> Run() {
-      if (!Has(0, 14)) {
-         return out_;
+   void Run() {
+      if (Has(0, 14)) {
+         Ethernet();
       }
+      /* Entries come in layer order; each layer starts where the entries
+       * of the layers below it end. */
+      uint32_t at = 0;
+      for (uint32_t layer = 0; layer <= sim::kLayers; layer++) {
+         while (at < out_->count && out_->layer[at] < layer) {
+            at++;
+         }
+         out_->layerStart[layer] = static_cast<uint8_t>(at);
+      }
+      out_->layerStart[sim::kLayers] = out_->count;
+      std::memset(out_->firstOfClass, sim::kNoHeader, sizeof out_->firstOfClass);
+      for (uint32_t i = out_->count; i-- > 0;) {
+         out_->firstOfClass[out_->layer[i]][out_->entries[i].type >> 12] =
+            static_cast<uint8_t>(i);
+      }
+   }
+
+private:
+   void Ethernet() {
       size_t off = 14;
       uint16_t etherType = U16(12);
       for (int i = 0; etherType == 0x8100 && Has(off, 4) && i < kMaxChain; i++) {
@@ -43,18 +69,21 @@ public:
       default:
          break;
       }
-      return out_;
    }
 
-private:
-   bool Has(size_t off, size_t n) const { return off + n <= b_.size(); }
+   bool Has(size_t off, size_t n) const { return off + n <= len_; }
    uint16_t U16(size_t off) const {
       return static_cast<uint16_t>(b_[off] << 8 | b_[off + 1]);
    }
    void Add(uint32_t layer, uint16_t type, size_t off, uint16_t nextProto,
             size_t nextOff) {
-      out_.push_back({layer, {type, static_cast<uint16_t>(off), nextProto,
-                              static_cast<uint16_t>(nextOff)}});
+      if (out_->count == sim::kMaxHeaders) {
+         return;
+      }
+      out_->layer[out_->count] = layer;
+      out_->entries[out_->count] = {type, static_cast<uint16_t>(off), nextProto,
+                                    static_cast<uint16_t>(nextOff)};
+      out_->count++;
    }
 
    void Ipv4(size_t off) {
@@ -139,16 +168,27 @@ private:
       }
    }
 
-   const std::vector<uint8_t> &b_;
-   std::vector<sim::HeaderInfo> out_;
+   const uint8_t *b_;
+   size_t len_;
+   sim::HeaderTable *out_;
 };
 
 } // namespace
 
 namespace sim {
 
+void ParseHeaderTable(const uint8_t *bytes, size_t len, HeaderTable *table) {
+   Parser(bytes, len, table).Run();
+}
+
 std::vector<HeaderInfo> ParseHeaders(const std::vector<uint8_t> &bytes) {
-   return Parser(bytes).Run();
+   HeaderTable table;
+   ParseHeaderTable(bytes.data(), bytes.size(), &table);
+   std::vector<HeaderInfo> out;
+   for (uint32_t i = 0; i < table.count; i++) {
+      out.push_back({table.layer[i], table.entries[i]});
+   }
+   return out;
 }
 
 } // namespace sim

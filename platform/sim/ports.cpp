@@ -11,7 +11,9 @@
 #include <map>
 #include <memory>
 #include <set>
+#include <shared_mutex>
 
+#include "sim_spinlock.h"
 #include "sim_switch_internal.h"
 
 struct zek_Portset {
@@ -45,12 +47,15 @@ struct Port {
    zek_VNIC vnic;
 };
 
-std::mutex gPortMutex;
+/* Guards the portsets and ports.  A spinlock: it is held only for table
+ * looks and updates, and the data path reads a port's data slot under it
+ * on every batch. */
+sim::RwSpinlock gPortMutex;
 std::vector<std::unique_ptr<zek_Portset>> gPortsets; /* in creation order */
 std::map<zek_PortID, Port> gPorts;
 
 void ResetPorts() {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    gPorts.clear();
    gPortsets.clear();
 }
@@ -90,7 +95,7 @@ zek_Status CopyOut(const std::string &text, char *buf, size_t size) {
 zek_PortsetHandle AddPortset(const std::string &name, const std::string &cls) {
    zek_PortsetHandle ps;
    {
-      std::lock_guard<std::mutex> guard(gPortMutex);
+      std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
       if (PortsetNamed(name) != nullptr) return nullptr;
       gPortsets.push_back(std::make_unique<zek_Portset>(zek_Portset{name, cls}));
       ps = gPortsets.back().get();
@@ -105,14 +110,14 @@ void RemovePortset(const std::string &name) {
    RaisePortsetEvent("deactivate", ps);
    std::vector<zek_PortID> ports;
    {
-      std::lock_guard<std::mutex> guard(gPortMutex);
+      std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
       for (auto &entry : gPorts) {
          if (entry.second.portset == ps) ports.push_back(entry.first);
       }
    }
    for (zek_PortID id : ports) RemovePort(id);
    ForgetPortsetFlowData(ps);
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    for (auto it = gPortsets.begin(); it != gPortsets.end(); ++it) {
       if ((*it)->name == name) {
          gPortsets.erase(it);
@@ -122,13 +127,13 @@ void RemovePortset(const std::string &name) {
 }
 
 zek_PortsetHandle FindPortset(const std::string &name) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    return PortsetNamed(name);
 }
 
 bool AddPort(const std::string &portset, zek_PortID portID,
              const PortOptions &opts) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    zek_Portset *ps = PortsetNamed(portset);
    if (ps == nullptr || gPorts.count(portID)) return false;
    Port &port = gPorts[portID];
@@ -147,7 +152,7 @@ bool RemovePort(zek_PortID portID) {
    RemovePortChains(portID);
    std::vector<oxa_PortDataDestructor> destructors;
    {
-      std::lock_guard<std::mutex> guard(gPortMutex);
+      std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
       Port *port = FindPort(portID);
       if (port == nullptr) return false;
       for (Slot &slot : port->slots) {
@@ -160,7 +165,7 @@ bool RemovePort(zek_PortID portID) {
     * slot through oxa_PortVoltaliteDataGet. */
    for (oxa_PortDataDestructor destructor : destructors) destructor(portID);
    {
-      std::lock_guard<std::mutex> guard(gPortMutex);
+      std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
       gPorts.erase(portID);
    }
    /* The port's property values go with it. */
@@ -169,13 +174,13 @@ bool RemovePort(zek_PortID portID) {
 }
 
 zek_PortsetHandle PortsetOfPort(zek_PortID portID) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    return port != nullptr ? port->portset : nullptr;
 }
 
 std::vector<zek_PortID> PortsOf(zek_PortsetHandle ps) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    std::vector<zek_PortID> out;
    for (auto &entry : gPorts) {
       if (ps == nullptr || entry.second.portset == ps) out.push_back(entry.first);
@@ -184,20 +189,20 @@ std::vector<zek_PortID> PortsOf(zek_PortsetHandle ps) {
 }
 
 std::vector<zek_PortsetHandle> AllPortsets() {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    std::vector<zek_PortsetHandle> out;
    for (auto &p : gPortsets) out.push_back(p.get());
    return out;
 }
 
 bool PortFlagSet(zek_PortID portID, uint32_t flag) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    return port != nullptr && port->flags.count(flag) != 0;
 }
 
 void DropPortDestructorsInto(const void *base, std::vector<std::string> *what) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    for (auto &entry : gPorts) {
       for (uint32_t i = 0; i < kSlots; i++) {
          Slot &slot = entry.second.slots[i];
@@ -211,12 +216,12 @@ void DropPortDestructorsInto(const void *base, std::vector<std::string> *what) {
 }
 
 bool PortExists(zek_PortID portID) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    return FindPort(portID) != nullptr;
 }
 
 void SetPortFlag(zek_PortID portID, uint32_t flag, bool on) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr) return;
    if (on) {
@@ -227,13 +232,13 @@ void SetPortFlag(zek_PortID portID, uint32_t flag, bool on) {
 }
 
 void *PortData(zek_PortID portID, uint32_t slot) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    return port != nullptr && slot < kSlots ? port->slots[slot].value : nullptr;
 }
 
 uint32_t PortsetsAcquired() {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    uint32_t total = 0;
    for (auto &p : gPortsets) total += p->acquired;
    return total;
@@ -249,7 +254,7 @@ zek_Status oxa_PortVoltaliteDataGet(zek_PortID portID, uint32_t slot,
                                     void **value) {
    SIM_FAULT_RETURN("PortVoltaliteDataGet");
    if (slot >= kSlots || value == nullptr) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::shared_lock<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr || !port->slots[slot].used) return kNotFound;
    *value = port->slots[slot].value;
@@ -261,7 +266,7 @@ zek_Status oxa_PortVoltaliteDataSet(zek_PortID portID, uint32_t slot,
                                     oxa_PortDataDestructor destructor) {
    SIM_FAULT_RETURN("PortVoltaliteDataSet");
    if (slot >= kSlots) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr) return kNotFound;
    port->slots[slot] = Slot{true, value, destructor};
@@ -271,7 +276,7 @@ zek_Status oxa_PortVoltaliteDataSet(zek_PortID portID, uint32_t slot,
 zek_Status oxa_PortVoltaliteDataUnset(zek_PortID portID, uint32_t slot) {
    SIM_FAULT_RETURN("PortVoltaliteDataUnset");
    if (slot >= kSlots) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr || !port->slots[slot].used) return kNotFound;
    port->slots[slot] = Slot{};
@@ -282,7 +287,7 @@ zek_Status zek_PortsetAcquireByName(const char *name, uint32_t,
                                     zek_PortsetHandle *ps) {
    SIM_FAULT_RETURN("PortsetAcquireByName");
    if (name == nullptr || ps == nullptr) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    zek_Portset *found = PortsetNamed(name);
    if (found == nullptr) return kNotFound;
    found->acquired++;
@@ -294,7 +299,7 @@ zek_Status zek_PortsetAcquireByPortID(zek_PortID portID, uint32_t,
                                       zek_PortsetHandle *ps) {
    SIM_FAULT_RETURN("PortsetAcquireByPortID");
    if (ps == nullptr) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr) return kNotFound;
    port->portset->acquired++;
@@ -305,7 +310,7 @@ zek_Status zek_PortsetAcquireByPortID(zek_PortID portID, uint32_t,
 zek_Status zek_PortsetRelease(zek_PortsetHandle ps) {
    SIM_FAULT_RETURN("PortsetRelease");
    {
-      std::lock_guard<std::mutex> guard(gPortMutex);
+      std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
       if (LivePortset(ps) && ps->acquired > 0) {
          ps->acquired--;
          return ZEK_OK;
@@ -318,7 +323,7 @@ zek_Status zek_PortsetRelease(zek_PortsetHandle ps) {
 zek_Status zek_PortsetFindByPortID(zek_PortID portID, zek_PortsetHandle *ps) {
    SIM_FAULT_RETURN("PortsetFindByPortID");
    if (ps == nullptr) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr) return kNotFound;
    *ps = port->portset;
@@ -326,7 +331,7 @@ zek_Status zek_PortsetFindByPortID(zek_PortID portID, zek_PortsetHandle *ps) {
 }
 
 const char *zek_PortsetName(zek_PortsetHandle ps) {
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    return LivePortset(ps) ? ps->name.c_str() : "";
 }
 
@@ -336,7 +341,7 @@ zek_Status zek_PortsetForAllPorts(zek_PortsetHandle ps, zek_PortsetPortFn fn,
    if (fn == nullptr) return kBadParam;
    std::vector<zek_PortID> ports;
    {
-      std::lock_guard<std::mutex> guard(gPortMutex);
+      std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
       if (!LivePortset(ps)) return kNotFound;
       for (auto &entry : gPorts) {
          if (entry.second.portset == ps) ports.push_back(entry.first);
@@ -354,7 +359,7 @@ zek_Status zek_PortsetForAllPortsets(uint32_t, zek_PortsetFn fn, void *data) {
    if (fn == nullptr) return kBadParam;
    std::vector<zek_PortsetHandle> portsets;
    {
-      std::lock_guard<std::mutex> guard(gPortMutex);
+      std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
       for (auto &p : gPortsets) portsets.push_back(p.get());
    }
    for (zek_PortsetHandle ps : portsets) {
@@ -367,7 +372,7 @@ zek_Status zek_PortsetForAllPortsets(uint32_t, zek_PortsetFn fn, void *data) {
 zek_Status zek_PortsetLookupFABClassName(zek_PortsetHandle ps, char *name,
                                          size_t size) {
    SIM_FAULT_RETURN("PortsetLookupFABClassName");
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    if (!LivePortset(ps)) return kNotFound;
    return CopyOut(ps->cls, name, size);
 }
@@ -378,7 +383,7 @@ zek_Status zek_PortFindByFABPortID(const char *port, const char *fabSwitch,
    if (port == nullptr || fabSwitch == nullptr || portID == nullptr) {
       return kBadParam;
    }
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    for (auto &entry : gPorts) {
       if (entry.second.opts.fabPort == port &&
           entry.second.opts.fabSwitch == fabSwitch) {
@@ -392,7 +397,7 @@ zek_Status zek_PortFindByFABPortID(const char *port, const char *fabSwitch,
 zek_Status zek_PortFlagIsSet(zek_PortID portID, uint32_t flag, int *isSet) {
    SIM_FAULT_RETURN("PortFlagIsSet");
    if (isSet == nullptr) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr) return kNotFound;
    *isSet = port->flags.count(flag) ? 1 : 0;
@@ -402,7 +407,7 @@ zek_Status zek_PortFlagIsSet(zek_PortID portID, uint32_t flag, int *isSet) {
 zek_Status zek_VNICHandleGet(zek_PortID portID, zek_VNICHandle *handle) {
    SIM_FAULT_RETURN("VNICHandleGet");
    if (handle == nullptr) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr || !port->opts.vnicReadable) return kNotFound;
    *handle = &port->vnic;
@@ -412,7 +417,7 @@ zek_Status zek_VNICHandleGet(zek_PortID portID, zek_VNICHandle *handle) {
 zek_Status zek_VNICTypeGet(zek_VNICHandle handle, uint32_t *type) {
    SIM_FAULT_RETURN("VNICTypeGet");
    if (handle == nullptr || type == nullptr) return kBadParam;
-   std::lock_guard<std::mutex> guard(gPortMutex);
+   std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
    for (auto &entry : gPorts) {
       if (&entry.second.vnic == handle) {
          *type = entry.second.vnic.type;

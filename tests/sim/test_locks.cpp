@@ -6,6 +6,7 @@
 #include <chrono>
 #include <thread>
 
+#include "sim_spinlock.h"
 #include "sim_test_fixture.h"
 
 namespace {
@@ -340,6 +341,114 @@ TEST_F(SimLocks, ResetForgetsLocksHeldBeforeIt) {
    sim::Reset();
    EXPECT_EQ(sim::LocksHeldByThread(), 0u);
    EXPECT_TRUE(sim::LockViolations().empty());
+}
+
+
+/* The bare reader-writer spinlock that the host's spinlocks are in a build
+ * without debug checks, tested here directly. */
+
+TEST(SimRwSpinlock, WritersExcludeEachOther) {
+   sim::RwSpinlock lock;
+   int counter = 0;
+   std::vector<std::thread> threads;
+   for (int t = 0; t < 4; t++) {
+      threads.emplace_back([&] {
+         for (int i = 0; i < 20000; i++) {
+            lock.WriteLock();
+            counter++;
+            lock.WriteUnlock();
+         }
+      });
+   }
+   for (std::thread &t : threads) t.join();
+   EXPECT_EQ(counter, 80000);
+   EXPECT_FALSE(lock.IsHeld());
+}
+
+TEST(SimRwSpinlock, WriterExcludesReaders) {
+   sim::RwSpinlock lock;
+   std::atomic<bool> readerIn{false};
+   lock.WriteLock();
+   EXPECT_TRUE(lock.IsHeld());
+   std::thread reader([&] {
+      lock.ReadLock();
+      readerIn = true;
+      lock.ReadUnlock();
+   });
+   std::this_thread::sleep_for(50ms);
+   EXPECT_FALSE(readerIn.load());
+   lock.WriteUnlock();
+   reader.join();
+   EXPECT_TRUE(readerIn.load());
+   EXPECT_FALSE(lock.IsHeld());
+}
+
+TEST(SimRwSpinlock, ReaderExcludesWriter) {
+   sim::RwSpinlock lock;
+   std::atomic<bool> writerIn{false};
+   lock.ReadLock();
+   std::thread writer([&] {
+      lock.WriteLock();
+      writerIn = true;
+      lock.WriteUnlock();
+   });
+   std::this_thread::sleep_for(50ms);
+   EXPECT_FALSE(writerIn.load());
+   lock.ReadUnlock();
+   writer.join();
+   EXPECT_TRUE(writerIn.load());
+   EXPECT_FALSE(lock.IsHeld());
+}
+
+TEST(SimRwSpinlock, ReadersHoldTheLockTogether) {
+   sim::RwSpinlock lock;
+   std::atomic<int> inside{0};
+   std::atomic<int> sawBoth{0};
+   auto reader = [&] {
+      lock.ReadLock();
+      inside++;
+      auto deadline = std::chrono::steady_clock::now() + 5s;
+      while (inside.load() < 2 && std::chrono::steady_clock::now() < deadline) {
+         std::this_thread::yield();
+      }
+      if (inside.load() == 2) sawBoth++;
+      lock.ReadUnlock();
+   };
+   std::thread t1(reader), t2(reader);
+   t1.join();
+   t2.join();
+   EXPECT_EQ(sawBoth.load(), 2);
+}
+
+TEST(SimRwSpinlock, AWaitingWriterHoldsBackNewReaders) {
+   sim::RwSpinlock lock;
+   std::atomic<bool> writerIn{false}, lateReaderIn{false};
+   lock.ReadLock();
+   std::thread writer([&] {
+      lock.WriteLock();
+      writerIn = true;
+      /* The late reader must still be out: it came after this writer. */
+      EXPECT_FALSE(lateReaderIn.load());
+      lock.WriteUnlock();
+   });
+   auto deadline = std::chrono::steady_clock::now() + 5s;
+   while (!lock.WriterWaiting() && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::yield();
+   }
+   EXPECT_TRUE(lock.WriterWaiting());
+   std::thread lateReader([&] {
+      lock.ReadLock();
+      lateReaderIn = true;
+      lock.ReadUnlock();
+   });
+   std::this_thread::sleep_for(50ms);
+   EXPECT_FALSE(writerIn.load());
+   EXPECT_FALSE(lateReaderIn.load());
+   lock.ReadUnlock();
+   writer.join();
+   lateReader.join();
+   EXPECT_TRUE(writerIn.load());
+   EXPECT_TRUE(lateReaderIn.load());
 }
 
 } // namespace

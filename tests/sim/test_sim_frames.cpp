@@ -434,3 +434,173 @@ TEST(SimList, DestroyReleasesTheFrames) {
    sim::DestroyList(f.list);
    EXPECT_EQ(sim::FramesLive(), 0u);
 }
+
+/* ------------------------------------------------- the pool and vigild */
+
+TEST(SimFramePool, AReleasedFrameIsMadeAgainWithItsStorage) {
+   sim::Reset();
+   zek_Pkt *first = sim::MakeFrame(Counting(60));
+   uint32_t len = 0;
+   const uint8_t *storage = sim::FrameData(first, &len);
+   EXPECT_EQ(len, 60u);
+   zek_PktRelease(first);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+   zek_Pkt *second = sim::MakeFrame(Counting(60, 0x20));
+   EXPECT_EQ(second, first);
+   EXPECT_EQ(sim::FrameData(second, &len), storage);
+   EXPECT_EQ(sim::FrameBytes(second), Counting(60, 0x20));
+   EXPECT_EQ(sim::FramesLive(), 1u);
+   zek_PktRelease(second);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+
+TEST(SimFramePool, LiveCountAndReleaseChecksHoldAcrossRecycling) {
+   sim::Reset();
+   gFailures.clear();
+   sim::SetFailureHook(RecordFailure);
+   zek_Pkt *a = sim::MakeFrame(Counting(60));
+   zek_Pkt *b = sim::MakeFrame(Counting(60));
+   zek_PktRelease(a);
+   zek_Pkt *c = sim::MakeFrame(Counting(60));
+   EXPECT_EQ(sim::FramesLive(), 2u);
+   zek_PktRelease(b);
+   zek_PktRelease(b);
+   alignas(16) unsigned char notAFrame[64] = {};
+   zek_PktRelease(reinterpret_cast<zek_Pkt *>(notAFrame));
+   sim::SetFailureHook(nullptr);
+   ASSERT_EQ(gFailures.size(), 2u);
+   EXPECT_NE(gFailures[0].find("not live"), std::string::npos);
+   EXPECT_NE(gFailures[1].find("not live"), std::string::npos);
+   EXPECT_EQ(sim::FramesLive(), 1u);
+   zek_PktRelease(c);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+
+TEST(SimFramePool, AnAddressOfAReleasedFrameDoesNotMapInTheFrameMadeAfterIt) {
+   sim::Reset();
+   zek_Pkt *first = sim::MakeFrame(Counting(60));
+   const zek_MA old = zek_PktSgElemGet(first, 0)->addr;
+   zek_PktRelease(first);
+   zek_Pkt *second = sim::MakeFrame(Counting(60));
+   ASSERT_EQ(second, first);
+   const zek_MA now = zek_PktSgElemGet(second, 0)->addr;
+   EXPECT_NE(now, old);
+   void *va = nullptr;
+   EXPECT_EQ(zek_MA2VA(old, 1, &va), kInvalid);
+   EXPECT_EQ(va, nullptr);
+   EXPECT_EQ(ElemBytes(zek_PktSgElemGet(second, 0)), Counting(60));
+   zek_PktRelease(second);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+
+TEST(SimFramePool, ThePoolGrowsPastOneChunkAndEveryFrameMaps) {
+   sim::Reset();
+   std::vector<zek_Pkt *> frames;
+   for (int i = 0; i < 600; i++) {
+      frames.push_back(sim::MakeFrame(Counting(60, static_cast<uint8_t>(i))));
+   }
+   EXPECT_EQ(sim::FramesLive(), 600u);
+   for (int i : {0, 255, 256, 599}) {
+      EXPECT_EQ(ElemBytes(zek_PktSgElemGet(frames[i], 0)),
+                Counting(60, static_cast<uint8_t>(i)));
+   }
+   for (zek_Pkt *pkt : frames) zek_PktRelease(pkt);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+
+TEST(SimFrameFrom, TheCallersBytesAreCopiedOnceWithTheTagTakenOut) {
+   sim::Reset();
+   Bytes received = EthTagged(300, 0x0800, Ipv4(17, Udp(Counting(18))));
+   zek_Pkt *pkt = sim::MakeFrameFrom(received.data(), static_cast<uint32_t>(received.size()), 7);
+   const Bytes untagged = Eth(0x0800, Ipv4(17, Udp(Counting(18))));
+   received.assign(received.size(), 0); /* the frame keeps its own copy */
+   uint32_t len = 0;
+   const uint8_t *data = sim::FrameData(pkt, &len);
+   ASSERT_NE(data, nullptr);
+   EXPECT_EQ(Bytes(data, data + len), untagged);
+   EXPECT_EQ(zek_PktVlanIDGet(pkt), 300);
+   EXPECT_EQ(zek_PktFrameMappedLenGet(pkt), untagged.size());
+   EXPECT_EQ(zek_PktFrameMappedPointerGet(pkt), static_cast<const void *>(data));
+   EXPECT_EQ(zek_PktSgArrayGet(pkt)->numElems, 1);
+   EXPECT_EQ(sim::FrameHeaders(pkt).size(), 3u);
+
+   zek_Pkt *plain = sim::MakeFrameFrom(untagged.data(), static_cast<uint32_t>(untagged.size()), 7);
+   EXPECT_EQ(zek_PktVlanIDGet(plain), 7);
+   EXPECT_EQ(sim::FrameBytes(plain), untagged);
+   zek_PktHeaderEntry *udp = nullptr;
+   ASSERT_EQ(zek_PktHeaderFind(plain, 2, ZEK_PKT_TYPE_UDP, 1, &udp, 0), ZEK_OK);
+   EXPECT_EQ(udp->offset, 34u);
+   zek_PktRelease(pkt);
+   zek_PktRelease(plain);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+
+TEST(SimFrameFrom, FrameDataIsNullForAFrameInSeveralElements) {
+   sim::Reset();
+   sim::FrameOptions opts;
+   opts.sg = {10, 20};
+   zek_Pkt *pkt = sim::MakeFrame(Counting(60), opts);
+   uint32_t len = 0;
+   EXPECT_EQ(sim::FrameData(pkt, &len), nullptr);
+   EXPECT_EQ(len, 60u);
+   zek_PktRelease(pkt);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+
+TEST(SimFrameFrom, ListFirstAndNextWalkTheListInOrder) {
+   sim::Reset();
+   ListFixture f(3);
+   std::vector<zek_Pkt *> seen;
+   for (zek_Pkt *pkt = sim::ListFirst(f.list); pkt != nullptr; pkt = sim::ListNext(pkt)) {
+      seen.push_back(pkt);
+   }
+   EXPECT_EQ(seen, f.frames);
+   zek_PktList *empty = sim::MakeList();
+   EXPECT_EQ(sim::ListFirst(empty), nullptr);
+   sim::DestroyList(empty);
+   sim::DestroyList(f.list);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+
+TEST(SimList, ADestroyedListIsMadeAgainAndASecondDestroyIsReported) {
+   sim::Reset();
+   gFailures.clear();
+   sim::SetFailureHook(RecordFailure);
+   zek_PktList *list = sim::MakeList();
+   sim::ListAppend(list, sim::MakeFrame(Counting(60)));
+   sim::DestroyList(list);
+   sim::DestroyList(list);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+   zek_PktList *again = sim::MakeList();
+   EXPECT_EQ(again, list);
+   EXPECT_TRUE(sim::ListFrames(again).empty());
+   sim::DestroyList(again);
+   sim::SetFailureHook(nullptr);
+   ASSERT_EQ(gFailures.size(), 1u);
+   EXPECT_NE(gFailures[0].find("DestroyList: the list is not live"), std::string::npos);
+}
+
+#if defined(__SANITIZE_ADDRESS__)
+/* Pooled frames keep the checks of separate heap buffers: a read past the
+ * mapped part, past the frame, or of a released frame is reported. */
+TEST(SimFramePool, AddressSanitizerReportsReadsPastARegionOrOfAReleasedFrame) {
+   sim::Reset();
+   sim::FrameOptions opts;
+   opts.mapped = 20;
+   zek_Pkt *part = sim::MakeFrame(Counting(60), opts);
+   const volatile uint8_t *mapped =
+      static_cast<const uint8_t *>(zek_PktFrameMappedPointerGet(part));
+   EXPECT_EQ(mapped[19], 19);
+   EXPECT_DEATH((void)mapped[20], "AddressSanitizer");
+
+   zek_Pkt *whole = sim::MakeFrame(Counting(60));
+   uint32_t len = 0;
+   const volatile uint8_t *bytes = sim::FrameData(whole, &len);
+   EXPECT_EQ(bytes[59], 59);
+   EXPECT_DEATH((void)bytes[60], "AddressSanitizer");
+   zek_PktRelease(whole);
+   EXPECT_DEATH((void)bytes[0], "AddressSanitizer");
+   zek_PktRelease(part);
+   EXPECT_EQ(sim::FramesLive(), 0u);
+}
+#endif

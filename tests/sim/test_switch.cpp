@@ -108,6 +108,25 @@ TEST_F(SimChain, InsertKeepsACopyOfTheDescription) {
    EXPECT_EQ(sim::LiveChains(), 1u);
 }
 
+TEST_F(SimChain, PortHasChainsTellsEachDirectionUntilTheChainIsRemoved) {
+   EXPECT_FALSE(sim::PortHasChains(100, ZEK_IOCHAIN_INPUT));
+   EXPECT_FALSE(sim::PortHasChains(100, ZEK_IOCHAIN_OUTPUT));
+   zek_IOChainHandle in = Insert(100, ZEK_IOCHAIN_INPUT, &a_);
+   EXPECT_TRUE(sim::PortHasChains(100, ZEK_IOCHAIN_INPUT));
+   EXPECT_FALSE(sim::PortHasChains(100, ZEK_IOCHAIN_OUTPUT));
+   EXPECT_FALSE(sim::PortHasChains(101, ZEK_IOCHAIN_INPUT));
+   EXPECT_FALSE(sim::PortHasChains(999, ZEK_IOCHAIN_INPUT));
+   zek_IOChainHandle out = Insert(101, ZEK_IOCHAIN_OUTPUT, &b_);
+   EXPECT_TRUE(sim::PortHasChains(101, ZEK_IOCHAIN_OUTPUT));
+   ASSERT_EQ(zek_IOChainRemove(in), ZEK_OK);
+   EXPECT_FALSE(sim::PortHasChains(100, ZEK_IOCHAIN_INPUT));
+   EXPECT_TRUE(sim::PortHasChains(101, ZEK_IOCHAIN_OUTPUT));
+   ASSERT_TRUE(sim::RemovePort(101));
+   EXPECT_FALSE(sim::PortHasChains(101, ZEK_IOCHAIN_OUTPUT));
+   EXPECT_EQ(gCalls.size(), 2u); /* the two removal callbacks */
+   (void)out;
+}
+
 TEST_F(SimChain, InsertOnUnknownPortOrUnderFaultFails) {
    zek_IOChainDesc desc;
    std::memset(&desc, 0, sizeof desc);
