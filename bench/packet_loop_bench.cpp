@@ -41,6 +41,7 @@
 #include "vigil_packet.h"
 #include "vigil_vmi.h"
 #include "vigil_whitelist.h"
+#include "vigil_whitelist_index.h"
 #include "vigil_workers.h"
 
 namespace {
@@ -159,6 +160,10 @@ class BenchHost {
       }
       filter->portWhiteList = list;
       filter->portWhiteListSize = size;
+      /* As the configuration does: lists of four or more get their index. */
+      if (size >= 4) {
+         Check(Vigil_BuildWhiteListIndex(list, size, &filter->portWhiteListIndex), "white list index");
+      }
    }
 };
 

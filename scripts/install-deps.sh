@@ -10,7 +10,7 @@ set -eu
 PACKAGES="cmake ninja-build g++ pkg-config binutils googletest libgtest-dev \
 libgmock-dev libbenchmark-dev libtins-dev libpcap-dev nlohmann-json3-dev \
 libcli11-dev libtomlplusplus-dev libcpp-httplib-dev clang-14 libclang-rt-14-dev \
-libfuzzer-14-dev"
+libfuzzer-14-dev valgrind"
 LAB_PACKAGES="python3-pytest python3-scapy dnsmasq-base isc-dhcp-client \
 dhcpcd-base iproute2 iputils-ping ethtool radvd \
 nftables netsniff-ng thc-ipv6 yersinia dsniff etcd-server etcd-client"

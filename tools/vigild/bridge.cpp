@@ -496,8 +496,7 @@ void Bridge::ProcessBatch(Worker &w, Attachment &in, size_t count) {
       size_t accepted = w.items.size();
       zek_PktList *list = sim::MakeList();
       for (const Item &item : w.items) {
-         sim::ListAppend(list, HostFrame(item.raw->data, item.raw->len, item.vlan,
-                                         w.frameScratch));
+         sim::ListAppend(list, HostFrame(item.raw->data, item.raw->len, item.vlan));
       }
       uint32_t status = sim::SendFromVM(in.port, list);
       w.items.clear();
@@ -575,7 +574,7 @@ void Bridge::Deliver(Worker &w, Attachment &out, std::vector<Item> &items) {
       for (Item &item : items) {
          zek_Pkt *pkt = item.pkt != nullptr
                             ? item.pkt
-                            : HostFrame(item.raw->data, item.raw->len, item.vlan, w.frameScratch);
+                            : HostFrame(item.raw->data, item.raw->len, item.vlan);
          sim::ListAppend(list, pkt);
       }
       size_t given = items.size();

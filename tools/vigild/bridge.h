@@ -161,7 +161,6 @@ class Bridge {
       size_t queuesUsed = 0;
       std::vector<TxFrame> tx;
       std::vector<uint8_t> txBytes;
-      std::vector<uint8_t> frameScratch;
    };
 
    void Run(Worker &w);

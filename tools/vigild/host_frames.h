@@ -21,9 +21,8 @@
 namespace vigild {
 
 /* A host frame of `len` bytes at `data` (no 802.1Q tag in them) on that
- * VLAN.  `scratch` is the calling thread's own buffer, reused. */
-zek_Pkt *HostFrame(const uint8_t *data, size_t len, uint16_t vlan,
-                   std::vector<uint8_t> &scratch);
+ * VLAN: one copy, and no allocation once the host's frame pool is warm. */
+zek_Pkt *HostFrame(const uint8_t *data, size_t len, uint16_t vlan);
 
 /* Whether the port has input and output chains now. */
 void HostPortChains(uint32_t port, bool *input, bool *output);
