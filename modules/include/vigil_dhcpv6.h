@@ -52,6 +52,10 @@ struct VigilPacketContext;
  * for one or two IAs of one address each.  Those beyond are passed over. */
 #define VIGIL_DHCPV6_MAX_IAS 8u
 #define VIGIL_DHCPV6_MAX_IA_ADDRS 8u
+/* The longest client message kept as a pending request (its copy stays
+ * until the reply); a longer one is not tracked.  Client messages are a
+ * few hundred bytes; the UDP length would allow 64 KiB per request. */
+#define VIGIL_DHCPV6_MAX_MSG_COPY 2048u
 #define VIGIL_DHCPV6_IAADDR_ADDR 4u   /* the address inside an IA Address */
 #define VIGIL_DHCPV6_IAADDR_PREFERRED 20u
 #define VIGIL_DHCPV6_IAADDR_VALID 24u

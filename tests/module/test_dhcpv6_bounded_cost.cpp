@@ -200,28 +200,67 @@ std::string AddrsCapped(u32 iaid) {
 /* ------------------------------------------------ worst-case frames */
 
 /* A Request filling a jumbo frame with IA_TA options (1115 of them):
- * eight IA nodes while it is read, and the stored copy of the message. */
-TEST_F(Dhcpv6BoundedCostTest, RequestWithAThousandIasAllocatesEightNodesAndItsCopy) {
-   static_assert(VIGIL_DHCPV6_MAX_IAS == 8 && VIGIL_DHCPV6_MAX_IA_ADDRS == 8, "the caps");
+ * eight IA nodes while it is read, and no copy: the message is longer than
+ * a pending request may keep. */
+TEST_F(Dhcpv6BoundedCostTest, JumboRequestWithAThousandIasAllocatesEightNodesAndIsNotKept) {
+   static_assert(VIGIL_DHCPV6_MAX_IAS == 8 && VIGIL_DHCPV6_MAX_IA_ADDRS == 8 &&
+                    VIGIL_DHCPV6_MAX_MSG_COPY == 2048,
+                 "the caps");
    Bytes frame = Client(3, ManyIaTas(kJumboIaTas));
    ASSERT_EQ(frame.size(), 9014u);
    Cost cost = Measure(true, frame);
-   EXPECT_EQ(cost.allocs, 9u);
-   EXPECT_EQ(cost.peakBytes, sizeof(VigilDhcpV6Req) + kJumboMsg + kClientDuid.size() +
-                                8 * sizeof(VigilIaOpt));
-   EXPECT_EQ(filter->numDhcpV6Reqs, 1u);
-   EXPECT_EQ(Lines(kIasCapped), 1u);
+   EXPECT_EQ(cost.allocs, 8u);
+   EXPECT_EQ(cost.peakBytes, 8 * sizeof(VigilIaOpt));
+   EXPECT_EQ(filter->numDhcpV6Reqs, 0u);
+   std::vector<std::string> texts = LogTexts();
+   EXPECT_EQ(std::count(texts.begin(), texts.end(), kIasCapped), 1);
+   EXPECT_EQ(std::count(texts.begin(), texts.end(),
+                        "Filter 0x10 DHCPv6 message of 8952 bytes is longer than 2048, not "
+                        "tracked"),
+             1);
    ExpectNoLeak();
 }
 
-/* A Release whose one IA_NA carries 317 addresses: the frame's IA node,
- * the message copy, and the copy's IA with eight address nodes. */
-TEST_F(Dhcpv6BoundedCostTest, ReleaseWithThreeHundredAddressesReadsEightOfThem) {
-   Bytes frame = Client(8, {{3, IaNa(1, kJumboIaAddrs)}});
-   ASSERT_LE(frame.size(), 9014u);
+/* The longest message kept: 2048 bytes, 252 IA_TAs.  Its copy and eight
+ * IA nodes; one byte more and it is not kept. */
+TEST_F(Dhcpv6BoundedCostTest, RequestOfTheLongestKeptLengthIsKeptWithEightIaNodes) {
+   Bytes frame = Client(3, ManyIaTas((2048 - kFixed) / 8));
+   ASSERT_EQ(frame.size(), 14u + 40u + 8u + 2048u);
+   Cost cost = Measure(true, frame);
+   EXPECT_EQ(cost.allocs, 9u);
+   EXPECT_EQ(cost.peakBytes,
+             sizeof(VigilDhcpV6Req) + 2048 + kClientDuid.size() + 8 * sizeof(VigilIaOpt));
+   EXPECT_EQ(filter->numDhcpV6Reqs, 1u);
+   EXPECT_EQ(Lines(kIasCapped), 1u);
+
+   Options longer = ManyIaTas((2048 - kFixed) / 8);
+   longer.push_back({21, {}}); /* four bytes more */
+   EXPECT_EQ(Tx1(frames::Dhcpv6Frame(kVmMac, kAllAgentsMac, {kVmLinkLocal, kAllAgents, 1}, 546,
+                                     547, 3, kXid + 1, [&] {
+                                        Options o = {{1, kClientDuid}, {2, kServerDuid}};
+                                        o.insert(o.end(), longer.begin(), longer.end());
+                                        return o;
+                                     }())),
+             "forward");
+   EXPECT_EQ(filter->numDhcpV6Reqs, 1u);
+   std::vector<std::string> texts = LogTexts();
+   EXPECT_EQ(std::count(texts.begin(), texts.end(),
+                        "Filter 0x10 DHCPv6 message of 2052 bytes is longer than 2048, not "
+                        "tracked"),
+             1);
+   ExpectNoLeak();
+}
+
+/* A Release whose one IA_NA carries as many addresses as a kept message
+ * holds (71): the frame's IA node, the message copy, and the copy's IA
+ * with eight address nodes. */
+TEST_F(Dhcpv6BoundedCostTest, ReleaseWithSeventyAddressesReadsEightOfThem) {
+   constexpr u32 kAddrs = (2048 - kFixed - 16) / 28;
+   Bytes frame = Client(8, {{3, IaNa(1, kAddrs)}});
+   const size_t msgLen = frame.size() - 14 - 40 - 8;
+   ASSERT_LE(msgLen, 2048u);
    Cost cost = Measure(true, frame);
    EXPECT_EQ(cost.allocs, 1u + 1u + 1u + 8u);
-   const size_t msgLen = frame.size() - 14 - 40 - 8;
    EXPECT_EQ(cost.peakBytes, sizeof(VigilDhcpV6Req) + msgLen + kClientDuid.size() +
                                 2 * sizeof(VigilIaOpt) + 8 * sizeof(VigilIaAddrOpt));
    EXPECT_EQ(filter->numDhcpV6Reqs, 0u);
@@ -244,11 +283,11 @@ TEST_F(Dhcpv6BoundedCostTest, ReplyWithThreeHundredAddressesBindsEight) {
    ExpectNoLeak();
 }
 
-/* A Request of 1115 IA_TAs answered by a Reply of 248 IA_TAs with an
+/* A Request of 252 IA_TAs answered by a jumbo Reply of 248 IA_TAs with an
  * address each: eight IAs of each message are read and matched (at most
  * eight times eight comparisons), and the first eight bind. */
-TEST_F(Dhcpv6BoundedCostTest, ReplyToAThousandIasMatchesEightOfEach) {
-   EXPECT_EQ(Tx1(Client(3, ManyIaTas(kJumboIaTas))), "forward");
+TEST_F(Dhcpv6BoundedCostTest, ReplyToHundredsOfIasMatchesEightOfEach) {
+   EXPECT_EQ(Tx1(Client(3, ManyIaTas((2048 - kFixed) / 8))), "forward");
    sim::TakeLogs();
    constexpr u32 kReplyIas = (kJumboMsg - kFixed) / 36;
    Options ias;
