@@ -5,8 +5,9 @@
  * them.  The readers track at most VIGIL_DHCPV6_MAX_IAS IAs per message
  * and VIGIL_DHCPV6_MAX_IA_ADDRS addresses per IA, so that the module heap
  * use and the work of one frame are bounded whatever the frame holds; what
- * lies beyond is passed over with one throttled line.  Messages within the
- * caps are tracked as before.
+ * lies beyond is passed over with one throttled line.  A client message
+ * longer than VIGIL_DHCPV6_MAX_MSG_COPY is not kept as a pending request.
+ * Messages within the caps are tracked as before.
  */
 #include <algorithm>
 
