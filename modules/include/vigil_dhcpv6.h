@@ -46,6 +46,16 @@ struct VigilPacketContext;
 #define VIGIL_DHCPV6_IA_NA_FIXED 16u /* header, IAID, T1, T2 */
 #define VIGIL_DHCPV6_IA_TA_FIXED 8u  /* header, IAID */
 #define VIGIL_DHCPV6_IAADDR_FIXED 28u /* header, address, both lifetimes */
+/* What one message can make the readers track: IA options per message and
+ * IA Address options per IA.  The protocol sets no limit, and every one
+ * tracked is a node on the module heap and work for each reply; clients ask
+ * for one or two IAs of one address each.  Those beyond are passed over. */
+#define VIGIL_DHCPV6_MAX_IAS 8u
+#define VIGIL_DHCPV6_MAX_IA_ADDRS 8u
+/* The longest client message kept as a pending request (its copy stays
+ * until the reply); a longer one is not tracked.  Client messages are a
+ * few hundred bytes; the UDP length would allow 64 KiB per request. */
+#define VIGIL_DHCPV6_MAX_MSG_COPY 2048u
 #define VIGIL_DHCPV6_IAADDR_ADDR 4u   /* the address inside an IA Address */
 #define VIGIL_DHCPV6_IAADDR_PREFERRED 20u
 #define VIGIL_DHCPV6_IAADDR_VALID 24u
@@ -64,6 +74,7 @@ struct VigilIaOpt {
    u8 isIaNa;            /* 1 for IA_NA, 0 for IA_TA */
    u8 *statusOpt;        /* last Status Code inside the IA; null if none */
    VigilListLinks addrList; /* VigilIaAddrOpt; filled by VigilDhcpV6ParseIaOpt */
+   u32 numAddrs;         /* IA Address options seen, tracked or not */
 };
 
 /* One IA Address option inside an IA. */
@@ -86,6 +97,7 @@ struct VigilDhcpV6Hdrs {
    u8 *rapidCommitOpt; /* last Rapid Commit */
    u8 *statusOpt;      /* last Status Code at message level */
    VigilListLinks iaList; /* VigilIaOpt, in the order of the message */
+   u32 numIas;            /* IA options seen, tracked or not */
 };
 
 /* Names of the message types for log lines, by type. */

@@ -1,8 +1,8 @@
 /*
  * The IPv6 transmit and receive paths through the packet loop: the DHCPv6
  * client and server blocks and the router advertisement guard, which work
- * under the read lock and come before learning; what the host's header
- * parse lets the guard see behind extension headers and in fragments; the
+ * under the read lock and come before learning; what the guard sees behind
+ * extension headers and in fragments (more in test_ra_guard_evasion); the
  * relock of ND learning, and address enforcement, which every frame not
  * dropped before ends in; receive, which blocks and judges nothing.
  */
@@ -179,12 +179,12 @@ TEST_F(Ipv6PathTest, RouterAdvertisementFromTheUnspecifiedAddressIsJudgedWithThe
    EXPECT_EQ(LogTexts(), std::vector<std::string>());
 }
 
-/* The guard sees an RA when the host's header parse finds its ICMPv6 header:
- * the parse walks hop-by-hop, routing, destination options and fragment
- * headers, sixteen headers at most, and stops at a fragment that isn't the
- * first (its bytes are no transport header) and at the frame's end.  What it
- * doesn't find passes as a plain IPv6 frame (here with no warden bit: it
- * is forwarded). */
+/* The guard sees an RA behind hop-by-hop, routing, destination options and
+ * fragment headers, however many there are: the host's header parse finds
+ * the ICMPv6 header behind up to sixteen of them, and the guard walks the
+ * rest itself.  A later fragment's bytes are no header and pass.  A first
+ * fragment that ends before its ICMPv6 header is dropped: only reassembly
+ * would show what it carries. */
 TEST_F(Ipv6PathTest, RaGuardJudgesWhatTheHostsHeaderParseFindsBehindExtensionHeaders) {
    filter->featuresEnabled = VIGIL_FEAT_RA_GUARD;
    using frames::DestinationOptions;
@@ -208,8 +208,8 @@ TEST_F(Ipv6PathTest, RaGuardJudgesWhatTheHostsHeaderParseFindsBehindExtensionHea
        {HopByHopOptions(), FragmentHeader(0, true)},
        "drop"},
       {"behind fifteen headers", fifteen, "drop"},
-      /* The parse gives up after sixteen: no ICMPv6 header is found. */
-      {"behind sixteen headers", sixteen, "forward"},
+      /* The parse gives up after sixteen; the guard's own walk goes on. */
+      {"behind sixteen headers", sixteen, "drop"},
       /* The bytes of a later fragment are no header: its RA bytes are just
        * data at offset 8. */
       {"in a later fragment", {FragmentHeader(1, false)}, "forward"},
@@ -221,16 +221,18 @@ TEST_F(Ipv6PathTest, RaGuardJudgesWhatTheHostsHeaderParseFindsBehindExtensionHea
       drops += std::string(c.verdict) == "drop";
       EXPECT_EQ(filter->stats.statRaGuardDrops, drops);
    }
+   EXPECT_EQ(LogTexts(), std::vector<std::string>());
    /* A first fragment that ends behind its fragment header carries the
-    * ICMPv6 header in the next fragment, which only reassembly would join:
-    * nothing to find, it passes. */
+    * ICMPv6 header in the next fragment: dropped, and told once. */
    Bytes cut = frames::WithIpv6Extensions(Ra(), {FragmentHeader(0, true)});
    cut.resize(kIcmpAt + 8);
    cut[kIpv6At + 4] = 0;
    cut[kIpv6At + 5] = 8;
-   EXPECT_EQ(Tx1(cut), "forward");
-   EXPECT_EQ(filter->stats.statRaGuardDrops, drops);
-   EXPECT_EQ(LogTexts(), std::vector<std::string>());
+   EXPECT_EQ(Tx1(cut), "drop");
+   EXPECT_EQ(filter->stats.statRaGuardDrops, drops + 1);
+   EXPECT_EQ(LogTexts(), std::vector<std::string>{
+                            "Filter 0x10 RA guard dropped a frame whose IPv6 header chain is "
+                            "incomplete on port 0x10"});
 }
 
 /* ------------------------------------------- learning and the warden */

@@ -64,6 +64,7 @@ static void VigilDhcpV6ClearHdrs(VigilDhcpV6Hdrs *hdrs, u8 *msg) {
    hdrs->rapidCommitOpt = nullptr;
    hdrs->statusOpt = nullptr;
    VigilListInit(&hdrs->iaList);
+   hdrs->numIas = 0;
 }
 
 /* Keeps the Status Code option `opt` of whole size `size` in `slot`; one too
@@ -77,8 +78,20 @@ static void VigilDhcpV6TakeStatus(VigilFilter *filter, u8 *opt, u32 size, u8 **s
    *slot = opt;
 }
 
-/* Adds a node for the IA option `opt` at the tail of the record's list. */
-static bool VigilDhcpV6AddIa(VigilDhcpV6Hdrs *hdrs, u8 *opt, bool isIaNa) {
+/* Adds a node for the IA option `opt` at the tail of the record's list.
+ * Beyond VIGIL_DHCPV6_MAX_IAS the IA is passed over, told once per
+ * message; false only when the node can't be allocated. */
+static bool VigilDhcpV6AddIa(VigilFilter *filter, VigilDhcpV6Hdrs *hdrs, u8 *opt,
+                             bool isIaNa) {
+   hdrs->numIas++;
+   if (hdrs->numIas > VIGIL_DHCPV6_MAX_IAS) {
+      if (hdrs->numIas == VIGIL_DHCPV6_MAX_IAS + 1) {
+         VIGIL_LOG_THROTTLED("Filter %#x DHCPv6 message has more than %u IAs, the rest are "
+                             "not tracked",
+                             filter->portID, VIGIL_DHCPV6_MAX_IAS);
+      }
+      return true;
+   }
    VigilIaOpt *ia = (VigilIaOpt *)Vigil_HeapAlloc(sizeof *ia);
    if (ia == nullptr) {
       return false;
@@ -86,6 +99,7 @@ static bool VigilDhcpV6AddIa(VigilDhcpV6Hdrs *hdrs, u8 *opt, bool isIaNa) {
    ia->iaOpt = opt;
    ia->isIaNa = isIaNa ? 1 : 0;
    ia->statusOpt = nullptr;
+   ia->numAddrs = 0;
    VigilListInit(&ia->addrList);
    VigilListInsertBefore(&hdrs->iaList, &ia->links);
    return true;
@@ -117,7 +131,7 @@ static bool VigilDhcpV6FrameOption(VigilFilter *filter, VigilDhcpV6Hdrs *hdrs, u
          VIGIL_LOG_THROTTLED("Filter %#x Error! Invalid IANA Options len", filter->portID);
          return false;
       }
-      if (!VigilDhcpV6AddIa(hdrs, opt, true)) {
+      if (!VigilDhcpV6AddIa(filter, hdrs, opt, true)) {
          VIGIL_LOG_THROTTLED("Filter %#x Error! IANA alloc failed, quit parsing",
                              filter->portID);
          return false;
@@ -128,7 +142,7 @@ static bool VigilDhcpV6FrameOption(VigilFilter *filter, VigilDhcpV6Hdrs *hdrs, u
          VIGIL_LOG_THROTTLED("Filter %#x Error! Invalid IATA Options len", filter->portID);
          return false;
       }
-      if (!VigilDhcpV6AddIa(hdrs, opt, false)) {
+      if (!VigilDhcpV6AddIa(filter, hdrs, opt, false)) {
          VIGIL_LOG_THROTTLED("Filter %#x Error! IATA alloc failed, quit parsing",
                              filter->portID);
          return false;
@@ -280,7 +294,7 @@ zek_Status VigilDhcpV6ParseReq(VigilFilter *filter, u8 **msgPtr, u16 *msgLenPtr,
          if (size < VIGIL_DHCPV6_IA_NA_FIXED) {
             return VigilDhcpV6ReqParseFailure(filter, hdrs);
          }
-         if (!VigilDhcpV6AddIa(hdrs, opt, true)) {
+         if (!VigilDhcpV6AddIa(filter, hdrs, opt, true)) {
             VIGIL_LOG_THROTTLED("Filter %#x Error! IANA alloc failed", filter->portID);
             return VigilDhcpV6ReqParseFailure(filter, hdrs);
          }
@@ -289,7 +303,7 @@ zek_Status VigilDhcpV6ParseReq(VigilFilter *filter, u8 **msgPtr, u16 *msgLenPtr,
          if (size < VIGIL_DHCPV6_IA_TA_FIXED) {
             return VigilDhcpV6ReqParseFailure(filter, hdrs);
          }
-         if (!VigilDhcpV6AddIa(hdrs, opt, false)) {
+         if (!VigilDhcpV6AddIa(filter, hdrs, opt, false)) {
             VIGIL_LOG_THROTTLED("Filter %#x Error! IATA alloc failed", filter->portID);
             return VigilDhcpV6ReqParseFailure(filter, hdrs);
          }
@@ -364,6 +378,16 @@ void VigilDhcpV6ParseIaAddr(VigilFilter *filter, VigilIaOpt *ia, u8 *addrOpt) {
    if (addrOptLen < VIGIL_DHCPV6_IAADDR_FIXED) {
       VIGIL_LOG_THROTTLED("Filter %#x Error! IA Address option too short: %u",
                           filter->portID, addrOptLen);
+      return;
+   }
+   ia->numAddrs++;
+   if (ia->numAddrs > VIGIL_DHCPV6_MAX_IA_ADDRS) {
+      if (ia->numAddrs == VIGIL_DHCPV6_MAX_IA_ADDRS + 1) {
+         VIGIL_LOG_THROTTLED("Filter %#x DHCPv6 IA %#x has more than %u addresses, the rest "
+                             "are not tracked",
+                             filter->portID, VigilGetBe32(ia->iaOpt + 4),
+                             VIGIL_DHCPV6_MAX_IA_ADDRS);
+      }
       return;
    }
    VigilIaAddrOpt *addr = (VigilIaAddrOpt *)Vigil_HeapAlloc(sizeof *addr);

@@ -98,6 +98,11 @@ VigilDhcpV6Req *VigilCreateDhcpV6Req(VigilFilter *filter, zek_Pkt *pkt, VigilPac
    u16 udpLen = VigilGetBe16(ctx->l4Hdr + 4);
    /* The parse has checked the UDP length against the frame already. */
    u16 msgLen = udpLen >= VIGIL_UDP_HDR_LEN ? (u16)(udpLen - VIGIL_UDP_HDR_LEN) : 0;
+   if (msgLen > VIGIL_DHCPV6_MAX_MSG_COPY) {
+      VIGIL_LOG_THROTTLED("Filter %#x DHCPv6 message of %u bytes is longer than %u, not tracked",
+                          filter->portID, (u32)msgLen, VIGIL_DHCPV6_MAX_MSG_COPY);
+      return nullptr;
+   }
    VigilDhcpV6Req *req =
       (VigilDhcpV6Req *)Vigil_HeapAlloc((u32)sizeof(VigilDhcpV6Req) + msgLen + clientIdLen);
    if (req == nullptr) {
