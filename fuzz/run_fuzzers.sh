@@ -3,24 +3,28 @@
 # executions and coverage (cov: edges, ft: features, from libFuzzer's last
 # status line).  Usage: fuzz/run_fuzzers.sh BUILD_DIR SECONDS [HARNESS ...]
 #
-# New inputs go to BUILD_DIR/corpus/<harness> (the committed seeds in
+# New inputs go to WORK/corpus/<harness> (the committed seeds in
 # fuzz/corpus/<harness> are read, never written); crashes, leaks and
-# timeouts to BUILD_DIR/artifacts/<harness>/, each failing the run.
+# timeouts to WORK/artifacts/<harness>/, each failing the run; each
+# harness's output to WORK/fuzz_<harness>.log.  WORK is $FUZZ_WORK, by
+# default BUILD_DIR.
 set -u
 build=$1
 seconds=$2
 shift 2
+work=${FUZZ_WORK:-$build}
+mkdir -p "$work"
 src=$(cd "$(dirname "$0")" && pwd)
 harnesses=${*:-"packet_loop dhcp dhcpv6 nd property mgmt restore"}
 
 # One dictionary per harness; the packet loop takes all of them.
-cat "$src"/dict/*.dict > "$build/all.dict"
+cat "$src"/dict/*.dict > "$work/all.dict"
 dict_of() {
    case $1 in
       dhcp) echo "$src/dict/dhcp.dict" ;;
       dhcpv6) echo "$src/dict/dhcpv6.dict" ;;
       nd) echo "$src/dict/nd.dict" ;;
-      packet_loop) echo "$build/all.dict" ;;
+      packet_loop) echo "$work/all.dict" ;;
       *) echo "" ;;
    esac
 }
@@ -29,9 +33,9 @@ failed=0
 table=""
 for h in $harnesses; do
    bin="$build/fuzz/fuzz_$h"
-   corpus="$build/corpus/$h"
-   artifacts="$build/artifacts/$h"
-   log="$build/fuzz_$h.log"
+   corpus="$work/corpus/$h"
+   artifacts="$work/artifacts/$h"
+   log="$work/fuzz_$h.log"
    mkdir -p "$corpus" "$artifacts"
    dict=$(dict_of "$h")
    echo "== fuzz_$h: $seconds s" >&2
