@@ -6,12 +6,15 @@
 #   make bench   build an optimised copy (no debug checks) and print the
 #                data path benchmarks as one table, also written as JSON
 #   make demo    build vigilsim and run examples/demo.vsim as readable text
+#   make fuzz    build the libFuzzer harnesses with clang-14 and run each for
+#                FUZZ_SECONDS (600), printing executions and coverage
 
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 
-.PHONY: all deps build build-asan build-tsan test test-default test-asan test-tsan bench demo clean
+.PHONY: all deps build build-asan build-tsan build-fuzz test test-default test-asan test-tsan \
+        test-fuzz fuzz bench demo clean
 
 all: build
 
@@ -51,7 +54,28 @@ test-tsan: build-tsan
 	@echo "== tests: ThreadSanitizer build, race, world and lifecycle tests"
 	@cd $(BUILD_DIR)/tsan && TSAN_OPTIONS="$(TSAN_OPTIONS_RACE)" ctest $(CTEST_FLAGS) -R "$(TSAN_TESTS)"
 
-test: test-default test-asan test-tsan
+# libFuzzer harnesses (fuzz/), in build/fuzz with clang-14: each runs in
+# turn; a crash, leak, invariant failure or timeout fails the target.
+FUZZ_SECONDS ?= 600
+FUZZ_HARNESSES = packet_loop dhcp dhcpv6 nd property mgmt restore
+
+build-fuzz: deps
+	@CC=clang-14 CXX=clang++-14 cmake -S . -B $(BUILD_DIR)/fuzz -G Ninja \
+	   -DCMAKE_BUILD_TYPE=Debug -DVIGIL_FUZZ=ON >/dev/null
+	@cmake --build $(BUILD_DIR)/fuzz -j $(JOBS) --target $(addprefix fuzz_,$(FUZZ_HARNESSES))
+
+fuzz: build-fuzz
+	@echo "== fuzzing: each harness for $(FUZZ_SECONDS) s"
+	@sh fuzz/run_fuzzers.sh $(BUILD_DIR)/fuzz $(FUZZ_SECONDS) $(FUZZ_HARNESSES)
+
+# From the committed seeds only, so that what make fuzz has gathered
+# doesn't take the 20 s to replay.
+test-fuzz: build-fuzz
+	@echo "== fuzzing: each harness for 20 s"
+	@rm -rf $(BUILD_DIR)/fuzz/test
+	@FUZZ_WORK=$(BUILD_DIR)/fuzz/test sh fuzz/run_fuzzers.sh $(BUILD_DIR)/fuzz 20 $(FUZZ_HARNESSES)
+
+test: test-default test-asan test-tsan test-fuzz
 
 bench: deps
 	@cmake -S . -B $(BUILD_DIR)/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DVIGIL_DEBUG_CHECKS=OFF >/dev/null
