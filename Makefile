@@ -5,12 +5,14 @@
 #                then the race test under ThreadSanitizer (make test-tsan)
 #   make bench   build and run the data path benchmarks
 #   make demo    build vigilsim and run examples/demo.vsim as readable text
+#   make fault-sweep  rerun every scenario with each allocation and each
+#                failable platform call failing in turn (docs/fault-sweep.md)
 
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 
-.PHONY: all deps build build-asan build-tsan test test-default test-asan test-tsan bench demo clean
+.PHONY: all deps build build-asan build-tsan test test-default test-asan test-tsan bench demo fault-sweep clean
 
 all: build
 
@@ -60,6 +62,13 @@ demo: deps
 	@cmake -S . -B $(BUILD_DIR)/default -G Ninja -DCMAKE_BUILD_TYPE=Debug >/dev/null
 	@cmake --build $(BUILD_DIR)/default -j $(JOBS) --target vigilsim
 	@$(BUILD_DIR)/default/tools/vigilsim --text examples/demo.vsim
+
+FAULT_SWEEP_JOBS ?= 2
+
+fault-sweep: deps
+	@cmake -S . -B $(BUILD_DIR)/default -G Ninja -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake --build $(BUILD_DIR)/default -j $(JOBS) --target vigilsim
+	@python3 scripts/fault-sweep.py --vigilsim $(BUILD_DIR)/default/tools/vigilsim --jobs $(FAULT_SWEEP_JOBS)
 
 clean:
 	rm -rf $(BUILD_DIR)
