@@ -8,13 +8,15 @@
 #   make demo    build vigilsim and run examples/demo.vsim as readable text
 #   make fuzz    build the libFuzzer harnesses with clang-14 and run each for
 #                FUZZ_SECONDS (600), printing executions and coverage
+#   make fault-sweep  rerun every scenario with each allocation and each
+#                failable platform call failing in turn (docs/fault-sweep.md)
 
 BUILD_DIR ?= build
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 CTEST_FLAGS ?= --output-on-failure -j $(JOBS) --timeout 300
 
 .PHONY: all deps build build-asan build-tsan build-fuzz test test-default test-asan test-tsan \
-        test-fuzz fuzz bench demo clean
+        test-fuzz fuzz bench demo fault-sweep clean
 
 all: build
 
@@ -86,6 +88,13 @@ demo: deps
 	@cmake -S . -B $(BUILD_DIR)/default -G Ninja -DCMAKE_BUILD_TYPE=Debug >/dev/null
 	@cmake --build $(BUILD_DIR)/default -j $(JOBS) --target vigilsim
 	@$(BUILD_DIR)/default/tools/vigilsim --text examples/demo.vsim
+
+FAULT_SWEEP_JOBS ?= 2
+
+fault-sweep: deps
+	@cmake -S . -B $(BUILD_DIR)/default -G Ninja -DCMAKE_BUILD_TYPE=Debug >/dev/null
+	@cmake --build $(BUILD_DIR)/default -j $(JOBS) --target vigilsim
+	@python3 scripts/fault-sweep.py --vigilsim $(BUILD_DIR)/default/tools/vigilsim --jobs $(FAULT_SWEEP_JOBS)
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -20,6 +20,9 @@ struct CallFault {
 std::mutex gFaultMutex;
 /* std::less<> finds a name given as a C string without building a string. */
 std::map<std::string, CallFault, std::less<>> gCallFaults;
+/* CountCalls: whether calls are counted, and how often each name was called. */
+bool gCountingCalls;
+std::map<std::string, uint64_t, std::less<>> gCallCounts;
 FailureHook gFailureHook;
 
 std::vector<ResetHook> &ResetHooks() {
@@ -27,10 +30,12 @@ std::vector<ResetHook> &ResetHooks() {
    return hooks;
 }
 
-/* Publishes the table's size; the caller holds gFaultMutex. */
+/* Publishes the table's size; the caller holds gFaultMutex.  Counting
+ * calls counts as one more armed entry, so that every call comes to
+ * FaultCheck to be counted. */
 void PublishArmedCount() {
-   gArmedCallFaults.store(static_cast<uint32_t>(gCallFaults.size()),
-                          std::memory_order_relaxed);
+   uint32_t armed = static_cast<uint32_t>(gCallFaults.size()) + (gCountingCalls ? 1u : 0u);
+   gArmedCallFaults.store(armed, std::memory_order_relaxed);
 }
 
 } // namespace
@@ -75,6 +80,14 @@ bool FaultCheck(const char *name, zek_Status *status) {
       return false;
    }
    std::lock_guard<std::mutex> guard(gFaultMutex);
+   if (gCountingCalls) {
+      auto counted = gCallCounts.find(std::string_view(name));
+      if (counted == gCallCounts.end()) {
+         gCallCounts.emplace(name, 1);
+      } else {
+         counted->second++;
+      }
+   }
    auto it = gCallFaults.find(std::string_view(name));
    if (it == gCallFaults.end()) {
       return false;
@@ -92,10 +105,26 @@ bool FaultCheck(const char *name, zek_Status *status) {
    return true;
 }
 
+void CountCalls(bool on) {
+   std::lock_guard<std::mutex> guard(gFaultMutex);
+   if (on) {
+      gCallCounts.clear();
+   }
+   gCountingCalls = on;
+   PublishArmedCount();
+}
+
+std::vector<std::pair<std::string, uint64_t>> CallCounts() {
+   std::lock_guard<std::mutex> guard(gFaultMutex);
+   return {gCallCounts.begin(), gCallCounts.end()};
+}
+
 void Reset() {
    {
       std::lock_guard<std::mutex> guard(gFaultMutex);
       gCallFaults.clear();
+      gCallCounts.clear();
+      gCountingCalls = false;
       PublishArmedCount();
    }
    for (ResetHook hook : ResetHooks()) {

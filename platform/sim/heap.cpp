@@ -39,6 +39,8 @@ uint64_t gAllocSeq;
 /* FaultAlloc: allocations to let through, then allocations to fail. */
 uint32_t gAllocSkip;
 uint32_t gAllocFail;
+/* Allocations asked of a known heap, failed ones included. */
+uint64_t gAllocTried;
 /* Heap history: creations and destructions are numbered in one sequence
  * that Reset does not restart, so that a mark stays comparable. */
 uint64_t gHeapEvents;
@@ -75,6 +77,7 @@ void ResetHeaps() {
    gAllocSeq = 0;
    gAllocSkip = 0;
    gAllocFail = 0;
+   gAllocTried = 0;
 }
 
 struct Registrar {
@@ -83,6 +86,7 @@ struct Registrar {
 
 /* Consumes one allocation from the FaultAlloc plan; true when it must fail. */
 bool AllocFaultNow() {
+   gAllocTried++;
    if (gAllocFail == 0) {
       return false;
    }
@@ -105,6 +109,11 @@ void FaultAlloc(uint32_t n, uint32_t count) {
    }
    gAllocSkip = n - 1;
    gAllocFail = count;
+}
+
+uint64_t AllocationsTried() {
+   std::lock_guard<std::mutex> guard(gHeapMutex);
+   return gAllocTried;
 }
 
 HeapStats GetHeapStats(zek_HeapID heap) {

@@ -38,6 +38,12 @@ void FaultCall(const std::string &name, zek_Status status, uint32_t count = 1,
 void FaultClear();
 /* Used by the host's own calls: true (and *status set) when NAME must fail now. */
 bool FaultCheck(const char *name, zek_Status *status);
+/* Counting of the calls that can be failed: from CountCalls(true) on, every
+ * call by NAME is counted (whether it fails or not) until CountCalls(false).
+ * CountCalls(true) starts the counts again from zero.  A fault sweep reads
+ * them to know which calls a run makes and how often. */
+void CountCalls(bool on);
+std::vector<std::pair<std::string, uint64_t>> CallCounts(); /* by name */
 
 /* -------------------------------------------------------------- heap */
 struct HeapStats {
@@ -54,6 +60,9 @@ HeapStats GetHeapStats(zek_HeapID heap);
 /* The N-th allocation from now (1 = the next) fails, and count-1 after it.
  * Applies to every heap. */
 void FaultAlloc(uint32_t n, uint32_t count = 1);
+/* Allocations asked of any heap since Reset, failed ones included: the
+ * numbering that FaultAlloc counts in. */
+uint64_t AllocationsTried();
 /* Live allocations of the last heap that was destroyed (its leak report),
  * and of every heap destroyed since Reset. */
 std::vector<HeapLeak> LastHeapLeaks();

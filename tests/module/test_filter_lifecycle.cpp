@@ -396,6 +396,25 @@ TEST_F(FilterLifecycle, FailedSlotUnsetLeavesAWorkingFilterAndReportsSuccess) {
    EXPECT_EQ(filter->stats.statBpduDrops, 1u);
 }
 
+TEST_F(FilterLifecycle, PortRemovalFreesTheFilterWhenTheSlotCannotBeCleared) {
+   u32 locks = sim::LiveLocks();
+   u64 live = sim::GetHeapStats(heapID).allocations;
+   VigilFilter *filter = Create(kPort);
+   ASSERT_EQ(Vigil_InstallIOChain(filter), ZEK_OK);
+   LearnArp(filter);
+   sim::TakeLogs();
+   /* The slot goes with the port whatever the unset answers. */
+   sim::FaultCall("PortVoltaliteDataUnset", kInvalidData);
+   ASSERT_TRUE(sim::RemovePort(kPort));
+   std::vector<sim::LogLine> lines = TakeModuleLogs();
+   ASSERT_EQ(lines.size(), 1u);
+   EXPECT_EQ(lines[0].text, "Not able to clear filter from port 16");
+   EXPECT_EQ(sim::LiveChains(), 0u);
+   EXPECT_EQ(numFilters, 0u);
+   EXPECT_EQ(sim::LiveLocks(), locks);
+   EXPECT_EQ(sim::GetHeapStats(heapID).allocations, live);
+}
+
 TEST_F(FilterLifecycle, PortTeardownTakesTheChainsThenTheFilter) {
    VigilFilter *filter = Create(kPort);
    ASSERT_EQ(Vigil_InstallIOChain(filter), ZEK_OK);

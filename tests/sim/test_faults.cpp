@@ -5,7 +5,9 @@
  */
 #include <atomic>
 #include <chrono>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "sim_test_fixture.h"
@@ -183,6 +185,42 @@ TEST_F(SimFaults, AnArmWhileThreadsCallIsSeenExactlyCountTimes) {
    stop = true;
    for (std::thread &t : threads) t.join();
    EXPECT_EQ(failed.load(), 3);
+}
+
+TEST_F(SimFaults, CountedCallsAreEveryCallByNameFailedOrNotFromTheStartOfCounting) {
+   EXPECT_FALSE(Check("Before"));
+   sim::CountCalls(true);
+   sim::FaultCall("Thing", kInjected, 1, 1);
+   EXPECT_FALSE(Check("Thing"));
+   EXPECT_TRUE(Check("Thing"));
+   EXPECT_FALSE(Check("Thing"));
+   EXPECT_FALSE(Check("Other"));
+   sim::FaultClear(); /* clears faults, not the counting */
+   EXPECT_FALSE(Check("Other"));
+   using Counts = std::vector<std::pair<std::string, uint64_t>>;
+   EXPECT_EQ(sim::CallCounts(), (Counts{{"Other", 2}, {"Thing", 3}}));
+   sim::CountCalls(false);
+   EXPECT_FALSE(Check("Thing"));
+   EXPECT_EQ(sim::CallCounts(), (Counts{{"Other", 2}, {"Thing", 3}}));
+   sim::CountCalls(true);
+   EXPECT_EQ(sim::CallCounts(), Counts{}) << "counting again starts from zero";
+   sim::CountCalls(false);
+}
+
+TEST_F(SimFaults, AllocationsTriedCountFailedOnesInTheNumberingOfFaultAlloc) {
+   zek_HeapID heap = nullptr;
+   ASSERT_EQ(CreateHeap(&heap), ZEK_OK);
+   uint64_t before = sim::AllocationsTried();
+   sim::FaultAlloc(2);
+   void *first = zek_HeapAllocWithRA(heap, 8, nullptr);
+   EXPECT_NE(first, nullptr);
+   EXPECT_EQ(zek_HeapAllocWithRA(heap, 8, nullptr), nullptr);
+   void *third = zek_HeapAllocWithRA(heap, 8, nullptr);
+   EXPECT_NE(third, nullptr);
+   EXPECT_EQ(sim::AllocationsTried() - before, 3u);
+   zek_HeapFree(heap, first);
+   zek_HeapFree(heap, third);
+   zek_HeapDestroy(heap);
 }
 
 } // namespace

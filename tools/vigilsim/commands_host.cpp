@@ -286,9 +286,29 @@ void Session::CmdFault(const std::vector<Token> &t, Json &out) {
    } else if (sub == "clear") {
       if (t.size() != 2) throw ToolError("usage: fault clear");
       sim::FaultClear();
+   } else if (sub == "count") {
+      /* `fault count on` starts counting the allocations and the calls that
+       * can be failed; `fault count` shows them, numbered as `fault alloc`
+       * and `fault call ... after=K` count, so that a fault sweep knows
+       * which faults a script can meet. */
+      const char *usage = "usage: fault count [on|off]";
+      if (t.size() > 3) throw ToolError(usage);
+      std::string word = t.size() == 3 ? t[2].text : "";
+      if (word == "on" || word == "off") {
+         sim::CountCalls(word == "on");
+         if (word == "on") allocsCountedFrom_ = sim::AllocationsTried();
+         out["counting"] = word == "on";
+      } else if (word.empty()) {
+         out["allocs"] = sim::AllocationsTried() - allocsCountedFrom_;
+         Json calls = Json::object();
+         for (const auto &[name, count] : sim::CallCounts()) calls[name] = count;
+         out["calls"] = calls;
+      } else {
+         throw ToolError(usage);
+      }
    } else {
       throw ToolError("usage: fault alloc N [count=C] | fault call NAME STATUS [count=N] "
-                      "[after=K] | fault clear");
+                      "[after=K] | fault clear | fault count [on|off]");
    }
 }
 

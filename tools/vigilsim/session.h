@@ -162,6 +162,8 @@ class Session {
     * restore of such a file counts the time the move took. */
    std::map<std::string, double> savedAt_;
    bool virtualClock_ = true;
+   /* The allocations the host had counted at `fault count on`. */
+   uint64_t allocsCountedFrom_ = 0;
    std::vector<std::string> portsets_;           /* in creation order */
    std::map<uint32_t, std::string> ports_;       /* port id -> portset */
    uint64_t throttledSeen_ = 0;

@@ -179,6 +179,8 @@ void VigilFilterSetDefaults(VigilFilter *filter) {
    filter->agingKey = VIGIL_AGING_KEY_NONE;
 }
 
+static zek_Status VigilDestroyFilterOfGoingPort(zek_PortID portID);
+
 zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
                               VigilFilter **out) {
    VigilFilter *filter = (VigilFilter *)Vigil_HeapAlloc(sizeof(VigilFilter));
@@ -219,7 +221,7 @@ zek_Status Vigil_CreateFilter(zek_PortsetHandle portset, u32 portID,
       return status;
    }
    status = oxa_PortVoltaliteDataSet(portID, VIGIL_FILTER_SLOT, filter,
-                                     Vigil_DestroyFilter);
+                                     VigilDestroyFilterOfGoingPort);
    if (status != ZEK_OK) {
       VIGIL_LOG_ERROR_CODE(status, "VigilAssociateFilter failed");
       zek_SpinlockDestroy(filter->configLock);
@@ -257,7 +259,12 @@ static void VigilReleaseFilterConfig(VigilFilter *filter) {
    filter->portIgnoreList = nullptr;
 }
 
-extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID) {
+/* Destroys the port's filter.  `portGoing`: the host runs this as the
+ * port's slot destructor, and the slot goes with the port whatever the
+ * unset answers; otherwise a slot that can't be cleared keeps its filter,
+ * which goes when the port does.  (It shares the name of the exported call
+ * so that its log lines name that.) */
+static zek_Status Vigil_DestroyFilter(zek_PortID portID, bool portGoing) {
    VIGIL_LOG_VERBOSE(1, "Destroying Filter for port %#x", portID);
    /* Disable, port removal and module stop all come through here: the
     * moment to try again the chains that could not be removed before. */
@@ -277,7 +284,9 @@ extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID) {
    zek_Status status = oxa_PortVoltaliteDataUnset(portID, VIGIL_FILTER_SLOT);
    if (status != ZEK_OK && status != VIGIL_STATUS_NOT_FOUND) {
       VIGIL_LOG_ERROR_CODE(status, "Not able to clear filter from port %d", (int)portID);
-      return ZEK_OK;
+      if (!portGoing) {
+         return ZEK_OK;
+      }
    }
    if (filter->vmiHash != nullptr && filter->vmiHash->common.count != 0) {
       VIGIL_LOG_INFO("Freeing non empty v4 hash for port: %#x, cnt: %lu", portID,
@@ -303,6 +312,15 @@ extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID) {
       VigilFreeFilter(filter);
    }
    return ZEK_OK;
+}
+
+extern "C" zek_Status Vigil_DestroyFilter(zek_PortID portID) {
+   return Vigil_DestroyFilter(portID, false);
+}
+
+/* The destructor of the filter's slot, run by the host as the port goes. */
+static zek_Status VigilDestroyFilterOfGoingPort(zek_PortID portID) {
+   return Vigil_DestroyFilter(portID, true);
 }
 
 zek_Status VigilClearFeaturesWithOptFlush(VigilFilter *filter, bool flush) {

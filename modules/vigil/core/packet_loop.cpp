@@ -179,6 +179,10 @@ static void VigilPathprobeStep(zek_PktListIter *iter, zek_Pkt **pkt,
    }
 
    start = (u8 *)zek_PktFrameMappedPointerGet(current);
+   if (start == nullptr) {
+      status = VIGIL_STATUS_BAD_DATA;
+      goto done;
+   }
    {
       /* The Ethernet header counts as 14 bytes whatever a tag may do. */
       u64 metaOffset;
@@ -254,6 +258,10 @@ zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch) {
       ctx.mappedLen = zek_PktFrameMappedLenGet(pkt);
       if (ctx.mappedLen > ctx.frameLen) {
          ctx.mappedLen = ctx.frameLen;
+      }
+      /* Without a mapped part every header is read through a copy. */
+      if (ctx.frameMapped == nullptr) {
+         ctx.mappedLen = 0;
       }
       ctx.flatCopy = nullptr;
       ctx.dhcpHdr = nullptr;
