@@ -136,14 +136,17 @@ std::string RenderUpgradeSwitch(const Json &r) {
    return out;
 }
 
-/* `upgrade --module PATH` (or --module=PATH) is the command's module=PATH. */
-void UpgradeWords(std::vector<std::string> &words) {
-   if (words.empty() || words[0] != "upgrade") return;
+/* For command `cmd`, its option `--NAME VALUE` (or --NAME=VALUE) becomes
+ * the vigild argument NAME=VALUE: `upgrade --module PATH`, `fleet bindings
+ * --vlan N`. */
+void OptionWords(std::vector<std::string> &words, const char *cmd, const std::string &name) {
+   if (words.empty() || words[0] != cmd) return;
+   const std::string option = "--" + name;
    for (size_t i = 1; i < words.size(); i++) {
-      if (words[i] == "--module" && i + 1 < words.size()) {
-         words[i] = "module=" + words[i + 1];
+      if (words[i] == option && i + 1 < words.size()) {
+         words[i] = name + "=" + words[i + 1];
          words.erase(words.begin() + static_cast<std::ptrdiff_t>(i) + 1);
-      } else if (words[i].rfind("--module=", 0) == 0) {
+      } else if (words[i].rfind(option + "=", 0) == 0) {
          words[i] = words[i].substr(2);
       }
    }
@@ -155,19 +158,6 @@ void ApplyWords(std::vector<std::string> &words) {
    if (words.size() != 2 || words[0] != "apply" || words[1].empty() || words[1][0] == '/') return;
    char cwd[4096];
    if (getcwd(cwd, sizeof cwd) != nullptr) words[1] = std::string(cwd) + "/" + words[1];
-}
-
-/* `fleet bindings --vlan N` (or --vlan=N) is the command's vlan=N. */
-void FleetWords(std::vector<std::string> &words) {
-   if (words.empty() || words[0] != "fleet") return;
-   for (size_t i = 1; i < words.size(); i++) {
-      if (words[i] == "--vlan" && i + 1 < words.size()) {
-         words[i] = "vlan=" + words[i + 1];
-         words.erase(words.begin() + static_cast<std::ptrdiff_t>(i) + 1);
-      } else if (words[i].rfind("--vlan=", 0) == 0) {
-         words[i] = words[i].substr(2);
-      }
-   }
 }
 
 /* The passed-on commands that have a page of their own. */
@@ -257,9 +247,9 @@ int main(int argc, char **argv) {
       globals.json = json;
       return vigilctl::RunOwnCommand(words, globals);
    }
-   UpgradeWords(words);
+   OptionWords(words, "upgrade", "module");
+   OptionWords(words, "fleet", "vlan");
    ApplyWords(words);
-   FleetWords(words);
    control = vigilctl::ControlPath(control);
    std::string line = vigilctl::Line(words);
    if (line.find('\n') != std::string::npos) {
