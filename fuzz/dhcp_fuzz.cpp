@@ -28,18 +28,15 @@ void Configure(uint8_t selector) {
    Discovery(kPort, selector & 4, true, false, false);
    uint32_t features = ((selector & 1) ? 0x20u : 0) | ((selector & 2) ? 0x80u : 0) |
                        ((selector & 8) ? 0x40u : 0);
-   Bytes security(32, 0);
-   memcpy(&security[0], &features, 4);
+   std::vector<Bytes> portList;
    if (selector & 8) {
-      uint32_t one = 1;
-      memcpy(&security[24], &one, 4);
       Bytes entry(32, 0);
       entry[0] = 0x01; /* an IPv4 entry */
       entry[12] = 192, entry[13] = 0, entry[14] = 2;
       entry[28] = 24;
-      security.insert(security.end(), entry.begin(), entry.end());
+      portList.push_back(entry);
    }
-   (void)WriteProp(kPort, kSecurity, security);
+   Security(kPort, features, 0, portList);
 }
 
 } // namespace

@@ -158,10 +158,14 @@ void Discovery(zek_PortID port, bool arp, bool dhcp, bool nd, bool dhcpv6) {
    (void)WriteProp(port, kDiscovery6, six);
 }
 
-void Security(zek_PortID port, uint32_t features, uint32_t rateLimit) {
+void Security(zek_PortID port, uint32_t features, uint32_t rateLimit,
+              const std::vector<Bytes> &portList) {
    Bytes blob(32, 0);
    memcpy(&blob[0], &features, 4);
    for (size_t at = 4; at < 20; at += 4) memcpy(&blob[at], &rateLimit, 4);
+   uint32_t entries = static_cast<uint32_t>(portList.size());
+   memcpy(&blob[24], &entries, 4);
+   for (const Bytes &entry : portList) blob.insert(blob.end(), entry.begin(), entry.end());
    (void)WriteProp(port, kSecurity, blob);
 }
 

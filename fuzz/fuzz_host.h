@@ -59,8 +59,10 @@ zek_Status CleanupProp(zek_PortID port, Prop prop);
 void EnablePort(zek_PortID port);
 /* IPv4 discovery (ARP, DHCP) and IPv6 discovery (ND, DHCPv6, expiry). */
 void Discovery(zek_PortID port, bool arp, bool dhcp, bool nd, bool dhcpv6);
-/* The security blob's header alone: features and the four rate limits. */
-void Security(zek_PortID port, uint32_t features, uint32_t rateLimit);
+/* The security blob: features, the four rate limits, and the port white
+ * list's entries (32 bytes each, none by default). */
+void Security(zek_PortID port, uint32_t features, uint32_t rateLimit,
+              const std::vector<Bytes> &portList = {});
 
 /* One batch of frames from the VM (toSwitch) or to it, through the port's
  * chains as the switch runs them.  Each frame is given with the mapped

@@ -38,18 +38,15 @@ void Configure(uint8_t selector) {
    EnablePort(kPort);
    Discovery(kPort, false, false, true, selector & 2);
    uint32_t features = ((selector & 1) ? 0x2000u : 0) | ((selector & 4) ? 0x40u : 0);
-   Bytes security(32, 0);
-   memcpy(&security[0], &features, 4);
+   std::vector<Bytes> portList;
    if (selector & 4) {
-      uint32_t one = 1;
-      memcpy(&security[24], &one, 4);
       Bytes entry(32, 0);
       entry[0] = 0x02; /* an IPv6 entry */
       entry[12] = 0x20, entry[13] = 0x01, entry[14] = 0x0d, entry[15] = 0xb8;
       entry[28] = 32;
-      security.insert(security.end(), entry.begin(), entry.end());
+      portList.push_back(entry);
    }
-   (void)WriteProp(kPort, kSecurity, security);
+   Security(kPort, features, 0, portList);
 }
 
 } // namespace
