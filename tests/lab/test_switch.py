@@ -7,6 +7,8 @@ import signal
 import socket
 import time
 
+import pytest
+
 from lab import VIGILD, wait_for
 
 TWO_PORTS = """
@@ -69,6 +71,11 @@ def test_two_ports_ping_tcp_and_clean_stop(lab):
     assert ports[0x20]["up"] and ports[0x30]["up"]
     assert ports[0x20]["rxFrames"] > 1000 and ports[0x30]["txFrames"] > 1000
     assert ports[0x20]["rxOversize"] == 0 and ports[0x30]["rxOversize"] == 0
+    # Frames went out through each port's send ring, none lost there.
+    assert sw["txRing"] is True
+    for p in ports.values():
+        assert p["txRingFrames"] > 0, p
+        assert p["txErrors"] == 0 and p["txRingFull"] == 0, p
     fdb = {(e["mac"], e["vlan"]): e["portID"] for e in sw["fdb"]}
     assert fdb[("02:00:00:00:00:0a", 0)] == 0x20
     assert fdb[("02:00:00:00:00:0b", 0)] == 0x30
@@ -403,3 +410,49 @@ def test_frames_lost_in_a_full_receive_ring_are_counted_by_switch_and_vigilctl(l
     assert row[-2:] == ["1500", "0"], out
     rc, log = lab.stop_vigild()
     assert rc == 0, log
+
+
+def test_sendmmsg_without_a_send_ring(lab):
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    lab.start_vigild(TWO_PORTS, extra=("--no-tx-ring",))
+    a.ping(b.ip)
+    tcp_transfer(lab, b, a, 1_000_000)
+    sw = lab.ctl("switch")
+    assert sw["txRing"] is False
+    ports = {p["portID"]: p for p in sw["ports"]}
+    assert ports[0x30]["txFrames"] > 500
+    for p in ports.values():
+        assert p["txRingFrames"] == 0 and p["txErrors"] == 0 and p["txRingFull"] == 0, p
+    assert "no send ring" not in lab.read(lab.vigild_log)
+
+
+@pytest.mark.parametrize("ring", [True, False], ids=["send-ring", "sendmmsg"])
+def test_frames_that_cannot_go_out_are_counted(lab, ring):
+    """A learnt port whose link has no carrier (its VM's end is down): what
+    is switched to it is dropped by the kernel's driver and counted as send
+    errors, every frame; once the link is back, frames go again."""
+    a = lab.vm("a", "02:00:00:00:00:0a", ip="192.0.2.10/24")
+    b = lab.vm("b", "02:00:00:00:00:0b", ip="192.0.2.11/24")
+    lab.start_vigild(TWO_PORTS, extra=() if ring else ("--no-tx-ring",))
+    a.ping(b.ip, count=2)
+    before = lab.switch_port(0x30)
+    b.run("ip", "link", "set", "eth0", "down")
+    frames = 300
+    r = a.python(COUNTED_FRAMES, a.mac, b.mac, frames, timeout=60)
+    assert int(r.stdout) == frames
+
+    def counted():
+        p = lab.switch_port(0x30)
+        return p["txErrors"] - before["txErrors"] == frames
+    wait_for(counted, timeout=10, what="the send errors counted")
+    after = lab.switch_port(0x30)
+    assert after["up"], after
+    assert after["txFrames"] == before["txFrames"], after
+    assert after["switchDrops"] - before["switchDrops"] == frames
+    assert lab.ctl("switch")["switchDrops"] >= frames
+    b.run("ip", "link", "set", "eth0", "up")
+    wait_for(lambda: b.run("ping", "-c", "1", "-W", "1", a.ip, check=False).returncode == 0,
+             timeout=15, what="ping after the link came back")
+    after = lab.switch_port(0x30)
+    assert after["txErrors"] - before["txErrors"] == frames, after

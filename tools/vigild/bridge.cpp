@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
@@ -61,7 +62,7 @@ void Add(Counter &c, uint64_t n) {
  * the kernel nor the module's chains. */
 uint64_t SwitchDrops(const PortCounters &c) {
    return Load(c.rxOversize) + Load(c.rxShort) + Load(c.rxVlanDropped) + Load(c.txErrors) +
-          Load(c.txPortDown) + Load(c.txNoFrame);
+          Load(c.txRingFull) + Load(c.txPortDown) + Load(c.txNoFrame);
 }
 
 } // namespace
@@ -175,6 +176,7 @@ bool Bridge::Detach(uint32_t port) {
    if (att.socket.IsOpen()) {
       epoll_ctl(workers_[att.worker]->epollFd, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
       CollectSocketStats(att);
+      DiscardWaiting(att);
    }
    att.socket.Close();
    Forget(port);
@@ -213,6 +215,7 @@ bool Bridge::TryUp(Attachment &att) {
       return false;
    }
    std::string error;
+   att.socket.UseTxRing(options_.txRing);
    if (!att.socket.Open(att.ifname, &error)) {
       att.downReason = error;
       return false;
@@ -234,6 +237,10 @@ bool Bridge::TryUp(Attachment &att) {
        att.socket.IfIndex(),
        att.accessVlan >= 0 ? (", access VLAN " + std::to_string(att.accessVlan)).c_str()
                            : ", trunk");
+   if (!att.socket.TxRingProblem().empty()) {
+      Log(Level::Warn, "port %#x: no send ring on %s (%s); frames go out by sendmmsg", att.port,
+          att.ifname.c_str(), att.socket.TxRingProblem().c_str());
+   }
    return true;
 }
 
@@ -241,6 +248,7 @@ void Bridge::MarkDown(Attachment &att, const std::string &reason) {
    if (att.socket.IsOpen()) {
       epoll_ctl(workers_[att.worker]->epollFd, EPOLL_CTL_DEL, att.socket.Fd(), nullptr);
       CollectSocketStats(att);
+      DiscardWaiting(att);
    }
    att.socket.Close();
    if (att.up) att.counters.linkDowns++;
@@ -347,12 +355,15 @@ void Bridge::Tick() {
 void Bridge::Run(Worker &w) {
    struct epoll_event events[64];
    while (!stopping_) {
-      int n = epoll_wait(w.epollFd, events, 64, 1000);
-      if (n <= 0) continue;
+      /* Frames left in a send ring (its socket's send buffer was full) go
+       * again within a millisecond, whether or not more frames come. */
+      int n = epoll_wait(w.epollFd, events, 64, w.flush.empty() ? 1000 : 1);
+      if (n <= 0 && w.flush.empty()) continue;
       /* Every ready port gets one budget of batches per turn, in the order
        * the kernel reports them: a port that still has frames is reported
        * again behind the others. */
       pthread_rwlock_rdlock(&gate_);
+      if (!w.flush.empty()) FlushWaiting(w);
       for (int i = 0; i < n && !stopping_; i++) {
          if (events[i].data.u64 == kWakeTag) continue;
          Service(w, static_cast<uint32_t>(events[i].data.u64), events[i].events);
@@ -374,19 +385,43 @@ void Bridge::Service(Worker &w, uint32_t port, uint32_t events) {
          return;
       }
    }
-   for (size_t batch = 0; batch < options_.budget; batch++) {
+   std::lock_guard<std::mutex> guard(att.rxMutex);
+   if (Drain(w, att, options_.budget)) Help(w);
+}
+
+bool Bridge::Drain(Worker &w, Attachment &att, size_t budget) {
+   w.sentTo.clear();
+   for (size_t batch = 0; batch < budget; batch++) {
       size_t count = 0;
       int slots = att.socket.Receive(w.rx, PacketSocket::kBatch, &count);
       if (slots < 0) {
          Fail(att, std::strerror(errno));
-         return;
+         return false;
       }
-      if (slots == 0) return;
+      if (slots == 0) return true;
       ProcessBatch(w, att, count);
       /* The frames were sent from the ring: only now do the slots go back. */
       att.socket.Release();
-      if (att.failed || static_cast<size_t>(slots) < PacketSocket::kBatch) return;
+      if (att.failed) return false;
+      if (static_cast<size_t>(slots) < PacketSocket::kBatch) return true;
    }
+   /* A full budget: frames keep coming, and the other threads are awake. */
+   w.sentTo.clear();
+   return true;
+}
+
+void Bridge::Help(Worker &w) {
+   w.helping.swap(w.sentTo);
+   for (Attachment *port : w.helping) {
+      if (port->worker == w.index || !Usable(*port)) continue;
+      std::unique_lock<std::mutex> lock(port->rxMutex, std::try_to_lock);
+      if (!lock.owns_lock()) continue; /* its thread is at it */
+      uint64_t before = Load(port->counters.rxFrames);
+      Drain(w, *port, 1);
+      Add(port->counters.rxHelped, Load(port->counters.rxFrames) - before);
+   }
+   w.helping.clear();
+   w.sentTo.clear();
 }
 
 bool Bridge::Carries(const Attachment &port, uint16_t vlan) const {
@@ -555,7 +590,11 @@ void Bridge::ProcessBatch(Worker &w, Attachment &in, size_t count) {
    Add(c.rxShort, runts);
    Add(c.rxLocal, local);
    Add(c.rxFlooded, flooded);
-   for (size_t i = 0; i < w.queuesUsed; i++) Deliver(w, *w.queues[i].port, w.queues[i].items);
+   w.sentTo.clear();
+   for (size_t i = 0; i < w.queuesUsed; i++) {
+      Deliver(w, *w.queues[i].port, w.queues[i].items);
+      w.sentTo.push_back(w.queues[i].port);
+   }
 }
 
 void Bridge::Deliver(Worker &w, Attachment &out, std::vector<Item> &items) {
@@ -593,29 +632,20 @@ void Bridge::Deliver(Worker &w, Attachment &out, std::vector<Item> &items) {
       }
       Add(c.txDropped, given - items.size());
    }
-   /* Host frames are read out into this thread's buffer once; frames still
-    * in the receive ring go out from there. */
-   size_t hostBytes = 0;
-   for (const Item &item : items) {
-      if (item.pkt != nullptr) hostBytes += zek_PktFrameLenGet(item.pkt);
-   }
-   if (w.txBytes.size() < hostBytes) w.txBytes.resize(hostBytes);
+   /* Frames go out from where they are: a host frame's own bytes, or the
+    * receive ring.  Only a host frame in several pieces is read out into
+    * this thread's buffer first. */
    w.tx.clear();
-   size_t at = 0;
+   w.sending.clear();
+   size_t pieced = 0;
    for (Item &item : items) {
       TxFrame f;
       if (item.pkt != nullptr) {
-         uint32_t len = zek_PktFrameLenGet(item.pkt);
-         uint8_t *dst = w.txBytes.data() + at;
-         bool ok = zek_PktCopyBytesOut(dst, len, 0, item.pkt) == ZEK_OK;
-         zek_PktRelease(item.pkt);
-         if (!ok) {
-            Add(c.txNoFrame, 1);
-            continue;
-         }
-         f.data = dst;
+         uint32_t len = 0;
+         f.data = sim::FrameData(item.pkt, &len);
          f.len = len;
-         at += len;
+         if (f.data == nullptr) pieced += len;
+         w.sending.push_back(item.pkt);
       } else {
          f.data = item.raw->data;
          f.len = item.raw->len;
@@ -624,20 +654,78 @@ void Bridge::Deliver(Worker &w, Attachment &out, std::vector<Item> &items) {
       f.tag = out.accessVlan < 0 && item.vlan != 0;
       w.tx.push_back(f);
    }
+   if (pieced != 0) {
+      if (w.txBytes.size() < pieced) w.txBytes.resize(pieced);
+      size_t at = 0, kept = 0, pkt = 0;
+      for (size_t i = 0; i < w.tx.size(); i++) {
+         TxFrame f = w.tx[i];
+         bool host = items[i].pkt != nullptr;
+         if (host && f.data == nullptr) {
+            uint8_t *dst = w.txBytes.data() + at;
+            if (zek_PktCopyBytesOut(dst, f.len, 0, w.sending[pkt]) != ZEK_OK) {
+               Add(c.txNoFrame, 1);
+               pkt++;
+               continue;
+            }
+            f.data = dst;
+            at += f.len;
+         }
+         if (host) pkt++;
+         w.tx[kept++] = f;
+      }
+      w.tx.resize(kept);
+   }
+   if (!w.tx.empty()) {
+      SendResult result;
+      out.socket.Send(w.tx.data(), w.tx.size(), &result);
+      Account(out, result);
+      if (out.socket.TxWaiting() != 0 &&
+          std::find(w.flush.begin(), w.flush.end(), out.port) == w.flush.end()) {
+         w.flush.push_back(out.port);
+      }
+   }
+   for (zek_Pkt *pkt : w.sending) zek_PktRelease(pkt);
+   w.sending.clear();
    if (list != nullptr) sim::DestroyList(list);
-   if (w.tx.empty()) return;
-   int error = 0;
-   size_t sent = out.socket.Send(w.tx.data(), w.tx.size(), &error);
-   uint64_t sentBytes = 0;
-   for (size_t i = 0; i < sent; i++) sentBytes += w.tx[i].len + (w.tx[i].tag ? 4 : 0);
-   Add(c.txBytes, sentBytes);
-   Add(c.txFrames, sent);
-   Add(c.txErrors, w.tx.size() - sent);
+}
+
+void Bridge::Account(Attachment &out, const SendResult &result) {
+   PortCounters &c = out.counters;
+   Add(c.txFrames, result.sent);
+   Add(c.txBytes, result.bytes);
+   Add(c.txErrors, result.failed);
+   Add(c.txRingFull, result.ringFull);
+   int error = result.error;
    if (error == ENETDOWN || error == ENXIO || error == ENODEV) {
       Fail(out, std::string("send: ") + std::strerror(error));
    } else if (error != 0) {
       Warn(out, std::string("send: ") + std::strerror(error));
+   } else if (result.ringFull != 0) {
+      Warn(out, std::to_string(result.ringFull) + " frames lost: the send ring was full");
    }
+}
+
+void Bridge::FlushWaiting(Worker &w) {
+   size_t kept = 0;
+   for (uint32_t port : w.flush) {
+      auto it = ports_.find(port);
+      if (it == ports_.end() || !Usable(*it->second)) continue;
+      Attachment &out = *it->second;
+      SendResult result;
+      out.socket.Flush(&result);
+      Account(out, result);
+      if (out.socket.TxWaiting() != 0) w.flush[kept++] = port;
+   }
+   w.flush.resize(kept);
+}
+
+void Bridge::DiscardWaiting(Attachment &att) {
+   SendResult result;
+   att.socket.DiscardWaiting(&result);
+   PortCounters &c = att.counters;
+   Add(c.txFrames, result.sent);
+   Add(c.txBytes, result.bytes);
+   Add(c.txErrors, result.failed);
 }
 
 Json Bridge::Describe() const {
@@ -665,15 +753,18 @@ Json Bridge::Describe() const {
       j["rxVlanDropped"] = Load(c.rxVlanDropped);
       j["rxLocal"] = Load(c.rxLocal);
       j["rxFlooded"] = Load(c.rxFlooded);
+      j["rxHelped"] = Load(c.rxHelped);
       j["txFrames"] = Load(c.txFrames);
       j["txBytes"] = Load(c.txBytes);
       j["txDropped"] = Load(c.txDropped);
       j["txErrors"] = Load(c.txErrors);
+      j["txRingFull"] = Load(c.txRingFull);
       j["txPortDown"] = Load(c.txPortDown);
       j["txNoFrame"] = Load(c.txNoFrame);
       j["linkDowns"] = Load(c.linkDowns);
       j["rxSocketDrops"] = Load(c.rxSocketDrops);
       j["ringFrames"] = att.socket.RingFrames();
+      j["txRingFrames"] = att.socket.TxRingFrames();
       j["switchDrops"] = SwitchDrops(c);
       j["thread"] = att.worker;
       list.push_back(j);

@@ -50,10 +50,12 @@ struct PortCounters {
    Counter rxVlanDropped{0}; /* tagged frames on an access port */
    Counter rxLocal{0};       /* addressed to a station behind the same port */
    Counter rxFlooded{0};     /* flooded: broadcast, multicast, unknown */
+   Counter rxHelped{0};      /* taken by a thread that had just sent to the port */
    Counter txFrames{0};      /* sent out of the interface */
    Counter txBytes{0};
    Counter txDropped{0};     /* dropped by the port's output chains */
    Counter txErrors{0};      /* the interface refused them */
+   Counter txRingFull{0};    /* no free slot in the send ring */
    Counter txPortDown{0};    /* for this port while it was down or failing */
    Counter txNoFrame{0};     /* a flood's copy the host could not make */
    Counter linkDowns{0};
@@ -89,6 +91,10 @@ struct Attachment {
    /* A switching thread found the interface broken: frames skip the port
     * until the daemon's thread has taken it down. */
    std::atomic<bool> failed{false};
+   /* Held by the thread taking frames from the receive ring: its own
+    * thread, or one that has just sent to the port and looks whether an
+    * answer came (see Bridge::Help). */
+   std::mutex rxMutex;
 };
 
 struct BridgeOptions {
@@ -96,6 +102,7 @@ struct BridgeOptions {
    double ageingSeconds = 300;
    size_t fdbLimit = 8192;    /* learnt addresses per portset */
    size_t threads = 2;        /* switching threads */
+   bool txRing = true;        /* send through a send ring where one can be had */
 };
 
 class Bridge {
@@ -160,15 +167,36 @@ class Bridge {
       std::vector<Queue> queues;
       size_t queuesUsed = 0;
       std::vector<TxFrame> tx;
-      std::vector<uint8_t> txBytes;
+      std::vector<zek_Pkt *> sending; /* host frames whose bytes tx points into */
+      std::vector<uint8_t> txBytes;   /* bytes of host frames not in one piece */
+      /* Ports whose send ring still holds frames this thread queued. */
+      std::vector<uint32_t> flush;
+      std::vector<Attachment *> sentTo;  /* ports the last batch went to */
+      std::vector<Attachment *> helping; /* those Help looks at */
    };
 
    void Run(Worker &w);
    /* At most `budget` batches of a port's ring. */
    void Service(Worker &w, uint32_t port, uint32_t events);
+   /* Batches of the port's ring, with its rxMutex held; false when the
+    * port failed. */
+   bool Drain(Worker &w, Attachment &att, size_t budget);
+   /* After a batch that did not fill: one batch of each port just sent to
+    * that another thread receives, when frames wait there and that thread
+    * is not at it.  An answer to what was just sent (ping, a TCP
+    * acknowledgement) is most often there already, the kernel having
+    * handed the frame to its receiver within the send: it goes on now
+    * rather than after the other thread has woken up. */
+   void Help(Worker &w);
    void ProcessBatch(Worker &w, Attachment &in, size_t count);
    std::vector<Item> &QueueFor(Worker &w, Attachment *port);
    void Deliver(Worker &w, Attachment &out, std::vector<Item> &items);
+   /* Sends again what waits in the send rings of the ports on w.flush. */
+   void FlushWaiting(Worker &w);
+   void Account(Attachment &out, const SendResult &result);
+   /* Before a port's socket closes: what still waits in its send ring is
+    * counted as lost. */
+   void DiscardWaiting(Attachment &att);
    void Learn(const Attachment &in, uint16_t vlan, const uint8_t *mac, double now);
    /* Destination ports of a frame; empty to drop it. */
    void Destinations(const Attachment &in, uint16_t vlan, const uint8_t *dst, double now,

@@ -252,6 +252,7 @@ void Daemon::CmdSwitch(const std::vector<vigilsim::Token> &t, Json &out) {
    out["budget"] = opts.budget;
    out["batch"] = PacketSocket::kBatch;
    out["threads"] = opts.threads;
+   out["txRing"] = opts.txRing;
    out["ports"] = bridge_->Describe();
    /* Every frame lost on the way: in the kernel before vigild could take
     * it, and by vigild itself. */

@@ -4,7 +4,8 @@
  * interfaces.
  *
  *   vigild [--module PATH] [--script FILE ...] [--control PATH] [--verbose]
- *          [--stop-on-error] [--no-load] [--budget N] [--threads N] [--ageing SECONDS]
+ *          [--stop-on-error] [--no-load] [--budget N] [--threads N] [--no-tx-ring]
+ *          [--ageing SECONDS]
  *          [--debug] [--policy FILE] [--state-dir DIR]
  *
  * The start-up scripts run first; when they have not loaded the module,
@@ -37,6 +38,7 @@ int main(int argc, char **argv) {
    double ageing = 300;
    size_t budget = 4;
    size_t threads = 2;
+   bool noTxRing = false;
    app.add_option("--module", modulePath, "the module to load (default: vigil.so of this build)");
    app.add_option("--script", options.scripts, "start-up script, run before switching")
        ->allow_extra_args(false);
@@ -50,6 +52,8 @@ int main(int argc, char **argv) {
        ->check(CLI::Range(1, 1024));
    app.add_option("--threads", threads, "switching threads (default 2)")
        ->check(CLI::Range(1, 64));
+   app.add_flag("--no-tx-ring", noTxRing,
+                "send with sendmmsg rather than through a send ring per port");
    app.add_option("--ageing", ageing, "seconds before a learnt address is forgotten (default 300)")
        ->check(CLI::PositiveNumber);
    app.add_flag("--debug", debug, "log the daemon's debug lines");
@@ -77,6 +81,7 @@ int main(int argc, char **argv) {
    options.modulePath = modulePath.empty() ? vigilsim::DefaultModulePath() : modulePath;
    options.bridge.budget = budget;
    options.bridge.threads = threads;
+   options.bridge.txRing = !noTxRing;
    options.bridge.ageingSeconds = ageing;
    vigild::Daemon daemon(options);
    return daemon.Run();

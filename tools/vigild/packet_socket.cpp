@@ -54,19 +54,32 @@ int InterfaceIndex(const std::string &ifname, bool *up) {
 
 namespace {
 
-/* A ring slot for the interface's largest frame: a power of two of at
- * least 2 KiB, with room for the kernel's header and an 802.1Q tag. */
-uint32_t SlotSize(int fd, const std::string &ifname) {
+int InterfaceMtu(int fd, const std::string &ifname) {
    struct ifreq ifr;
    std::memset(&ifr, 0, sizeof ifr);
    std::memcpy(ifr.ifr_name, ifname.c_str(), std::min(ifname.size(), sizeof ifr.ifr_name - 1));
    int mtu = 1500;
    if (ioctl(fd, SIOCGIFMTU, &ifr) == 0 && ifr.ifr_mtu > 0) mtu = ifr.ifr_mtu;
+   return mtu;
+}
+
+/* A ring slot for the interface's largest frame: a power of two of at
+ * least 2 KiB, with room for the kernel's header and an 802.1Q tag. */
+uint32_t SlotSize(int mtu) {
    uint32_t need = static_cast<uint32_t>(mtu) + 14 + 4 + TPACKET_ALIGN(TPACKET2_HDRLEN) + 16;
    uint32_t size = 2048;
    while (size < need && size < (1u << 17)) size <<= 1;
    return size;
 }
+
+/* Bytes of a send ring: slots for several batches in flight (the kernel
+ * frees a sent frame's slot as soon as the frame has been handed over, most
+ * often before send() returns), few enough that the slots stay in the
+ * processor's cache; fewer slots for an interface of very large frames. */
+constexpr size_t kTxRingBytes = 512u << 10;
+constexpr uint32_t kTxRingMinFrames = 32;
+
+constexpr uint32_t kKernelOwned = TP_STATUS_SEND_REQUEST | TP_STATUS_SENDING;
 
 } // namespace
 
@@ -102,7 +115,8 @@ bool PacketSocket::Open(const std::string &ifname, std::string *error) {
       close(fd);
       return false;
    }
-   uint32_t frameSize = SlotSize(fd, ifname);
+   int mtu = InterfaceMtu(fd, ifname);
+   uint32_t frameSize = SlotSize(mtu);
    uint32_t blockSize = std::max<uint32_t>(frameSize, 1u << 16);
    struct tpacket_req req;
    std::memset(&req, 0, sizeof req);
@@ -147,10 +161,81 @@ bool PacketSocket::Open(const std::string &ifname, std::string *error) {
    slotCapacity_ = frameSize - TPACKET_ALIGN(TPACKET2_HDRLEN) - 16;
    head_ = 0;
    taken_ = 0;
+   txProblem_.clear();
+   if (useTxRing_ && !OpenTx(index, ifname, frameSize, mtu, &txProblem_)) CloseTx();
    return true;
 }
 
+bool PacketSocket::OpenTx(int ifindex, const std::string &ifname, uint32_t frameSize, int mtu,
+                          std::string *problem) {
+   txFd_ = socket(AF_PACKET, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+   if (txFd_ < 0) {
+      *problem = std::string("sending socket: ") + std::strerror(errno);
+      return false;
+   }
+   int size = kSocketBuffer;
+   if (setsockopt(txFd_, SOL_SOCKET, SO_SNDBUFFORCE, &size, sizeof size) != 0) {
+      setsockopt(txFd_, SOL_SOCKET, SO_SNDBUF, &size, sizeof size);
+   }
+   int one = 1;
+   setsockopt(txFd_, SOL_PACKET, PACKET_QDISC_BYPASS, &one, sizeof one);
+   int version = TPACKET_V2;
+   if (setsockopt(txFd_, SOL_PACKET, PACKET_VERSION, &version, sizeof version) != 0) {
+      *problem = std::string("send ring version: ") + std::strerror(errno);
+      return false;
+   }
+   /* A voided slot is skipped rather than stopping the ring. */
+   if (setsockopt(txFd_, SOL_PACKET, PACKET_LOSS, &one, sizeof one) != 0) {
+      *problem = std::string("send ring loss mode: ") + std::strerror(errno);
+      return false;
+   }
+   uint32_t blockSize = std::max<uint32_t>(frameSize, 1u << 16);
+   uint32_t perBlock = blockSize / frameSize;
+   uint32_t frames = static_cast<uint32_t>(
+       std::clamp<size_t>(kTxRingBytes / frameSize, kTxRingMinFrames, kTxRingFrames));
+   struct tpacket_req req;
+   std::memset(&req, 0, sizeof req);
+   req.tp_block_size = blockSize;
+   req.tp_block_nr = (frames + perBlock - 1) / perBlock;
+   req.tp_frame_size = frameSize;
+   req.tp_frame_nr = req.tp_block_nr * perBlock;
+   if (setsockopt(txFd_, SOL_PACKET, PACKET_TX_RING, &req, sizeof req) != 0) {
+      *problem = std::string("send ring: ") + std::strerror(errno);
+      return false;
+   }
+   size_t bytes = static_cast<size_t>(req.tp_block_size) * req.tp_block_nr;
+   void *map = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, txFd_, 0);
+   if (map == MAP_FAILED) {
+      *problem = std::string("send ring mapping: ") + std::strerror(errno);
+      return false;
+   }
+   txMap_ = static_cast<uint8_t *>(map);
+   txMapBytes_ = bytes;
+   /* Protocol 0: the socket receives nothing. */
+   struct sockaddr_ll sll;
+   std::memset(&sll, 0, sizeof sll);
+   sll.sll_family = AF_PACKET;
+   sll.sll_protocol = 0;
+   sll.sll_ifindex = ifindex;
+   if (bind(txFd_, reinterpret_cast<struct sockaddr *>(&sll), sizeof sll) != 0) {
+      *problem = "bind of the sending socket to " + ifname + ": " + std::strerror(errno);
+      return false;
+   }
+   txRing_.Attach(txMap_, frameSize, req.tp_frame_nr, static_cast<uint32_t>(mtu));
+   return true;
+}
+
+void PacketSocket::CloseTx() {
+   txRing_.Detach();
+   if (txMap_ != nullptr) munmap(txMap_, txMapBytes_);
+   txMap_ = nullptr;
+   txMapBytes_ = 0;
+   if (txFd_ >= 0) close(txFd_);
+   txFd_ = -1;
+}
+
 void PacketSocket::Close() {
+   CloseTx();
    if (ring_ != nullptr) munmap(ring_, ringBytes_);
    ring_ = nullptr;
    ringBytes_ = 0;
@@ -197,6 +282,9 @@ int PacketSocket::Receive(RxFrame *out, size_t max, size_t *count) {
       head_ = head_ + 1 == frameCount_ ? 0 : head_ + 1;
       taken_++;
       slots++;
+      /* The kernel wrote the slots on another processor, most likely: the
+       * next header is fetched while this frame is looked at. */
+      __builtin_prefetch(ring_ + static_cast<size_t>(head_) * frameSize_);
       const auto *sll =
           reinterpret_cast<const struct sockaddr_ll *>(slot + TPACKET_ALIGN(sizeof *hdr));
       if (sll->sll_pkttype == PACKET_OUTGOING) continue; /* our own sends */
@@ -237,7 +325,165 @@ void PacketSocket::Release() {
    }
 }
 
-size_t PacketSocket::Send(const TxFrame *frames, size_t count, int *error) {
+void PacketSocket::Send(const TxFrame *frames, size_t count, SendResult *result) {
+   *result = SendResult();
+   std::lock_guard<std::mutex> guard(txMutex_);
+   if (!txRing_.Attached()) {
+      size_t sent = SendBatches(frames, count, &result->error);
+      result->sent = sent;
+      for (size_t i = 0; i < sent; i++) result->bytes += frames[i].len + (frames[i].tag ? 4 : 0);
+      result->failed = count - sent;
+      return;
+   }
+   bool kicked = false;
+   for (size_t i = 0; i < count; i++) {
+      TxRing::Put put = txRing_.Queue(frames[i]);
+      if (put == TxRing::Put::kFull && !kicked && txRing_.Waiting() != 0) {
+         /* Frames an earlier send left waiting hold the slots: off with
+          * them first. */
+         kicked = true;
+         KickLocked(result);
+         put = txRing_.Queue(frames[i]);
+      }
+      if (put == TxRing::Put::kFull) {
+         result->ringFull++;
+      } else if (put == TxRing::Put::kRefused) {
+         result->failed++;
+         if (result->error == 0) result->error = EMSGSIZE;
+      }
+   }
+   KickLocked(result);
+}
+
+void PacketSocket::KickLocked(SendResult *result) {
+   if (txRing_.InFlight() == 0) return;
+   ssize_t n = send(txFd_, nullptr, 0, MSG_DONTWAIT);
+   int err = n < 0 ? errno : 0;
+   txRing_.Reap(&result->sent, &result->bytes);
+   if (n >= 0 || err == EAGAIN || err == EWOULDBLOCK || err == EINTR) {
+      /* Taken in full, or the send buffer is full: what is left waits. */
+      return;
+   }
+   /* The frame at the head could not go (the interface is down or its
+    * driver dropped it): the kernel keeps it to try again.  That frame and
+    * those behind it are dropped, as a failed sendmmsg drops them, and the
+    * kernel is asked once more so that it skips them now. */
+   if (result->error == 0) result->error = err;
+   size_t voided = txRing_.Void();
+   result->failed += voided;
+   if (voided != 0 && send(txFd_, nullptr, 0, MSG_DONTWAIT) >= 0) {
+      txRing_.Reap(&result->sent, &result->bytes);
+   }
+}
+
+size_t PacketSocket::TxWaiting() {
+   std::lock_guard<std::mutex> guard(txMutex_);
+   return txRing_.Waiting();
+}
+
+void PacketSocket::Flush(SendResult *result) {
+   *result = SendResult();
+   std::lock_guard<std::mutex> guard(txMutex_);
+   if (txRing_.Waiting() != 0) KickLocked(result);
+}
+
+void PacketSocket::DiscardWaiting(SendResult *result) {
+   *result = SendResult();
+   std::lock_guard<std::mutex> guard(txMutex_);
+   txRing_.Reap(&result->sent, &result->bytes);
+   result->failed = txRing_.Void();
+}
+
+uint32_t TxRing::DataOffset() { return TPACKET_ALIGN(sizeof(struct tpacket2_hdr)); }
+
+void TxRing::Attach(uint8_t *base, uint32_t frameSize, uint32_t frameCount, uint32_t mtu) {
+   base_ = base;
+   frameSize_ = frameSize;
+   frameCount_ = frameCount;
+   mtu_ = mtu;
+   head_ = oldest_ = inFlight_ = voided_ = 0;
+}
+
+void TxRing::Detach() {
+   base_ = nullptr;
+   frameSize_ = frameCount_ = mtu_ = 0;
+   head_ = oldest_ = inFlight_ = voided_ = 0;
+}
+
+uint32_t TxRing::MaxLen(bool tagged) const {
+   if (base_ == nullptr) return 0;
+   /* The kernel takes the interface's MTU and Ethernet header, and a tag
+    * beyond them only when the frame carries one. */
+   uint64_t byMtu = static_cast<uint64_t>(mtu_) + 14 + (tagged ? 4 : 0);
+   return static_cast<uint32_t>(std::min<uint64_t>(frameSize_ - DataOffset(), byMtu));
+}
+
+TxRing::Put TxRing::Queue(const TxFrame &frame) {
+   if (base_ == nullptr || inFlight_ == frameCount_) return Put::kFull;
+   bool tag = frame.tag && frame.len >= 12;
+   uint32_t len = frame.len + (tag ? 4u : 0u);
+   /* The kernel takes no frame shorter than an Ethernet header. */
+   if (frame.len < 14 || len > MaxLen(tag)) return Put::kRefused;
+   uint8_t *slot = Slot(head_);
+   auto *hdr = reinterpret_cast<struct tpacket2_hdr *>(slot);
+   if ((__atomic_load_n(&hdr->tp_status, __ATOMIC_ACQUIRE) & kKernelOwned) != 0) {
+      return Put::kFull; /* the kernel has not freed its copy yet */
+   }
+   uint8_t *data = slot + DataOffset();
+   if (tag) {
+      std::memcpy(data, frame.data, 12);
+      data[12] = 0x81;
+      data[13] = 0x00;
+      data[14] = static_cast<uint8_t>((frame.vlan >> 8) & 0x0f);
+      data[15] = static_cast<uint8_t>(frame.vlan & 0xff);
+      std::memcpy(data + 16, frame.data + 12, frame.len - 12u);
+   } else {
+      std::memcpy(data, frame.data, frame.len);
+   }
+   hdr->tp_len = len;
+   hdr->tp_snaplen = len;
+   __atomic_store_n(&hdr->tp_status, TP_STATUS_SEND_REQUEST, __ATOMIC_RELEASE);
+   head_ = head_ + 1 == frameCount_ ? 0 : head_ + 1;
+   inFlight_++;
+   /* The next slot's header and first bytes are read and written next. */
+   __builtin_prefetch(Slot(head_), 1);
+   __builtin_prefetch(Slot(head_) + 64, 1);
+   return Put::kQueued;
+}
+
+void TxRing::Reap(size_t *frames, uint64_t *bytes) {
+   while (inFlight_ > 0) {
+      auto *hdr = reinterpret_cast<struct tpacket2_hdr *>(Slot(oldest_));
+      uint32_t status = __atomic_load_n(&hdr->tp_status, __ATOMIC_ACQUIRE);
+      if ((status & TP_STATUS_SEND_REQUEST) != 0) break; /* not taken yet */
+      if (hdr->tp_len == 0) {
+         voided_--;
+      } else {
+         (*frames)++;
+         *bytes += hdr->tp_len;
+      }
+      oldest_ = oldest_ + 1 == frameCount_ ? 0 : oldest_ + 1;
+      inFlight_--;
+   }
+}
+
+size_t TxRing::Void() {
+   size_t n = 0;
+   uint32_t slot = oldest_;
+   for (uint32_t i = 0; i < inFlight_; i++) {
+      auto *hdr = reinterpret_cast<struct tpacket2_hdr *>(Slot(slot));
+      uint32_t status = __atomic_load_n(&hdr->tp_status, __ATOMIC_ACQUIRE);
+      if ((status & TP_STATUS_SEND_REQUEST) != 0 && hdr->tp_len != 0) {
+         hdr->tp_len = 0;
+         n++;
+      }
+      slot = slot + 1 == frameCount_ ? 0 : slot + 1;
+   }
+   voided_ += static_cast<uint32_t>(n);
+   return n;
+}
+
+size_t PacketSocket::SendBatches(const TxFrame *frames, size_t count, int *error) {
    *error = 0;
    size_t sent = 0;
    size_t next = 0; /* first frame not yet tried */

@@ -1,8 +1,9 @@
 /*
  * The frame helpers of vigild's packet sockets: checksums that a sender
- * left to the hardware, 802.1Q tags, interface look-ups; and, as root, the
- * receive ring, tags put in by the scatter list, and the kernel's counters
- * of a socket that does not keep up.
+ * left to the hardware, 802.1Q tags, interface look-ups, the send ring's
+ * slots; and, as root, the receive ring, the send ring and its fallback
+ * (sendmmsg, tags put in by the scatter list), and the kernel's counters of
+ * a socket that does not keep up.
  */
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
@@ -13,6 +14,8 @@
 #include <unistd.h>
 #include <tins/tins.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "packet_socket.h"
@@ -269,15 +272,20 @@ TEST(VigildPacketSocket, StatisticsCountArrivalsAndRingDropsOnce) {
    EXPECT_FALSE(socket.TakeStatistics(&arrived, &dropped));
 }
 
-/* A frame sent with a tag by the scatter list comes back in with the tag's
- * VLAN beside untouched bytes; a tag written in a frame's bytes is taken
- * out of them the same way. */
-TEST(VigildPacketSocket, TagsGoOutAndComeInBesideTheBytes) {
+/* A frame sent with a tag comes back in with the tag's VLAN beside
+ * untouched bytes, from the send ring or by sendmmsg; a tag written in a
+ * frame's bytes is taken out of them the same way. */
+void TagsGoOutAndComeIn(bool txRing) {
    std::string why;
    if (!PrivateLoopback(&why)) GTEST_SKIP() << why;
    vigild::PacketSocket socket;
+   socket.UseTxRing(txRing);
    std::string error;
    ASSERT_TRUE(socket.Open("lo", &error)) << error;
+   EXPECT_EQ(socket.TxRingFrames() != 0, txRing) << socket.TxRingProblem();
+   if (!txRing) {
+      EXPECT_EQ(socket.TxRingProblem(), "");
+   }
    Bytes frame = TestFrame(60);
    frame[20] = 0x77;
    vigild::TxFrame out[2];
@@ -287,9 +295,13 @@ TEST(VigildPacketSocket, TagsGoOutAndComeInBesideTheBytes) {
    out[0].vlan = 7;
    out[1] = out[0];
    out[1].tag = false;
-   int err = -1;
-   ASSERT_EQ(socket.Send(out, 2, &err), 2u);
-   EXPECT_EQ(err, 0);
+   vigild::SendResult result;
+   socket.Send(out, 2, &result);
+   EXPECT_EQ(result.sent, 2u);
+   EXPECT_EQ(result.bytes, 124u);
+   EXPECT_EQ(result.failed + result.ringFull, 0u);
+   EXPECT_EQ(result.error, 0);
+   EXPECT_EQ(socket.TxWaiting(), 0u);
    Bytes tagged = frame;
    vigild::InsertTag(tagged, 300);
    RawSender tx(socket.IfIndex());
@@ -307,6 +319,272 @@ TEST(VigildPacketSocket, TagsGoOutAndComeInBesideTheBytes) {
    EXPECT_TRUE(meta[2].tagged);
    EXPECT_EQ(meta[2].vlan, 300);
    for (const vigild::RxFrame &f : meta) EXPECT_FALSE(f.truncated);
+}
+
+TEST(VigildPacketSocket, TagsGoOutAndComeInBesideTheBytes) { TagsGoOutAndComeIn(true); }
+
+TEST(VigildPacketSocket, TagsGoOutAndComeInBySendmmsg) { TagsGoOutAndComeIn(false); }
+
+bool SetLoopbackUp(bool up) {
+   int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+   struct ifreq ifr;
+   std::memset(&ifr, 0, sizeof ifr);
+   std::strcpy(ifr.ifr_name, "lo");
+   bool ok = fd >= 0 && ioctl(fd, SIOCGIFFLAGS, &ifr) == 0;
+   ifr.ifr_flags = static_cast<short>(up ? ifr.ifr_flags | IFF_UP : ifr.ifr_flags & ~IFF_UP);
+   ok = ok && ioctl(fd, SIOCSIFFLAGS, &ifr) == 0;
+   if (fd >= 0) close(fd);
+   return ok;
+}
+
+/* Batch after batch through the send ring, more frames than it has slots:
+ * every one arrives, in order, and is counted once; a frame too long for
+ * the interface is refused and counted, the rest of its batch goes. */
+TEST(VigildPacketSocket, SendRingGoesRoundAndRefusesLongFrames) {
+   std::string why;
+   if (!PrivateLoopback(&why)) GTEST_SKIP() << why;
+   vigild::PacketSocket socket;
+   std::string error;
+   ASSERT_TRUE(socket.Open("lo", &error)) << error;
+   const uint32_t slots = socket.TxRingFrames();
+   ASSERT_GT(slots, 0u) << socket.TxRingProblem();
+   /* Fewer per batch than the receive ring holds: it is drained between. */
+   const size_t batch = std::min<size_t>(16, socket.RingFrames() / 2);
+   const size_t total = slots * 2 + 7;
+   size_t sent = 0, seen = 0;
+   while (sent < total) {
+      size_t n = std::min(batch, total - sent);
+      std::vector<Bytes> frames;
+      std::vector<vigild::TxFrame> out(n);
+      for (size_t i = 0; i < n; i++) {
+         frames.push_back(TestFrame(60 + (sent + i) % 50));
+         frames.back()[14] = static_cast<uint8_t>(sent + i);
+         frames.back()[15] = static_cast<uint8_t>((sent + i) >> 8);
+      }
+      for (size_t i = 0; i < n; i++) {
+         out[i].data = frames[i].data();
+         out[i].len = static_cast<uint32_t>(frames[i].size());
+      }
+      vigild::SendResult result;
+      socket.Send(out.data(), n, &result);
+      ASSERT_EQ(result.sent, n);
+      ASSERT_EQ(result.failed + result.ringFull, 0u);
+      EXPECT_EQ(result.bytes, [&] {
+         uint64_t b = 0;
+         for (const Bytes &f : frames) b += f.size();
+         return b;
+      }());
+      std::vector<Bytes> got;
+      DrainInto(socket, &got);
+      ASSERT_EQ(got.size(), n);
+      for (size_t i = 0; i < n; i++) ASSERT_EQ(got[i], frames[i]) << sent + i;
+      sent += n;
+      seen += got.size();
+   }
+   EXPECT_EQ(seen, total);
+
+   Bytes tooLong = TestFrame(70000);
+   Bytes fine = TestFrame(64);
+   vigild::TxFrame out[2];
+   out[0].data = tooLong.data();
+   out[0].len = static_cast<uint32_t>(tooLong.size());
+   out[1].data = fine.data();
+   out[1].len = static_cast<uint32_t>(fine.size());
+   vigild::SendResult result;
+   socket.Send(out, 2, &result);
+   EXPECT_EQ(result.sent, 1u);
+   EXPECT_EQ(result.failed, 1u);
+   EXPECT_EQ(result.error, EMSGSIZE);
+   std::vector<Bytes> got;
+   DrainInto(socket, &got);
+   ASSERT_EQ(got.size(), 1u);
+   EXPECT_EQ(got[0], fine);
+}
+
+/* Sends while the interface is down fail and are counted, and leave
+ * nothing in the ring: once it is up again, the next frame goes, and only
+ * it. */
+TEST(VigildPacketSocket, SendRingDropsWhatCannotGoAndGoesOn) {
+   std::string why;
+   if (!PrivateLoopback(&why)) GTEST_SKIP() << why;
+   for (bool txRing : {true, false}) {
+      SCOPED_TRACE(txRing ? "send ring" : "sendmmsg");
+      vigild::PacketSocket socket;
+      socket.UseTxRing(txRing);
+      std::string error;
+      ASSERT_TRUE(socket.Open("lo", &error)) << error;
+      Bytes frame = TestFrame(80);
+      std::vector<vigild::TxFrame> out(5);
+      for (auto &f : out) {
+         f.data = frame.data();
+         f.len = static_cast<uint32_t>(frame.size());
+      }
+      ASSERT_TRUE(SetLoopbackUp(false));
+      vigild::SendResult result;
+      socket.Send(out.data(), out.size(), &result);
+      EXPECT_EQ(result.sent, 0u);
+      EXPECT_EQ(result.failed, 5u);
+      EXPECT_EQ(result.error, ENETDOWN);
+      EXPECT_EQ(socket.TxWaiting(), 0u);
+      ASSERT_TRUE(SetLoopbackUp(true));
+      /* The receiving socket was told of the interface going down; the
+       * switch reads that error when epoll reports it. */
+      socket.TakeError();
+      std::vector<Bytes> got;
+      DrainInto(socket, &got);
+      EXPECT_TRUE(got.empty());
+      frame[14] = 0x42;
+      socket.Send(out.data(), 1, &result);
+      EXPECT_EQ(result.sent, 1u) << std::strerror(result.error);
+      EXPECT_EQ(result.failed, 0u);
+      DrainInto(socket, &got);
+      ASSERT_EQ(got.size(), 1u);
+      EXPECT_EQ(got[0], frame);
+   }
+}
+
+/* ------------------------------------------------ the send ring's slots
+ * Driven in plain memory, the kernel's part played by the test. */
+struct FakeRing {
+   static constexpr uint32_t kSize = 256;
+   std::vector<uint64_t> memory; /* 8-byte aligned slots */
+   vigild::TxRing ring;
+   explicit FakeRing(uint32_t frames, uint32_t mtu = 1500)
+       : memory(kSize * frames / 8, 0) {
+      ring.Attach(Base(), kSize, frames, mtu);
+   }
+   uint8_t *Base() { return reinterpret_cast<uint8_t *>(memory.data()); }
+   struct tpacket2_hdr *Hdr(uint32_t i) {
+      return reinterpret_cast<struct tpacket2_hdr *>(Base() + i * kSize);
+   }
+   Bytes Data(uint32_t i) {
+      const uint8_t *d = Base() + i * kSize + vigild::TxRing::DataOffset();
+      return Bytes(d, d + Hdr(i)->tp_len);
+   }
+   /* The kernel takes slots [from, to): being sent, or sent and freed. */
+   void Take(uint32_t from, uint32_t to, bool freed) {
+      for (uint32_t i = from; i < to; i++) {
+         Hdr(i)->tp_status = freed ? TP_STATUS_AVAILABLE : TP_STATUS_SENDING;
+      }
+   }
+};
+
+vigild::TxFrame Tx(const Bytes &b, bool tag = false, uint16_t vlan = 0) {
+   vigild::TxFrame f;
+   f.data = b.data();
+   f.len = static_cast<uint32_t>(b.size());
+   f.tag = tag;
+   f.vlan = vlan;
+   return f;
+}
+
+TEST(VigildTxRing, SlotLayoutAndLongestFrames) {
+   EXPECT_EQ(vigild::TxRing::DataOffset(), TPACKET_ALIGN(sizeof(struct tpacket2_hdr)));
+   EXPECT_EQ(vigild::TxRing::DataOffset() + sizeof(struct sockaddr_ll),
+             static_cast<size_t>(TPACKET2_HDRLEN));
+   std::vector<uint64_t> memory(2048 * 4 / 8);
+   vigild::TxRing ring;
+   EXPECT_EQ(ring.MaxLen(false), 0u);
+   ring.Attach(reinterpret_cast<uint8_t *>(memory.data()), 2048, 4, 1500);
+   EXPECT_EQ(ring.MaxLen(false), 1514u);
+   EXPECT_EQ(ring.MaxLen(true), 1518u);
+   /* A slot smaller than the MTU: the slot decides. */
+   FakeRing small(4);
+   EXPECT_EQ(small.ring.MaxLen(false), FakeRing::kSize - vigild::TxRing::DataOffset());
+   Bytes longest(small.ring.MaxLen(false), 1), over(small.ring.MaxLen(false) + 1, 1);
+   EXPECT_EQ(small.ring.Queue(Tx(over)), vigild::TxRing::Put::kRefused);
+   EXPECT_EQ(small.ring.Queue(Tx(longest, true, 5)), vigild::TxRing::Put::kRefused);
+   EXPECT_EQ(small.ring.Queue(Tx(Bytes(13, 1))), vigild::TxRing::Put::kRefused);
+   EXPECT_EQ(small.ring.Queue(Tx(longest)), vigild::TxRing::Put::kQueued);
+   EXPECT_EQ(small.ring.Waiting(), 1u);
+}
+
+TEST(VigildTxRing, QueuedBytesTagAndStatus) {
+   FakeRing f(4);
+   Bytes frame = TestFrame(60);
+   frame[30] = 0x99;
+   ASSERT_EQ(f.ring.Queue(Tx(frame)), vigild::TxRing::Put::kQueued);
+   ASSERT_EQ(f.ring.Queue(Tx(frame, true, 0x123)), vigild::TxRing::Put::kQueued);
+   EXPECT_EQ(f.Hdr(0)->tp_status, static_cast<uint32_t>(TP_STATUS_SEND_REQUEST));
+   EXPECT_EQ(f.Hdr(1)->tp_status, static_cast<uint32_t>(TP_STATUS_SEND_REQUEST));
+   EXPECT_EQ(f.Data(0), frame);
+   Bytes tagged = frame;
+   vigild::InsertTag(tagged, 0x123);
+   EXPECT_EQ(f.Data(1), tagged);
+   EXPECT_EQ(f.Hdr(1)->tp_len, 64u);
+   EXPECT_EQ(f.ring.Waiting(), 2u);
+   EXPECT_EQ(f.Hdr(2)->tp_status, static_cast<uint32_t>(TP_STATUS_AVAILABLE));
+}
+
+TEST(VigildTxRing, ReapCountsWhatTheKernelTookInOrder) {
+   FakeRing f(4);
+   Bytes a = TestFrame(60), b = TestFrame(100);
+   for (int i = 0; i < 3; i++) ASSERT_EQ(f.ring.Queue(Tx(i == 1 ? b : a)), vigild::TxRing::Put::kQueued);
+   size_t frames = 0;
+   uint64_t bytes = 0;
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 0u); /* nothing taken yet */
+   f.Take(0, 2, false);
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 2u);
+   EXPECT_EQ(bytes, 160u);
+   EXPECT_EQ(f.ring.Waiting(), 1u);
+   /* Taken out of order cannot happen; a later slot alone is not reaped. */
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 2u);
+}
+
+TEST(VigildTxRing, FullUntilTheKernelFreesItsCopies) {
+   FakeRing f(4);
+   Bytes a = TestFrame(60);
+   for (int i = 0; i < 4; i++) ASSERT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kQueued);
+   /* Every slot waits for the kernel. */
+   EXPECT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kFull);
+   size_t frames = 0;
+   uint64_t bytes = 0;
+   /* Taken, but the first two copies still being sent. */
+   f.Take(0, 2, false);
+   f.Take(2, 4, true);
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 4u);
+   EXPECT_EQ(f.ring.InFlight(), 0u);
+   EXPECT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kFull);
+   f.Take(0, 1, true);
+   /* Round the ring: slot 0 again, then slot 1, still being sent. */
+   EXPECT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kQueued);
+   EXPECT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kFull);
+   f.Take(1, 2, true);
+   EXPECT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kQueued);
+   EXPECT_EQ(f.ring.Waiting(), 2u);
+   f.Take(0, 2, true);
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 6u);
+}
+
+TEST(VigildTxRing, VoidedFramesAreSkippedAndNotCounted) {
+   FakeRing f(4);
+   Bytes a = TestFrame(60);
+   for (int i = 0; i < 3; i++) ASSERT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kQueued);
+   f.Take(0, 1, true);
+   size_t frames = 0;
+   uint64_t bytes = 0;
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 1u);
+   EXPECT_EQ(f.ring.Void(), 2u);
+   EXPECT_EQ(f.Hdr(1)->tp_len, 0u);
+   EXPECT_EQ(f.Hdr(2)->tp_len, 0u);
+   EXPECT_EQ(f.ring.Waiting(), 0u);
+   EXPECT_EQ(f.ring.InFlight(), 2u);
+   EXPECT_EQ(f.ring.Void(), 0u); /* voided once */
+   /* More frames behind the voided ones; the kernel skips the voided. */
+   ASSERT_EQ(f.ring.Queue(Tx(a)), vigild::TxRing::Put::kQueued);
+   EXPECT_EQ(f.ring.Waiting(), 1u);
+   f.Take(1, 4, true);
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 2u);
+   EXPECT_EQ(bytes, 120u);
+   EXPECT_EQ(f.ring.InFlight(), 0u);
+   EXPECT_EQ(f.ring.Waiting(), 0u);
 }
 
 } // namespace
