@@ -81,6 +81,19 @@ constexpr uint32_t kTxRingMinFrames = 32;
 
 constexpr uint32_t kKernelOwned = TP_STATUS_SEND_REQUEST | TP_STATUS_SENDING;
 
+/* The virtio-net header of a packet socket with PACKET_VNET_HDR (its
+ * kernel header names a member `class`, which C++ can't include), in the
+ * host's byte order as the kernel reads it there. */
+struct VnetHeader {
+   uint8_t flags;      /* no checksum to complete */
+   uint8_t gsoType;    /* 0: no segmentation */
+   uint16_t hdrLen;    /* bytes the kernel copies into its socket buffer */
+   uint16_t gsoSize;
+   uint16_t csumStart;
+   uint16_t csumOffset;
+};
+static_assert(sizeof(VnetHeader) == 10, "virtio-net header");
+
 } // namespace
 
 bool PacketSocket::Open(const std::string &ifname, std::string *error) {
@@ -189,6 +202,8 @@ bool PacketSocket::OpenTx(int ifindex, const std::string &ifname, uint32_t frame
       *problem = std::string("send ring loss mode: ") + std::strerror(errno);
       return false;
    }
+   /* Without it the ring still works, the kernel pointing at the slots. */
+   bool vnet = setsockopt(txFd_, SOL_PACKET, PACKET_VNET_HDR, &one, sizeof one) == 0;
    uint32_t blockSize = std::max<uint32_t>(frameSize, 1u << 16);
    uint32_t perBlock = blockSize / frameSize;
    uint32_t frames = static_cast<uint32_t>(
@@ -221,7 +236,7 @@ bool PacketSocket::OpenTx(int ifindex, const std::string &ifname, uint32_t frame
       *problem = "bind of the sending socket to " + ifname + ": " + std::strerror(errno);
       return false;
    }
-   txRing_.Attach(txMap_, frameSize, req.tp_frame_nr, static_cast<uint32_t>(mtu));
+   txRing_.Attach(txMap_, frameSize, req.tp_frame_nr, static_cast<uint32_t>(mtu), vnet);
    return true;
 }
 
@@ -396,17 +411,21 @@ void PacketSocket::DiscardWaiting(SendResult *result) {
 
 uint32_t TxRing::DataOffset() { return TPACKET_ALIGN(sizeof(struct tpacket2_hdr)); }
 
-void TxRing::Attach(uint8_t *base, uint32_t frameSize, uint32_t frameCount, uint32_t mtu) {
+uint32_t TxRing::VnetHeaderBytes() { return sizeof(VnetHeader); }
+
+void TxRing::Attach(uint8_t *base, uint32_t frameSize, uint32_t frameCount, uint32_t mtu,
+                    bool vnetHeader) {
    base_ = base;
    frameSize_ = frameSize;
    frameCount_ = frameCount;
    mtu_ = mtu;
+   vnet_ = vnetHeader ? VnetHeaderBytes() : 0;
    head_ = oldest_ = inFlight_ = voided_ = 0;
 }
 
 void TxRing::Detach() {
    base_ = nullptr;
-   frameSize_ = frameCount_ = mtu_ = 0;
+   frameSize_ = frameCount_ = mtu_ = vnet_ = 0;
    head_ = oldest_ = inFlight_ = voided_ = 0;
 }
 
@@ -415,7 +434,7 @@ uint32_t TxRing::MaxLen(bool tagged) const {
    /* The kernel takes the interface's MTU and Ethernet header, and a tag
     * beyond them only when the frame carries one. */
    uint64_t byMtu = static_cast<uint64_t>(mtu_) + 14 + (tagged ? 4 : 0);
-   return static_cast<uint32_t>(std::min<uint64_t>(frameSize_ - DataOffset(), byMtu));
+   return static_cast<uint32_t>(std::min<uint64_t>(frameSize_ - DataOffset() - vnet_, byMtu));
 }
 
 TxRing::Put TxRing::Queue(const TxFrame &frame) {
@@ -430,6 +449,14 @@ TxRing::Put TxRing::Queue(const TxFrame &frame) {
       return Put::kFull; /* the kernel has not freed its copy yet */
    }
    uint8_t *data = slot + DataOffset();
+   if (vnet_ != 0) {
+      /* No offload asked for; the whole frame counts as its header. */
+      VnetHeader vh;
+      std::memset(&vh, 0, sizeof vh);
+      vh.hdrLen = static_cast<uint16_t>(len);
+      std::memcpy(data, &vh, sizeof vh);
+      data += vnet_;
+   }
    if (tag) {
       std::memcpy(data, frame.data, 12);
       data[12] = 0x81;
@@ -440,8 +467,8 @@ TxRing::Put TxRing::Queue(const TxFrame &frame) {
    } else {
       std::memcpy(data, frame.data, frame.len);
    }
-   hdr->tp_len = len;
-   hdr->tp_snaplen = len;
+   hdr->tp_len = len + vnet_;
+   hdr->tp_snaplen = len + vnet_;
    __atomic_store_n(&hdr->tp_status, TP_STATUS_SEND_REQUEST, __ATOMIC_RELEASE);
    head_ = head_ + 1 == frameCount_ ? 0 : head_ + 1;
    inFlight_++;
@@ -460,7 +487,7 @@ void TxRing::Reap(size_t *frames, uint64_t *bytes) {
          voided_--;
       } else {
          (*frames)++;
-         *bytes += hdr->tp_len;
+         *bytes += hdr->tp_len - vnet_;
       }
       oldest_ = oldest_ + 1 == frameCount_ ? 0 : oldest_ + 1;
       inFlight_--;

@@ -66,12 +66,21 @@ class TxRing {
  public:
    enum class Put { kQueued, kFull, kRefused };
 
-   /* Where a frame's bytes start in a slot: after the aligned header. */
+   /* Where a slot's bytes start: after the aligned header. */
    static uint32_t DataOffset();
+   /* Bytes of the virtio-net header that go before a frame's own on a
+    * socket with PACKET_VNET_HDR. */
+   static uint32_t VnetHeaderBytes();
 
    /* Uses `frameCount` slots of `frameSize` bytes at `base`, all of them
-    * free, for an interface of that MTU.  Nothing is allocated later. */
-   void Attach(uint8_t *base, uint32_t frameSize, uint32_t frameCount, uint32_t mtu);
+    * free, for an interface of that MTU.  With `vnetHeader`, each frame is
+    * preceded by a virtio-net header whose header length is the whole
+    * frame: the kernel then copies the frame into its socket buffer rather
+    * than pointing at the slot's page, which a veth would copy again, into
+    * a page of its own, as it hands the frame over.  Nothing is allocated
+    * later. */
+   void Attach(uint8_t *base, uint32_t frameSize, uint32_t frameCount, uint32_t mtu,
+               bool vnetHeader = false);
    void Detach();
    bool Attached() const { return base_ != nullptr; }
    uint32_t Frames() const { return frameCount_; }
@@ -100,6 +109,7 @@ class TxRing {
    uint32_t frameSize_ = 0;
    uint32_t frameCount_ = 0;
    uint32_t mtu_ = 0;
+   uint32_t vnet_ = 0;     /* bytes of virtio-net header before each frame */
    uint32_t head_ = 0;     /* next slot to fill */
    uint32_t oldest_ = 0;   /* oldest slot filled and not seen taken */
    uint32_t inFlight_ = 0; /* slots from oldest_ to head_ */

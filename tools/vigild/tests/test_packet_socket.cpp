@@ -449,9 +449,9 @@ struct FakeRing {
    static constexpr uint32_t kSize = 256;
    std::vector<uint64_t> memory; /* 8-byte aligned slots */
    vigild::TxRing ring;
-   explicit FakeRing(uint32_t frames, uint32_t mtu = 1500)
+   explicit FakeRing(uint32_t frames, uint32_t mtu = 1500, bool vnet = false)
        : memory(kSize * frames / 8, 0) {
-      ring.Attach(Base(), kSize, frames, mtu);
+      ring.Attach(Base(), kSize, frames, mtu, vnet);
    }
    uint8_t *Base() { return reinterpret_cast<uint8_t *>(memory.data()); }
    struct tpacket2_hdr *Hdr(uint32_t i) {
@@ -514,6 +514,33 @@ TEST(VigildTxRing, QueuedBytesTagAndStatus) {
    EXPECT_EQ(f.Hdr(1)->tp_len, 64u);
    EXPECT_EQ(f.ring.Waiting(), 2u);
    EXPECT_EQ(f.Hdr(2)->tp_status, static_cast<uint32_t>(TP_STATUS_AVAILABLE));
+}
+
+TEST(VigildTxRing, VirtioNetHeaderBeforeEachFrameCoversIt) {
+   FakeRing f(4, 1500, true);
+   const uint32_t vnet = vigild::TxRing::VnetHeaderBytes();
+   EXPECT_EQ(vnet, 10u);
+   EXPECT_EQ(f.ring.MaxLen(false), FakeRing::kSize - vigild::TxRing::DataOffset() - vnet);
+   Bytes frame = TestFrame(60);
+   ASSERT_EQ(f.ring.Queue(Tx(frame, true, 9)), vigild::TxRing::Put::kQueued);
+   EXPECT_EQ(f.Hdr(0)->tp_len, 64 + vnet);
+   Bytes slot = f.Data(0);
+   /* No flags, no segmentation, the whole frame as header, nothing more. */
+   uint16_t hdrLen = 0;
+   std::memcpy(&hdrLen, slot.data() + 2, 2);
+   EXPECT_EQ(slot[0], 0);
+   EXPECT_EQ(slot[1], 0);
+   EXPECT_EQ(hdrLen, 64);
+   for (uint32_t i = 4; i < vnet; i++) EXPECT_EQ(slot[i], 0) << i;
+   Bytes tagged = frame;
+   vigild::InsertTag(tagged, 9);
+   EXPECT_EQ(Bytes(slot.begin() + vnet, slot.end()), tagged);
+   f.Take(0, 1, true);
+   size_t frames = 0;
+   uint64_t bytes = 0;
+   f.ring.Reap(&frames, &bytes);
+   EXPECT_EQ(frames, 1u);
+   EXPECT_EQ(bytes, 64u); /* the frame's bytes, not the header's */
 }
 
 TEST(VigildTxRing, ReapCountsWhatTheKernelTookInOrder) {
