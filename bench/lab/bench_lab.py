@@ -291,6 +291,9 @@ def main():
 
     workdir = tempfile.mkdtemp(prefix="bench-lab-")
     results = []
+    # The machine's load around the run: with other work on the cores, the
+    # absolute rates mean little and only the ratios of one run compare.
+    load_before = os.getloadavg()
 
     def interrupted(signo, _frame):
         raise KeyboardInterrupt(f"signal {signo}")
@@ -308,7 +311,9 @@ def main():
         cleanup()
         shutil.rmtree(workdir, ignore_errors=True)
 
+    load_after = os.getloadavg()
     base = results[0]
+    print(f"load average {load_before[0]:.2f} before the run, {load_after[0]:.2f} after")
     print(f"{'switch':<24}{'kpps':>9}{'x bridge':>10}{'ping ms':>10}{'x bridge':>10}"
           f"{'lost in vigild':>16}")
     for r in results:
@@ -322,6 +327,7 @@ def main():
     if args.json:
         with open(args.json, "w") as f:
             json.dump({"seconds": args.seconds, "runs": args.runs, "frame": 60,
+                       "loadavg": {"before": load_before, "after": load_after},
                        "results": results}, f, indent=2)
             f.write("\n")
         print(f"bench-lab: results in {args.json}", file=sys.stderr)
