@@ -40,6 +40,7 @@ struct Slot {
 };
 
 struct Port {
+   zek_PortID id;
    zek_Portset *portset;
    PortOptions opts;
    std::set<uint32_t> flags;
@@ -53,9 +54,15 @@ struct Port {
 sim::RwSpinlock gPortMutex;
 std::vector<std::unique_ptr<zek_Portset>> gPortsets; /* in creation order */
 std::map<zek_PortID, Port> gPorts;
+/* The port found last: the data path looks up the same port batch after
+ * batch, and a map node stays where it is until it is erased.  Written
+ * under either mode of gPortMutex, cleared under the exclusive mode
+ * whenever a port goes, so that a reader never sees a port that is gone. */
+std::atomic<Port *> gLastPort{nullptr};
 
 void ResetPorts() {
    std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
+   gLastPort.store(nullptr, std::memory_order_relaxed);
    gPorts.clear();
    gPortsets.clear();
 }
@@ -78,9 +85,18 @@ zek_Portset *PortsetNamed(const std::string &name) {
    return nullptr;
 }
 
+/* The caller holds gPortMutex in either mode. */
 Port *FindPort(zek_PortID portID) {
+   Port *last = gLastPort.load(std::memory_order_relaxed);
+   if (last != nullptr && last->id == portID) {
+      return last;
+   }
    auto it = gPorts.find(portID);
-   return it == gPorts.end() ? nullptr : &it->second;
+   if (it == gPorts.end()) {
+      return nullptr;
+   }
+   gLastPort.store(&it->second, std::memory_order_relaxed);
+   return &it->second;
 }
 
 zek_Status CopyOut(const std::string &text, char *buf, size_t size) {
@@ -137,6 +153,7 @@ bool AddPort(const std::string &portset, zek_PortID portID,
    zek_Portset *ps = PortsetNamed(portset);
    if (ps == nullptr || gPorts.count(portID)) return false;
    Port &port = gPorts[portID];
+   port.id = portID;
    port.portset = ps;
    port.opts = opts;
    if (port.opts.fabSwitch.empty()) port.opts.fabSwitch = portset;
@@ -166,6 +183,7 @@ bool RemovePort(zek_PortID portID) {
    for (oxa_PortDataDestructor destructor : destructors) destructor(portID);
    {
       std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
+      gLastPort.store(nullptr, std::memory_order_relaxed);
       gPorts.erase(portID);
    }
    /* The port's property values go with it. */
