@@ -58,6 +58,11 @@ struct VigilPacketContext {
    u8 ipCopy[VIGIL_IP_HDR_COPY];
    u8 l4Copy[VIGIL_L4_HDR_COPY];
    u8 *ppMetadata; /* the frame's 16 Pathprobe bytes; null when not traced */
+   /* The IPv4 and UDP header entries when the loop worked them out from the
+    * Ethernet entry and the mapped bytes; ipEntry and l4Entry then point
+    * here. */
+   zek_PktHeaderEntry ownIpEntry;
+   zek_PktHeaderEntry ownL4Entry;
 };
 
 /* Packet loop. */
@@ -67,6 +72,11 @@ extern "C" VIGIL_MUST_CHECK zek_Status Vigil_ProcessPacketsFromSwitch(zek_PortID
                                                      void *priv,
                                                      zek_PktList *list);
 VIGIL_MUST_CHECK zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch);
+/* Parses a frame's headers into the context (flags, header pointers and
+ * entries, vlanId), as the loop does before a pipeline runs; the second
+ * takes every header by the host's finds, the reference for the first. */
+void VigilParseHeaders(zek_Pkt *pkt, VigilPacketContext *ctx);
+void VigilParseHeadersByFind(zek_Pkt *pkt, VigilPacketContext *ctx);
 u8 *VigilGetMappedPtr(zek_Pkt *pkt, u32 *offset, u32 length,
                       VigilPacketContext *ctx);
 u8 *OXA_PktFindSGEntry(zek_Pkt *pkt, u32 start, u32 end);

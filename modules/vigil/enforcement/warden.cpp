@@ -204,6 +204,32 @@ static void VigilSendOutputObsv(VigilFilter *filter, const u8 *ppMetadata,
    PP_SendWdnIOObsv(ppMetadata, &obsv);
 }
 
+/* What a traced frame reports of the port list's verdict: the input
+ * observation if asked for, then the drop, or the output observation if
+ * asked for.  Out of line: an untraced frame carries none of it. */
+__attribute__((noinline)) static void VigilWardenObserve(VigilFilter *filter,
+                                                         const u8 *ppMetadata,
+                                                         u32 obsvFlags, u32 result,
+                                                         u32 kind, u32 matchIndex) {
+   if (obsvFlags & VIGIL_OBSV_INPUT) {
+      VigilWdnIOObsv obsv;
+      memset(&obsv, 0, sizeof obsv);
+      obsv.direction = 1;
+      obsv.portID = filter->portID;
+      PP_SendWdnIOObsv(ppMetadata, &obsv);
+   }
+   if (result == VIGIL_ACTION_DROP) {
+      VigilLogicalDropObsv drop;
+      memset(&drop, 0, sizeof drop);
+      drop.obsvType = VIGIL_DROP_OBSV_KIND;
+      drop.dropType = VIGIL_DROP_OBSV_KIND;
+      drop.portID = filter->portID;
+      PP_SendLogicalDropObsv(ppMetadata, &drop);
+   } else if (obsvFlags & VIGIL_OBSV_OUTPUT) {
+      VigilSendOutputObsv(filter, ppMetadata, kind, matchIndex);
+   }
+}
+
 u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
                 const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
                 u32 obsvFlags) {
@@ -227,25 +253,8 @@ u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
    u32 result = VigilMatchList(filter, filter->portWhiteList,
                                filter->portWhiteListSize, vlan, mac, addr,
                                arpSenderMac, kind, macsEqual, "P", &matchIndex);
-   if (ppMetadata == nullptr) {
-      return result;
-   }
-   if (obsvFlags & VIGIL_OBSV_INPUT) {
-      VigilWdnIOObsv obsv;
-      memset(&obsv, 0, sizeof obsv);
-      obsv.direction = 1;
-      obsv.portID = filter->portID;
-      PP_SendWdnIOObsv(ppMetadata, &obsv);
-   }
-   if (result == VIGIL_ACTION_DROP) {
-      VigilLogicalDropObsv drop;
-      memset(&drop, 0, sizeof drop);
-      drop.obsvType = VIGIL_DROP_OBSV_KIND;
-      drop.dropType = VIGIL_DROP_OBSV_KIND;
-      drop.portID = filter->portID;
-      PP_SendLogicalDropObsv(ppMetadata, &drop);
-   } else if (obsvFlags & VIGIL_OBSV_OUTPUT) {
-      VigilSendOutputObsv(filter, ppMetadata, kind, matchIndex);
+   if (__builtin_expect(ppMetadata != nullptr, 0)) {
+      VigilWardenObserve(filter, ppMetadata, obsvFlags, result, kind, matchIndex);
    }
    return result;
 }
