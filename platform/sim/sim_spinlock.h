@@ -53,6 +53,13 @@ class RwSpinlock {
 
    void WriteUnlock() { word_.fetch_and(~kWriter, std::memory_order_release); }
 
+   /* Ends a hold taken by WriteLock with a plain store instead of a locked
+    * operation: while a writer holds the word no reader is counted in it
+    * (a reader comes in only when the writer bit is clear), so the word is
+    * the writer bit and perhaps the waiting bit.  The waiting bit it clears
+    * is set again by a writer that still spins, before its next try. */
+   void ExclusiveUnlock() { word_.store(0, std::memory_order_release); }
+
    /* The names std::lock_guard and std::shared_lock use. */
    void lock() { WriteLock(); }
    void unlock() { WriteUnlock(); }
