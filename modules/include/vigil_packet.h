@@ -54,10 +54,12 @@ struct VigilPacketContext {
    u8 *ndLinkAddrOpt;
    VigilDhcpV6Hdrs dhcpV6Hdrs; /* set by VigilParseDhcpv6Pkt */
    u8 holdsReadLock;
+   u8 *ppMetadata; /* the frame's 16 Pathprobe bytes; null when not traced */
+   /* From here on, room that is only read through a pointer set after it
+    * was written: the loop doesn't zero it when a batch starts. */
    u8 ethCopy[VIGIL_ETH_HDR_COPY];
    u8 ipCopy[VIGIL_IP_HDR_COPY];
    u8 l4Copy[VIGIL_L4_HDR_COPY];
-   u8 *ppMetadata; /* the frame's 16 Pathprobe bytes; null when not traced */
    /* The IPv4 and UDP header entries when the loop worked them out from the
     * Ethernet entry and the mapped bytes; ipEntry and l4Entry then point
     * here. */

@@ -7,6 +7,7 @@
  * state under the read lock answers RELOCK; the batch then takes the write
  * lock, keeps it to its end and runs that frame again from the start.
  */
+#include <cstddef>
 #include <cstring>
 
 #include "oxa.h"
@@ -308,7 +309,9 @@ zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch) {
    alignas(16) u8 iterMem[ZEK_PKT_LIST_ITER_MAX_SIZE];
    zek_PktListIter *iter = (zek_PktListIter *)iterMem;
 
-   memset(&ctx, 0, sizeof ctx);
+   /* Zero as far as the header copies: what lies behind them is written
+    * before anything reads it. */
+   memset(&ctx, 0, offsetof(VigilPacketContext, ethCopy));
    /* A chain that outlived its port's filter finds no filter: pass. */
    VigilFilter *filter = Vigil_LockFilter(portID, false);
    if (filter == nullptr) {

@@ -51,13 +51,17 @@ constexpr VigilPipelineCallees vigilPipelineModuleCallees = {
 };
 constinit VigilPipelineCallees vigilPipelineCallees = vigilPipelineModuleCallees;
 
+/* All six bytes 0xff, read as one word and one half word. */
+static inline bool VigilIsBroadcast(const u8 *addr) {
+   u32 head;
+   u16 tail;
+   memcpy(&head, addr, 4);
+   memcpy(&tail, addr + 4, 2);
+   return head == 0xffffffffu && tail == 0xffffu;
+}
+
 bool Eth_IsBroadcastAddr(const u8 *addr) {
-   for (u32 i = 0; i < VIGIL_ETH_ALEN; i++) {
-      if (addr[i] != 0xff) {
-         return false;
-      }
-   }
-   return true;
+   return VigilIsBroadcast(addr);
 }
 
 /* Counts a frame in the limiter's fixed window: a window passes exactly
@@ -93,7 +97,7 @@ static bool VigilLimitGroupFrame(VigilFilter *filter, const u8 *dst,
    if ((dst[0] & 1) == 0) {
       return false;
    }
-   if ((filter->featuresEnabled & bcastFeature) && Eth_IsBroadcastAddr(dst)) {
+   if ((filter->featuresEnabled & bcastFeature) && VigilIsBroadcast(dst)) {
       *action = VigilProcessRateLimiting(&filter->rateLimitLock, bcast,
                                          bcastDrops);
       return true;
