@@ -55,6 +55,14 @@ struct VigilPacketContext {
    VigilDhcpV6Hdrs dhcpV6Hdrs; /* set by VigilParseDhcpv6Pkt */
    u8 holdsReadLock;
    u8 *ppMetadata; /* the frame's 16 Pathprobe bytes; null when not traced */
+   /* The last IPv4 source the warden let through in this batch, as VLAN,
+    * MAC and address (wardenV4Known 0: none yet).  The lists can't change
+    * while the batch holds the lock, so the same source is let through
+    * again without a look; the loop forgets it when it relocks. */
+   u8 wardenV4Known;
+   u16 wardenV4Vlan;
+   u8 wardenV4Mac[VIGIL_ETH_ALEN];
+   u8 wardenV4Addr[4];
    /* From here on, room that is only read through a pointer set after it
     * was written: the loop doesn't zero it when a batch starts. */
    u8 ethCopy[VIGIL_ETH_HDR_COPY];
@@ -107,6 +115,10 @@ extern const u32 numSupportedBpdus;
 u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
                 const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
                 u32 obsvFlags);
+/* VigilWarden of an IPv4 source: kind VIGIL_WDN_IPV4, no ARP sender MAC,
+ * both observations. */
+u32 VigilWardenIpv4(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                    const u8 *ppMetadata);
 
 /* Snooping and IPv6 handling reached from the pipelines. */
 VIGIL_MUST_CHECK zek_Status VigilDhcpParse(VigilFilter *filter, zek_Pkt *pkt,

@@ -98,27 +98,29 @@ static inline bool VigilParseLayer(zek_Pkt *pkt, VigilPacketContext *ctx, u32 la
  * for any other frame. */
 static inline bool VigilDeriveIpv4(VigilPacketContext *ctx) {
    u32 offset = ctx->ethEntry->nextOffset;
-   if (offset + VIGIL_MIN_IPV4_HDR > ctx->mappedLen) {
+   u32 mappedLen = ctx->mappedLen; /* never above the frame's length */
+   if (offset + VIGIL_MIN_IPV4_HDR > mappedLen) {
       return false;
    }
    const u8 *ip = ctx->frameMapped + offset;
-   u32 hdrLen = (u32)(ip[0] & 0x0f) * 4;
-   u32 len = hdrLen > VIGIL_IP_HDR_COPY ? VIGIL_IP_HDR_COPY : hdrLen;
-   if ((ip[0] >> 4) != 4 || hdrLen < VIGIL_MIN_IPV4_HDR ||
-       offset + hdrLen > ctx->frameLen || offset + len > ctx->mappedLen) {
+   /* Version 4 and a header of 5 to 15 words, wholly mapped (and so in the
+    * frame); a longer one than the mapped part goes to the finds. */
+   if ((u8)(ip[0] - 0x45) > 0x0a) {
+      return false;
+   }
+   u32 l4Offset = offset + (u32)(ip[0] & 0x0f) * 4;
+   if (l4Offset > mappedLen) {
       return false;
    }
    u8 proto = ip[9];
-   u32 l4Offset = offset + hdrLen;
    bool udp = false;
-   if (proto == 17) {
-      /* A later fragment carries no transport header; a UDP header the
-       * mapped part doesn't hold goes to the finds and their copy. */
-      if ((VigilGetBe16(ip + 6) & 0x1fff) == 0 && l4Offset + VIGIL_MIN_UDP_HDR <= ctx->frameLen) {
-         if (l4Offset + VIGIL_MIN_UDP_HDR > ctx->mappedLen) {
-            return false;
-         }
+   /* A later fragment carries no transport header; a UDP header in the
+    * frame but not in the mapped part goes to the finds and their copy. */
+   if (proto == 17 && (VigilGetBe16(ip + 6) & 0x1fff) == 0) {
+      if (l4Offset + VIGIL_MIN_UDP_HDR <= mappedLen) {
          udp = true;
+      } else if (l4Offset + VIGIL_MIN_UDP_HDR <= ctx->frameLen) {
+         return false;
       }
    }
    ctx->ownIpEntry.type = ZEK_PKT_TYPE_IPV4;
@@ -374,6 +376,8 @@ zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch) {
             return ZEK_OK;
          }
          ctx.holdsReadLock = 0;
+         /* The configuration may have changed while no lock was held. */
+         ctx.wardenV4Known = 0;
          ctx.flags = 0;
          continue;
       }

@@ -158,8 +158,12 @@ static inline u32 VigilMatchList(VigilFilter *filter, const VigilWhiteListEntry 
    const VigilWhiteListIndex *index = list == filter->portWhiteList
                                          ? filter->portWhiteListIndex
                                          : filter->switchWhiteListIndex;
-   if (!Vigil_WhiteListIndexMatch(index, list, size, vlan, mac, addr, kind, macsEqual,
-                                  matchIndex)) {
+   bool answered = kind == VIGIL_WDN_IPV4
+                      ? Vigil_WhiteListIndexMatchIpv4(index, list, size, vlan, mac, addr,
+                                                      matchIndex)
+                      : Vigil_WhiteListIndexMatch(index, list, size, vlan, mac, addr, kind,
+                                                  macsEqual, matchIndex);
+   if (!answered) {
       *matchIndex = Vigil_ScanWhiteList(list, size, vlan, mac, addr, kind, macsEqual);
    }
    if (*matchIndex != VIGIL_WDN_NO_MATCH) {
@@ -230,9 +234,12 @@ __attribute__((noinline)) static void VigilWardenObserve(VigilFilter *filter,
    }
 }
 
-u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
-                const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
-                u32 obsvFlags) {
+/* The warden's steps, made once for any kind and once more for the IPv4
+ * source, the check most frames meet, with its kind and observations
+ * fixed. */
+static inline __attribute__((always_inline)) u32
+VigilWardenCheck(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                 const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata, u32 obsvFlags) {
    Vigil_AssertFilterIsLocked(filter, false);
    bool macsEqual = false;
    u32 matchIndex;
@@ -257,6 +264,19 @@ u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
       VigilWardenObserve(filter, ppMetadata, obsvFlags, result, kind, matchIndex);
    }
    return result;
+}
+
+u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
+                u32 obsvFlags) {
+   return VigilWardenCheck(filter, vlan, mac, addr, arpSenderMac, kind, ppMetadata,
+                           obsvFlags);
+}
+
+u32 VigilWardenIpv4(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                    const u8 *ppMetadata) {
+   return VigilWardenCheck(filter, vlan, mac, addr, nullptr, VIGIL_WDN_IPV4, ppMetadata,
+                           VIGIL_OBSV_INPUT | VIGIL_OBSV_OUTPUT);
 }
 
 /* Judges an IPv6 frame from the VM: its source, and for a neighbor

@@ -279,10 +279,11 @@ bool Vigil_WhiteListIndexCovers(const VigilWhiteListIndex *index,
    return VigilWlxCovers(index, list, size);
 }
 
-bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
-                               const VigilWhiteListEntry *list, u32 size, u16 vlan,
-                               const u8 *mac, const u8 *addr, u32 kind,
-                               bool macsEqual, u32 *matchIndex) {
+/* The lookup, made once for any kind and once more for the IPv4 source. */
+static inline __attribute__((always_inline)) bool
+VigilWlxMatch(const VigilWhiteListIndex *index, const VigilWhiteListEntry *list, u32 size,
+              u16 vlan, const u8 *mac, const u8 *addr, u32 kind, bool macsEqual,
+              u32 *matchIndex) {
    if (!VigilWlxCovers(index, list, size)) {
       return false;
    }
@@ -348,4 +349,18 @@ bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
    }
    *matchIndex = best;
    return true;
+}
+
+bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
+                               const VigilWhiteListEntry *list, u32 size, u16 vlan,
+                               const u8 *mac, const u8 *addr, u32 kind,
+                               bool macsEqual, u32 *matchIndex) {
+   return VigilWlxMatch(index, list, size, vlan, mac, addr, kind, macsEqual, matchIndex);
+}
+
+bool Vigil_WhiteListIndexMatchIpv4(const VigilWhiteListIndex *index,
+                                   const VigilWhiteListEntry *list, u32 size, u16 vlan,
+                                   const u8 *mac, const u8 *addr, u32 *matchIndex) {
+   return VigilWlxMatch(index, list, size, vlan, mac, addr, VIGIL_WDN_IPV4, false,
+                        matchIndex);
 }
