@@ -109,6 +109,18 @@ static inline bool OxaHashKeyEquals(const OxaHashCommon *hash,
    }
    switch (hash->flags & OXA_HASH_KEY_KIND_MASK) {
    case OXA_HASH_KEY_BYTES:
+      if (hash->keyLen == 12) {
+         /* The IPv4 binding key, compared as two words. */
+         u64 a0;
+         u64 b0;
+         u32 a1;
+         u32 b1;
+         memcpy(&a0, recordKey, 8);
+         memcpy(&b0, key, 8);
+         memcpy(&a1, (const u8 *)recordKey + 8, 4);
+         memcpy(&b1, (const u8 *)key + 8, 4);
+         return a0 == b0 && a1 == b1;
+      }
       return memcmp(recordKey, key, hash->keyLen) == 0;
    case OXA_HASH_KEY_STRING:
       return zek_Strncmp((const char *)recordKey, (const char *)key,

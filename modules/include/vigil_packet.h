@@ -54,10 +54,25 @@ struct VigilPacketContext {
    u8 *ndLinkAddrOpt;
    VigilDhcpV6Hdrs dhcpV6Hdrs; /* set by VigilParseDhcpv6Pkt */
    u8 holdsReadLock;
+   u8 *ppMetadata; /* the frame's 16 Pathprobe bytes; null when not traced */
+   /* The last IPv4 source the warden let through in this batch, as VLAN,
+    * MAC and address (wardenV4Known 0: none yet).  The lists can't change
+    * while the batch holds the lock, so the same source is let through
+    * again without a look; the loop forgets it when it relocks. */
+   u8 wardenV4Known;
+   u16 wardenV4Vlan;
+   u8 wardenV4Mac[VIGIL_ETH_ALEN];
+   u8 wardenV4Addr[4];
+   /* From here on, room that is only read through a pointer set after it
+    * was written: the loop doesn't zero it when a batch starts. */
    u8 ethCopy[VIGIL_ETH_HDR_COPY];
    u8 ipCopy[VIGIL_IP_HDR_COPY];
    u8 l4Copy[VIGIL_L4_HDR_COPY];
-   u8 *ppMetadata; /* the frame's 16 Pathprobe bytes; null when not traced */
+   /* The IPv4 and UDP header entries when the loop worked them out from the
+    * Ethernet entry and the mapped bytes; ipEntry and l4Entry then point
+    * here. */
+   zek_PktHeaderEntry ownIpEntry;
+   zek_PktHeaderEntry ownL4Entry;
 };
 
 /* Packet loop. */
@@ -67,6 +82,11 @@ extern "C" VIGIL_MUST_CHECK zek_Status Vigil_ProcessPacketsFromSwitch(zek_PortID
                                                      void *priv,
                                                      zek_PktList *list);
 VIGIL_MUST_CHECK zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch);
+/* Parses a frame's headers into the context (flags, header pointers and
+ * entries, vlanId), as the loop does before a pipeline runs; the second
+ * takes every header by the host's finds, the reference for the first. */
+void VigilParseHeaders(zek_Pkt *pkt, VigilPacketContext *ctx);
+void VigilParseHeadersByFind(zek_Pkt *pkt, VigilPacketContext *ctx);
 u8 *VigilGetMappedPtr(zek_Pkt *pkt, u32 *offset, u32 length,
                       VigilPacketContext *ctx);
 u8 *OXA_PktFindSGEntry(zek_Pkt *pkt, u32 start, u32 end);
@@ -95,6 +115,10 @@ extern const u32 numSupportedBpdus;
 u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
                 const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
                 u32 obsvFlags);
+/* VigilWarden of an IPv4 source: kind VIGIL_WDN_IPV4, no ARP sender MAC,
+ * both observations. */
+u32 VigilWardenIpv4(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                    const u8 *ppMetadata);
 
 /* Snooping and IPv6 handling reached from the pipelines. */
 VIGIL_MUST_CHECK zek_Status VigilDhcpParse(VigilFilter *filter, zek_Pkt *pkt,

@@ -47,6 +47,11 @@ bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
                                const u8 *mac, const u8 *addr, u32 kind,
                                bool macsEqual, u32 *matchIndex);
 
+/* The same for the IPv4 source check (VIGIL_WDN_IPV4). */
+bool Vigil_WhiteListIndexMatchIpv4(const VigilWhiteListIndex *index,
+                                   const VigilWhiteListEntry *list, u32 size, u16 vlan,
+                                   const u8 *mac, const u8 *addr, u32 *matchIndex);
+
 /* The first-match scan of the list, the reference the index must agree
  * with. */
 u32 Vigil_ScanWhiteList(const VigilWhiteListEntry *list, u32 size, u16 vlan,

@@ -284,24 +284,14 @@ void ReadBytes(const zek_Pkt *pkt, uint32_t offset, uint32_t len, uint8_t *out) 
 }
 
 /* The `occurrence`-th entry of the layer that is of the type (or, for a
- * type whose low 12 bits are zero, of the class). */
-inline zek_Status FindHeader(zek_Pkt *pkt, uint32_t layer, uint32_t type,
+ * type whose low 12 bits are zero, of the class), walking the layer. */
+zek_Status FindHeaderInLayer(zek_Pkt *pkt, uint32_t layer, uint32_t type,
                              uint32_t occurrence, zek_PktHeaderEntry **entry) {
    if (layer >= sim::kLayers) {
       return sim::kNotFound;
    }
    sim::HeaderTable &table = pkt->headers;
-   const bool isClass = (type & 0xfff) == 0;
-   if (isClass && occurrence == 1) {
-      const uint8_t first = type <= 0xf000u ? table.firstOfClass[layer][type >> 12]
-                                            : sim::kNoHeader;
-      if (first == sim::kNoHeader) {
-         return sim::kNotFound;
-      }
-      *entry = &table.entries[first];
-      return ZEK_OK;
-   }
-   const uint32_t mask = isClass ? 0xf000u : 0xffffu;
+   const uint32_t mask = (type & 0xfff) == 0 ? 0xf000u : 0xffffu;
    uint32_t seen = 0;
    for (uint32_t i = table.layerStart[layer]; i < table.layerStart[layer + 1]; i++) {
       if ((table.entries[i].type & mask) == type && ++seen == occurrence) {
@@ -312,6 +302,23 @@ inline zek_Status FindHeader(zek_Pkt *pkt, uint32_t layer, uint32_t type,
    return sim::kNotFound;
 }
 
+/* The usual find, the first header of a class in a layer, is one look in
+ * the table; anything else walks the layer. */
+inline zek_Status FindHeader(zek_Pkt *pkt, uint32_t layer, uint32_t type,
+                             uint32_t occurrence, zek_PktHeaderEntry **entry) {
+   /* A class (low 12 bits zero) of at most 0xf000, asked for once. */
+   if (__builtin_expect(layer < sim::kLayers && (type & ~0xf000u) == 0 && occurrence == 1,
+                        1)) {
+      const uint8_t first = pkt->headers.firstOfClass[layer][type >> 12];
+      if (first == sim::kNoHeader) {
+         return sim::kNotFound;
+      }
+      *entry = &pkt->headers.entries[first];
+      return ZEK_OK;
+   }
+   return FindHeaderInLayer(pkt, layer, type, occurrence, entry);
+}
+
 __attribute__((noinline, cold)) zek_Status
 FindHeaderWithFaults(zek_Pkt *pkt, uint32_t layer, uint32_t type,
                      uint32_t occurrence, zek_PktHeaderEntry **entry) {
@@ -320,6 +327,14 @@ FindHeaderWithFaults(zek_Pkt *pkt, uint32_t layer, uint32_t type,
       return status;
    }
    return FindHeader(pkt, layer, type, occurrence, entry);
+}
+
+__attribute__((noinline, cold)) void *MappedPointerWithFaults(zek_Pkt *pkt) {
+   zek_Status status;
+   if (sim::FaultCheck("PktFrameMappedPointerGet", &status)) {
+      return nullptr;
+   }
+   return pkt->mapped;
 }
 
 void ResetFrames() {
@@ -417,9 +432,9 @@ void SetTracing(bool on) {
 extern "C" {
 
 void *zek_PktFrameMappedPointerGet(zek_Pkt *pkt) {
-   zek_Status status;
-   if (sim::AnyCallFaultArmed() && sim::FaultCheck("PktFrameMappedPointerGet", &status)) {
-      return nullptr;
+   /* The fault check lives out of line, as the find's does. */
+   if (__builtin_expect(sim::AnyCallFaultArmed(), 0)) {
+      return MappedPointerWithFaults(pkt);
    }
    return pkt->mapped;
 }

@@ -330,13 +330,14 @@ void zek_SpinlockWriteUnlock(zek_SpinlockHandle lock) {
    Release(lock, LockMode::Write, "write unlock");
 }
 #else
-/* An ordinary spinlock is the writer side of the same word. */
+/* An ordinary spinlock is the writer side of the same word, which no
+ * reader ever counts in. */
 void zek_SpinlockLock(zek_SpinlockHandle lock) { lock->spin.WriteLock(); }
-void zek_SpinlockUnlock(zek_SpinlockHandle lock) { lock->spin.WriteUnlock(); }
+void zek_SpinlockUnlock(zek_SpinlockHandle lock) { lock->spin.ExclusiveUnlock(); }
 void zek_SpinlockReadLock(zek_SpinlockHandle lock) { lock->spin.ReadLock(); }
 void zek_SpinlockReadUnlock(zek_SpinlockHandle lock) { lock->spin.ReadUnlock(); }
 void zek_SpinlockWriteLock(zek_SpinlockHandle lock) { lock->spin.WriteLock(); }
-void zek_SpinlockWriteUnlock(zek_SpinlockHandle lock) { lock->spin.WriteUnlock(); }
+void zek_SpinlockWriteUnlock(zek_SpinlockHandle lock) { lock->spin.ExclusiveUnlock(); }
 #endif
 
 } /* extern "C" */

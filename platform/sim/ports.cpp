@@ -40,6 +40,7 @@ struct Slot {
 };
 
 struct Port {
+   zek_PortID id;
    zek_Portset *portset;
    PortOptions opts;
    std::set<uint32_t> flags;
@@ -53,9 +54,93 @@ struct Port {
 sim::RwSpinlock gPortMutex;
 std::vector<std::unique_ptr<zek_Portset>> gPortsets; /* in creation order */
 std::map<zek_PortID, Port> gPorts;
+/* The port found last: the data path looks up the same port batch after
+ * batch, and a map node stays where it is until it is erased.  Written
+ * under either mode of gPortMutex, cleared under the exclusive mode
+ * whenever a port goes, so that a reader never sees a port that is gone. */
+std::atomic<Port *> gLastPort{nullptr};
+
+/* The data path reads a port's filter slot on every batch, and twice for a
+ * batch that relocks; the slots change only when a filter comes or goes.
+ * So the slots in use are also kept in a small table that a read looks up
+ * without taking gPortMutex: each entry holds one (port, slot, value) under
+ * a sequence word that is odd while the entry is being written.  Entries
+ * are written only under the exclusive mode of gPortMutex, whenever a slot
+ * is set or unset and whenever a port goes; a read that finds no entry for
+ * its port and slot, or one being written, takes the lock and the map. */
+constexpr uint32_t kFastSlots = 64;
+
+struct FastSlot {
+   std::atomic<uint32_t> seq{0};
+   std::atomic<zek_PortID> portID{0};
+   std::atomic<uint32_t> slot{0};
+   std::atomic<bool> used{false}; /* false: the entry tells nothing */
+   std::atomic<void *> value{nullptr};
+};
+
+FastSlot gFastSlots[kFastSlots];
+
+FastSlot &FastSlotOf(zek_PortID portID, uint32_t slot) {
+   return gFastSlots[(portID * 16u + slot) % kFastSlots];
+}
+
+/* Writes an entry; the caller holds gPortMutex exclusively.  `used` false
+ * empties it. */
+void WriteFastSlot(zek_PortID portID, uint32_t slot, bool used, void *value) {
+   FastSlot &e = FastSlotOf(portID, slot);
+   const uint32_t seq = e.seq.load(std::memory_order_relaxed);
+   e.seq.store(seq + 1, std::memory_order_relaxed);
+   std::atomic_thread_fence(std::memory_order_release);
+   e.portID.store(portID, std::memory_order_relaxed);
+   e.slot.store(slot, std::memory_order_relaxed);
+   e.value.store(value, std::memory_order_relaxed);
+   e.used.store(used, std::memory_order_relaxed);
+   e.seq.store(seq + 2, std::memory_order_release);
+}
+
+/* Empties whatever entry the port's slot would use, so that no entry
+ * survives its port. */
+void ForgetFastSlotsOf(zek_PortID portID) {
+   for (uint32_t slot = 0; slot < kSlots; slot++) {
+      FastSlot &e = FastSlotOf(portID, slot);
+      if (e.used.load(std::memory_order_relaxed) &&
+          e.portID.load(std::memory_order_relaxed) == portID &&
+          e.slot.load(std::memory_order_relaxed) == slot) {
+         WriteFastSlot(portID, slot, false, nullptr);
+      }
+   }
+}
+
+/* The slot's value from the table: true with *value when an entry answers
+ * for the port and slot, false when the map must answer. */
+bool ReadFastSlot(zek_PortID portID, uint32_t slot, void **value) {
+   FastSlot &e = FastSlotOf(portID, slot);
+   const uint32_t before = e.seq.load(std::memory_order_acquire);
+   if (before & 1) {
+      return false;
+   }
+   const bool used = e.used.load(std::memory_order_relaxed);
+   const zek_PortID id = e.portID.load(std::memory_order_relaxed);
+   const uint32_t at = e.slot.load(std::memory_order_relaxed);
+   void *v = e.value.load(std::memory_order_relaxed);
+   std::atomic_thread_fence(std::memory_order_acquire);
+   if (e.seq.load(std::memory_order_relaxed) != before || !used || id != portID ||
+       at != slot) {
+      return false;
+   }
+   *value = v;
+   return true;
+}
 
 void ResetPorts() {
    std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
+   gLastPort.store(nullptr, std::memory_order_relaxed);
+   for (FastSlot &e : gFastSlots) {
+      if (e.used.load(std::memory_order_relaxed)) {
+         WriteFastSlot(e.portID.load(std::memory_order_relaxed),
+                       e.slot.load(std::memory_order_relaxed), false, nullptr);
+      }
+   }
    gPorts.clear();
    gPortsets.clear();
 }
@@ -78,9 +163,18 @@ zek_Portset *PortsetNamed(const std::string &name) {
    return nullptr;
 }
 
+/* The caller holds gPortMutex in either mode. */
 Port *FindPort(zek_PortID portID) {
+   Port *last = gLastPort.load(std::memory_order_relaxed);
+   if (last != nullptr && last->id == portID) {
+      return last;
+   }
    auto it = gPorts.find(portID);
-   return it == gPorts.end() ? nullptr : &it->second;
+   if (it == gPorts.end()) {
+      return nullptr;
+   }
+   gLastPort.store(&it->second, std::memory_order_relaxed);
+   return &it->second;
 }
 
 zek_Status CopyOut(const std::string &text, char *buf, size_t size) {
@@ -137,6 +231,7 @@ bool AddPort(const std::string &portset, zek_PortID portID,
    zek_Portset *ps = PortsetNamed(portset);
    if (ps == nullptr || gPorts.count(portID)) return false;
    Port &port = gPorts[portID];
+   port.id = portID;
    port.portset = ps;
    port.opts = opts;
    if (port.opts.fabSwitch.empty()) port.opts.fabSwitch = portset;
@@ -166,6 +261,8 @@ bool RemovePort(zek_PortID portID) {
    for (oxa_PortDataDestructor destructor : destructors) destructor(portID);
    {
       std::lock_guard<sim::RwSpinlock> guard(gPortMutex);
+      gLastPort.store(nullptr, std::memory_order_relaxed);
+      ForgetFastSlotsOf(portID);
       gPorts.erase(portID);
    }
    /* The port's property values go with it. */
@@ -250,15 +347,37 @@ using namespace sim;
 
 extern "C" {
 
-zek_Status oxa_PortVoltaliteDataGet(zek_PortID portID, uint32_t slot,
-                                    void **value) {
-   SIM_FAULT_RETURN("PortVoltaliteDataGet");
-   if (slot >= kSlots || value == nullptr) return kBadParam;
+/* A slot's value from the map, under the lock; out of line, so that a
+ * read the table answers saves and restores nothing. */
+__attribute__((noinline)) static zek_Status PortDataGetLocked(zek_PortID portID, uint32_t slot,
+                                                              void **value) {
    std::shared_lock<sim::RwSpinlock> guard(gPortMutex);
    Port *port = FindPort(portID);
    if (port == nullptr || !port->slots[slot].used) return kNotFound;
    *value = port->slots[slot].value;
    return ZEK_OK;
+}
+
+static inline zek_Status PortDataGet(zek_PortID portID, uint32_t slot, void **value) {
+   if (slot >= kSlots || value == nullptr) return kBadParam;
+   if (ReadFastSlot(portID, slot, value)) return ZEK_OK;
+   return PortDataGetLocked(portID, slot, value);
+}
+
+__attribute__((noinline, cold)) static zek_Status
+PortDataGetWithFaults(zek_PortID portID, uint32_t slot, void **value) {
+   zek_Status status;
+   if (sim::FaultCheck("PortVoltaliteDataGet", &status)) return status;
+   return PortDataGet(portID, slot, value);
+}
+
+zek_Status oxa_PortVoltaliteDataGet(zek_PortID portID, uint32_t slot,
+                                    void **value) {
+   /* The fault check lives out of line, as the frame calls' do. */
+   if (__builtin_expect(sim::AnyCallFaultArmed(), 0)) {
+      return PortDataGetWithFaults(portID, slot, value);
+   }
+   return PortDataGet(portID, slot, value);
 }
 
 zek_Status oxa_PortVoltaliteDataSet(zek_PortID portID, uint32_t slot,
@@ -270,6 +389,7 @@ zek_Status oxa_PortVoltaliteDataSet(zek_PortID portID, uint32_t slot,
    Port *port = FindPort(portID);
    if (port == nullptr) return kNotFound;
    port->slots[slot] = Slot{true, value, destructor};
+   WriteFastSlot(portID, slot, true, value);
    return ZEK_OK;
 }
 
@@ -280,6 +400,7 @@ zek_Status oxa_PortVoltaliteDataUnset(zek_PortID portID, uint32_t slot) {
    Port *port = FindPort(portID);
    if (port == nullptr || !port->slots[slot].used) return kNotFound;
    port->slots[slot] = Slot{};
+   WriteFastSlot(portID, slot, false, nullptr);
    return ZEK_OK;
 }
 

@@ -33,6 +33,18 @@ class RwSpinlock {
    void ReadUnlock() { word_.fetch_sub(1, std::memory_order_release); }
 
    void WriteLock() {
+      /* A free word is taken at the first try, with nothing to set up. */
+      uint32_t free = 0;
+      if (__builtin_expect(word_.compare_exchange_strong(free, kWriter, std::memory_order_acquire,
+                                                         std::memory_order_relaxed),
+                           1)) {
+         return;
+      }
+      WriteLockSpin();
+   }
+
+ private:
+   __attribute__((noinline)) void WriteLockSpin() {
       for (uint32_t spins = 0;; spins++) {
          uint32_t v = word_.load(std::memory_order_relaxed);
          if ((v & ~kWriterWaiting) == 0) {
@@ -51,7 +63,15 @@ class RwSpinlock {
       }
    }
 
+ public:
    void WriteUnlock() { word_.fetch_and(~kWriter, std::memory_order_release); }
+
+   /* Ends a hold taken by WriteLock with a plain store instead of a locked
+    * operation: while a writer holds the word no reader is counted in it
+    * (a reader comes in only when the writer bit is clear), so the word is
+    * the writer bit and perhaps the waiting bit.  The waiting bit it clears
+    * is set again by a writer that still spins, before its next try. */
+   void ExclusiveUnlock() { word_.store(0, std::memory_order_release); }
 
    /* The names std::lock_guard and std::shared_lock use. */
    void lock() { WriteLock(); }

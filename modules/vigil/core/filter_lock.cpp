@@ -10,7 +10,7 @@
 #include "vigil_filter.h"
 #include "vigil_module.h"
 
-VigilFilter *Vigil_GetPortFilter(u32 portID) {
+static inline VigilFilter *VigilPortFilter(u32 portID) {
    void *value = nullptr;
    if (oxa_PortVoltaliteDataGet(portID, VIGIL_FILTER_SLOT, &value) != ZEK_OK) {
       return nullptr;
@@ -18,8 +18,12 @@ VigilFilter *Vigil_GetPortFilter(u32 portID) {
    return (VigilFilter *)value;
 }
 
+VigilFilter *Vigil_GetPortFilter(u32 portID) {
+   return VigilPortFilter(portID);
+}
+
 VigilFilter *Vigil_LockFilter(u32 portID, bool forWrite) {
-   VigilFilter *filter = Vigil_GetPortFilter(portID);
+   VigilFilter *filter = VigilPortFilter(portID);
    if (filter == nullptr) {
       return nullptr;
    }

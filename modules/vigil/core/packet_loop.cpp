@@ -7,6 +7,7 @@
  * state under the read lock answers RELOCK; the batch then takes the write
  * lock, keeps it to its end and runs that frame again from the start.
  */
+#include <cstddef>
 #include <cstring>
 
 #include "oxa.h"
@@ -48,25 +49,23 @@ extern "C" zek_Status Vigil_ProcessPacketsFromSwitch(zek_PortID portID,
    return VigilProcessPackets(portID, list, false);
 }
 
-/* Finds one header and points at it, in the mapped frame when it lies there
- * and in the context's copy otherwise.  The length is the distance to the
- * next header capped at the copy's size; a header shorter than `minLen` is
- * treated as missing, so that pipelines never read past what was found. */
-static bool VigilParseLayer(zek_Pkt *pkt, VigilPacketContext *ctx, u32 layer,
-                            u32 headerClass, zek_PktHeaderEntry **entry,
-                            u8 *copy, u32 cap, u32 minLen, u8 **hdr) {
-   if (zek_PktHeaderFind(pkt, layer, headerClass, 1, entry, 0) != ZEK_OK) {
-      return false;
-   }
-   u32 len = (u32)((i32)(*entry)->nextOffset - (i32)(*entry)->offset);
+/* Points at a header whose entry is in hand, in the mapped frame when it
+ * lies there and in the context's copy otherwise.  The length is the
+ * distance to the next header capped at the copy's size; a header shorter
+ * than `minLen` is treated as missing, so that pipelines never read past
+ * what was found. */
+static inline bool VigilMapLayer(zek_Pkt *pkt, VigilPacketContext *ctx,
+                                 const zek_PktHeaderEntry *entry, u8 *copy, u32 cap,
+                                 u32 minLen, u8 **hdr) {
+   u32 len = (u32)((i32)entry->nextOffset - (i32)entry->offset);
    if (len > cap) {
       len = cap;
    }
    if (len < minLen) {
       return false;
    }
-   u32 offset = (*entry)->offset;
-   if (ctx->mappedLen < offset + len) {
+   u32 offset = entry->offset;
+   if (__builtin_expect(ctx->mappedLen < offset + len, 0)) {
       if (zek_PktCopyBytesOut(copy, len, offset, pkt) != ZEK_OK) {
          return false;
       }
@@ -77,22 +76,74 @@ static bool VigilParseLayer(zek_Pkt *pkt, VigilPacketContext *ctx, u32 layer,
    return true;
 }
 
-/* Parses Ethernet, IP and the layer 4 header the pipelines look at.  Stops
- * at the first header that can't be found or copied, keeping the bits set
- * so far. */
-static void VigilParseHeaders(zek_Pkt *pkt, VigilPacketContext *ctx) {
-   if (!VigilParseLayer(pkt, ctx, 0, 0x1000, &ctx->ethEntry, ctx->ethCopy,
-                        VIGIL_ETH_HDR_COPY, VIGIL_MIN_ETH_HDR, &ctx->ethHdr)) {
-      return;
+/* Finds one header and points at it (VigilMapLayer). */
+static inline bool VigilParseLayer(zek_Pkt *pkt, VigilPacketContext *ctx, u32 layer,
+                                   u32 headerClass, zek_PktHeaderEntry **entry,
+                                   u8 *copy, u32 cap, u32 minLen, u8 **hdr) {
+   if (zek_PktHeaderFind(pkt, layer, headerClass, 1, entry, 0) != ZEK_OK) {
+      return false;
    }
-   ctx->flags |= VIGIL_PKT_ETH;
-   ctx->vlanId = zek_PktVlanIDGet(pkt);
+   return VigilMapLayer(pkt, ctx, *entry, copy, cap, minLen, hdr);
+}
 
-   u16 etherType = ctx->ethEntry->nextProto;
-   bool isIpv4 = etherType == VIGIL_ETHERTYPE_IPV4;
-   if (!isIpv4 && etherType != VIGIL_ETHERTYPE_IPV6) {
-      return;
+/* The IPv4 header and, for UDP, the UDP header of a frame whose Ethernet
+ * entry says IPv4, worked out from that entry and the mapped bytes instead
+ * of two more finds.  The host describes an IPv4 header that starts where
+ * the Ethernet entry says the next header does, has version 4 and a header
+ * length of at least 20 bytes that lies in the frame, and ends where that
+ * length says; and behind it, unless the frame is a later fragment, the UDP
+ * header of 8 bytes if they lie in the frame.  Only a frame whose headers
+ * are wholly mapped is taken this way, and only when the header is surely
+ * there: false sends the frame to the finds, which then answer exactly as
+ * for any other frame. */
+static inline bool VigilDeriveIpv4(VigilPacketContext *ctx) {
+   u32 offset = ctx->ethEntry->nextOffset;
+   u32 mappedLen = ctx->mappedLen; /* never above the frame's length */
+   if (offset + VIGIL_MIN_IPV4_HDR > mappedLen) {
+      return false;
    }
+   const u8 *ip = ctx->frameMapped + offset;
+   /* Version 4 and a header of 5 to 15 words, wholly mapped (and so in the
+    * frame); a longer one than the mapped part goes to the finds. */
+   if ((u8)(ip[0] - 0x45) > 0x0a) {
+      return false;
+   }
+   u32 l4Offset = offset + (u32)(ip[0] & 0x0f) * 4;
+   if (l4Offset > mappedLen) {
+      return false;
+   }
+   u8 proto = ip[9];
+   bool udp = false;
+   /* A later fragment carries no transport header; a UDP header in the
+    * frame but not in the mapped part goes to the finds and their copy. */
+   if (proto == 17 && (VigilGetBe16(ip + 6) & 0x1fff) == 0) {
+      if (l4Offset + VIGIL_MIN_UDP_HDR <= mappedLen) {
+         udp = true;
+      } else if (l4Offset + VIGIL_MIN_UDP_HDR <= ctx->frameLen) {
+         return false;
+      }
+   }
+   ctx->ownIpEntry.type = ZEK_PKT_TYPE_IPV4;
+   ctx->ownIpEntry.offset = (u16)offset;
+   ctx->ownIpEntry.nextProto = proto;
+   ctx->ownIpEntry.nextOffset = (u16)l4Offset;
+   ctx->ipEntry = &ctx->ownIpEntry;
+   ctx->ipHdr = (u8 *)ip;
+   ctx->flags |= VIGIL_PKT_IPV4;
+   if (udp) {
+      ctx->ownL4Entry.type = ZEK_PKT_TYPE_UDP;
+      ctx->ownL4Entry.offset = (u16)l4Offset;
+      ctx->ownL4Entry.nextProto = 0;
+      ctx->ownL4Entry.nextOffset = (u16)(l4Offset + VIGIL_MIN_UDP_HDR);
+      ctx->l4Entry = &ctx->ownL4Entry;
+      ctx->l4Hdr = ctx->frameMapped + l4Offset;
+      ctx->flags |= VIGIL_PKT_UDP;
+   }
+   return true;
+}
+
+/* Everything behind the Ethernet header, by the host's finds alone. */
+static void VigilParseNetworkByFind(zek_Pkt *pkt, VigilPacketContext *ctx, bool isIpv4) {
    if (!VigilParseLayer(pkt, ctx, 1, 0x2000, &ctx->ipEntry, ctx->ipCopy,
                         VIGIL_IP_HDR_COPY,
                         isIpv4 ? VIGIL_MIN_IPV4_HDR : VIGIL_MIN_IPV6_HDR,
@@ -126,15 +177,42 @@ static void VigilParseHeaders(zek_Pkt *pkt, VigilPacketContext *ctx) {
    }
 }
 
+/* Parses Ethernet, IP and the layer 4 header the pipelines look at.  Stops
+ * at the first header that can't be found or copied, keeping the bits set
+ * so far.  `byFind` takes every header by the host's finds (the reference
+ * that the shorter way for IPv4 is tested against). */
+static inline void VigilParseHeadersWith(zek_Pkt *pkt, VigilPacketContext *ctx,
+                                         bool byFind) {
+   if (!VigilParseLayer(pkt, ctx, 0, 0x1000, &ctx->ethEntry, ctx->ethCopy,
+                        VIGIL_ETH_HDR_COPY, VIGIL_MIN_ETH_HDR, &ctx->ethHdr)) {
+      return;
+   }
+   ctx->flags |= VIGIL_PKT_ETH;
+   ctx->vlanId = zek_PktVlanIDGet(pkt);
+
+   u16 etherType = ctx->ethEntry->nextProto;
+   if (etherType == VIGIL_ETHERTYPE_IPV4) {
+      if (byFind || !VigilDeriveIpv4(ctx)) {
+         VigilParseNetworkByFind(pkt, ctx, true);
+      }
+   } else if (etherType == VIGIL_ETHERTYPE_IPV6) {
+      VigilParseNetworkByFind(pkt, ctx, false);
+   }
+}
+
+void VigilParseHeaders(zek_Pkt *pkt, VigilPacketContext *ctx) {
+   VigilParseHeadersWith(pkt, ctx, false);
+}
+
+void VigilParseHeadersByFind(zek_Pkt *pkt, VigilPacketContext *ctx) {
+   VigilParseHeadersWith(pkt, ctx, true);
+}
+
 /* Locates the Pathprobe metadata, the last 16 bytes of the packet, of a
  * traced frame.  A frame that is not wholly mapped is replaced in the list by
  * a mapped copy first.  A failure is logged and the frame goes on untraced. */
-static void VigilPathprobeStep(zek_PktListIter *iter, zek_Pkt **pkt,
-                               VigilPacketContext *ctx) {
-   /* No trace window open: no clock read nor division per frame. */
-   if (pathprobe_global_time == 0) {
-      return;
-   }
+__attribute__((noinline, cold)) static void
+VigilPathprobeStep(zek_PktListIter *iter, zek_Pkt **pkt, VigilPacketContext *ctx) {
    u64 nowMs = zek_TimerMonotonicCounter() * 1000 /
                zek_GetMonotonicCounterFrequency();
    if (pathprobe_global_time <= nowMs) {
@@ -233,7 +311,9 @@ zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch) {
    alignas(16) u8 iterMem[ZEK_PKT_LIST_ITER_MAX_SIZE];
    zek_PktListIter *iter = (zek_PktListIter *)iterMem;
 
-   memset(&ctx, 0, sizeof ctx);
+   /* Zero as far as the header copies: what lies behind them is written
+    * before anything reads it. */
+   memset(&ctx, 0, offsetof(VigilPacketContext, ethCopy));
    /* A chain that outlived its port's filter finds no filter: pass. */
    VigilFilter *filter = Vigil_LockFilter(portID, false);
    if (filter == nullptr) {
@@ -244,53 +324,63 @@ zek_Status VigilProcessPackets(u32 portID, zek_PktList *list, bool toSwitch) {
       Vigil_UnlockFilter(filter, false);
       return ZEK_OK;
    }
+   zek_Status (*pipeline)(VigilFilter *, zek_Pkt *, VigilPacketContext *, u32 *) =
+      toSwitch ? VigilProcessPktTx : VigilProcessPktRx;
 
    zek_PktListIterStart(iter, list);
    while (!zek_PktListIterIsAtEnd(iter)) {
       zek_Pkt *pkt = zek_PktListIterGetPkt(iter);
       u32 action = VIGIL_ACTION_FORWARD;
       ctx.ppMetadata = nullptr;
-      VigilPathprobeStep(iter, &pkt, &ctx);
+      /* No trace window open: no clock read nor division per frame. */
+      if (__builtin_expect(pathprobe_global_time != 0, 0)) {
+         VigilPathprobeStep(iter, &pkt, &ctx);
+      }
 
       ctx.flags = 0;
-      ctx.frameMapped = (u8 *)zek_PktFrameMappedPointerGet(pkt);
-      ctx.frameLen = zek_PktFrameLenGet(pkt);
-      ctx.mappedLen = zek_PktFrameMappedLenGet(pkt);
-      if (ctx.mappedLen > ctx.frameLen) {
-         ctx.mappedLen = ctx.frameLen;
+      u8 *mapped = (u8 *)zek_PktFrameMappedPointerGet(pkt);
+      u32 frameLen = zek_PktFrameLenGet(pkt);
+      u32 mappedLen = zek_PktFrameMappedLenGet(pkt);
+      if (mappedLen > frameLen) {
+         mappedLen = frameLen;
       }
       /* Without a mapped part every header is read through a copy. */
-      if (ctx.frameMapped == nullptr) {
-         ctx.mappedLen = 0;
+      if (mapped == nullptr) {
+         mappedLen = 0;
       }
+      ctx.frameMapped = mapped;
+      ctx.frameLen = frameLen;
+      ctx.mappedLen = mappedLen;
       ctx.flatCopy = nullptr;
       ctx.dhcpHdr = nullptr;
       ctx.dhcpMsgType = nullptr;
       ctx.dhcpClientIdLen = 0;
       ctx.dhcpClientId = nullptr;
       ctx.dhcpLeaseTime = nullptr;
-      VigilParseHeaders(pkt, &ctx);
+      VigilParseHeadersWith(pkt, &ctx, false);
 
       zek_Status status = ZEK_OK;
       if (ctx.flags & VIGIL_PKT_ETH) {
-         status = toSwitch ? VigilProcessPktTx(filter, pkt, &ctx, &action)
-                           : VigilProcessPktRx(filter, pkt, &ctx, &action);
+         status = pipeline(filter, pkt, &ctx, &action);
       }
-      if (status == ZEK_OK && action == VIGIL_ACTION_RELOCK &&
+      if (__builtin_expect(ctx.flatCopy != nullptr, 0)) {
+         VigilFreeFlatCopy(&ctx);
+      }
+      if (__builtin_expect(action == VIGIL_ACTION_RELOCK, 0) && status == ZEK_OK &&
           ctx.holdsReadLock == 1) {
          /* Run the same frame again under the write lock.  Without it (the
           * filter left its port meanwhile) the batch holds no lock any more:
           * it stops judging, and the rest of the list passes untouched. */
-         VigilFreeFlatCopy(&ctx);
          filter = Vigil_RelockFilterForWrite(filter);
          if (filter == nullptr) {
             return ZEK_OK;
          }
          ctx.holdsReadLock = 0;
+         /* The configuration may have changed while no lock was held. */
+         ctx.wardenV4Known = 0;
          ctx.flags = 0;
          continue;
       }
-      VigilFreeFlatCopy(&ctx);
       ctx.flags = 0;
 
       if (action == VIGIL_ACTION_DROP) {

@@ -158,8 +158,12 @@ static inline u32 VigilMatchList(VigilFilter *filter, const VigilWhiteListEntry 
    const VigilWhiteListIndex *index = list == filter->portWhiteList
                                          ? filter->portWhiteListIndex
                                          : filter->switchWhiteListIndex;
-   if (!Vigil_WhiteListIndexMatch(index, list, size, vlan, mac, addr, kind, macsEqual,
-                                  matchIndex)) {
+   bool answered = kind == VIGIL_WDN_IPV4
+                      ? Vigil_WhiteListIndexMatchIpv4(index, list, size, vlan, mac, addr,
+                                                      matchIndex)
+                      : Vigil_WhiteListIndexMatch(index, list, size, vlan, mac, addr, kind,
+                                                  macsEqual, matchIndex);
+   if (!answered) {
       *matchIndex = Vigil_ScanWhiteList(list, size, vlan, mac, addr, kind, macsEqual);
    }
    if (*matchIndex != VIGIL_WDN_NO_MATCH) {
@@ -204,9 +208,38 @@ static void VigilSendOutputObsv(VigilFilter *filter, const u8 *ppMetadata,
    PP_SendWdnIOObsv(ppMetadata, &obsv);
 }
 
-u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
-                const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
-                u32 obsvFlags) {
+/* What a traced frame reports of the port list's verdict: the input
+ * observation if asked for, then the drop, or the output observation if
+ * asked for.  Out of line: an untraced frame carries none of it. */
+__attribute__((noinline)) static void VigilWardenObserve(VigilFilter *filter,
+                                                         const u8 *ppMetadata,
+                                                         u32 obsvFlags, u32 result,
+                                                         u32 kind, u32 matchIndex) {
+   if (obsvFlags & VIGIL_OBSV_INPUT) {
+      VigilWdnIOObsv obsv;
+      memset(&obsv, 0, sizeof obsv);
+      obsv.direction = 1;
+      obsv.portID = filter->portID;
+      PP_SendWdnIOObsv(ppMetadata, &obsv);
+   }
+   if (result == VIGIL_ACTION_DROP) {
+      VigilLogicalDropObsv drop;
+      memset(&drop, 0, sizeof drop);
+      drop.obsvType = VIGIL_DROP_OBSV_KIND;
+      drop.dropType = VIGIL_DROP_OBSV_KIND;
+      drop.portID = filter->portID;
+      PP_SendLogicalDropObsv(ppMetadata, &drop);
+   } else if (obsvFlags & VIGIL_OBSV_OUTPUT) {
+      VigilSendOutputObsv(filter, ppMetadata, kind, matchIndex);
+   }
+}
+
+/* The warden's steps, made once for any kind and once more for the IPv4
+ * source, the check most frames meet, with its kind and observations
+ * fixed. */
+static inline __attribute__((always_inline)) u32
+VigilWardenCheck(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                 const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata, u32 obsvFlags) {
    Vigil_AssertFilterIsLocked(filter, false);
    bool macsEqual = false;
    u32 matchIndex;
@@ -227,27 +260,23 @@ u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
    u32 result = VigilMatchList(filter, filter->portWhiteList,
                                filter->portWhiteListSize, vlan, mac, addr,
                                arpSenderMac, kind, macsEqual, "P", &matchIndex);
-   if (ppMetadata == nullptr) {
-      return result;
-   }
-   if (obsvFlags & VIGIL_OBSV_INPUT) {
-      VigilWdnIOObsv obsv;
-      memset(&obsv, 0, sizeof obsv);
-      obsv.direction = 1;
-      obsv.portID = filter->portID;
-      PP_SendWdnIOObsv(ppMetadata, &obsv);
-   }
-   if (result == VIGIL_ACTION_DROP) {
-      VigilLogicalDropObsv drop;
-      memset(&drop, 0, sizeof drop);
-      drop.obsvType = VIGIL_DROP_OBSV_KIND;
-      drop.dropType = VIGIL_DROP_OBSV_KIND;
-      drop.portID = filter->portID;
-      PP_SendLogicalDropObsv(ppMetadata, &drop);
-   } else if (obsvFlags & VIGIL_OBSV_OUTPUT) {
-      VigilSendOutputObsv(filter, ppMetadata, kind, matchIndex);
+   if (__builtin_expect(ppMetadata != nullptr, 0)) {
+      VigilWardenObserve(filter, ppMetadata, obsvFlags, result, kind, matchIndex);
    }
    return result;
+}
+
+u32 VigilWarden(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                const u8 *arpSenderMac, u32 kind, const u8 *ppMetadata,
+                u32 obsvFlags) {
+   return VigilWardenCheck(filter, vlan, mac, addr, arpSenderMac, kind, ppMetadata,
+                           obsvFlags);
+}
+
+u32 VigilWardenIpv4(VigilFilter *filter, u16 vlan, const u8 *mac, const u8 *addr,
+                    const u8 *ppMetadata) {
+   return VigilWardenCheck(filter, vlan, mac, addr, nullptr, VIGIL_WDN_IPV4, ppMetadata,
+                           VIGIL_OBSV_INPUT | VIGIL_OBSV_OUTPUT);
 }
 
 /* Judges an IPv6 frame from the VM: its source, and for a neighbor

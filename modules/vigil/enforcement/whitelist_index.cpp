@@ -58,6 +58,9 @@ struct VigilWhiteListIndex {
    u32 firstShape[VIGIL_WLX_NUM_VIEWS];
    u32 numShapes[VIGIL_WLX_NUM_VIEWS];
    u8 viewHasMac[VIGIL_WLX_NUM_VIEWS]; /* a shape of the view names a MAC */
+   /* The VLAN and MAC bits that some shape of the view takes part with:
+    * none, and a lookup reads neither. */
+   u64 viewVlanMacMask[VIGIL_WLX_NUM_VIEWS];
    VigilWlxShape *shapes; /* by view, each view's by first entry */
    VigilWlxSlot *slots;
 };
@@ -247,6 +250,7 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
             if (want.vlanMacMask & VIGIL_WLX_MAC_BITS) {
                built->viewHasMac[view] = 1;
             }
+            built->viewVlanMacMask[view] |= want.vlanMacMask;
          }
          const VigilWlxShape *shape = &shapes[n];
          u64 hi;
@@ -275,10 +279,11 @@ bool Vigil_WhiteListIndexCovers(const VigilWhiteListIndex *index,
    return VigilWlxCovers(index, list, size);
 }
 
-bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
-                               const VigilWhiteListEntry *list, u32 size, u16 vlan,
-                               const u8 *mac, const u8 *addr, u32 kind,
-                               bool macsEqual, u32 *matchIndex) {
+/* The lookup, made once for any kind and once more for the IPv4 source. */
+static inline __attribute__((always_inline)) bool
+VigilWlxMatch(const VigilWhiteListIndex *index, const VigilWhiteListEntry *list, u32 size,
+              u16 vlan, const u8 *mac, const u8 *addr, u32 kind, bool macsEqual,
+              u32 *matchIndex) {
    if (!VigilWlxCovers(index, list, size)) {
       return false;
    }
@@ -323,7 +328,10 @@ bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
       }
       VigilWlxAddrWords(view, addr, &hi, &lo);
    }
-   u64 vlanMac = VigilWlxVlanMac(vlan, mac);
+   u64 vlanMac = 0;
+   if (index->viewVlanMacMask[view] != 0) {
+      vlanMac = VigilWlxVlanMac(vlan, mac);
+   }
    u32 best = VIGIL_WDN_NO_MATCH;
    const VigilWlxShape *shape = index->shapes + index->firstShape[view];
    const VigilWlxShape *end = shape + index->numShapes[view];
@@ -341,4 +349,18 @@ bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
    }
    *matchIndex = best;
    return true;
+}
+
+bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
+                               const VigilWhiteListEntry *list, u32 size, u16 vlan,
+                               const u8 *mac, const u8 *addr, u32 kind,
+                               bool macsEqual, u32 *matchIndex) {
+   return VigilWlxMatch(index, list, size, vlan, mac, addr, kind, macsEqual, matchIndex);
+}
+
+bool Vigil_WhiteListIndexMatchIpv4(const VigilWhiteListIndex *index,
+                                   const VigilWhiteListEntry *list, u32 size, u16 vlan,
+                                   const u8 *mac, const u8 *addr, u32 *matchIndex) {
+   return VigilWlxMatch(index, list, size, vlan, mac, addr, VIGIL_WDN_IPV4, false,
+                        matchIndex);
 }
