@@ -49,6 +49,7 @@ namespace {
 constexpr int kBatch = 32;
 constexpr u32 kPort = 0x10;
 const char *const kVmIp = "192.0.2.10";
+const char *const kSecondVmIp = "192.0.2.11";
 const char *const kServerIp = "192.0.2.1";
 const char *const kLeaseIp = "192.0.2.50";
 
@@ -64,6 +65,11 @@ void Check(zek_Status status, const char *what) {
 /* A unicast IPv4 UDP frame from 192.0.2.10 to 192.0.2.1. */
 frames::Bytes UnicastUdpFrame() {
    return frames::UdpV4(frames::kVmMac, frames::kServerMac, kVmIp, kServerIp, 5000, 5001, 8);
+}
+
+/* The same from the address the list allows one entry earlier. */
+frames::Bytes SecondSourceUdpFrame() {
+   return frames::UdpV4(frames::kVmMac, frames::kServerMac, kSecondVmIp, kServerIp, 5000, 5001, 8);
 }
 
 frames::Bytes BroadcastUdpFrame() {
@@ -148,7 +154,8 @@ class BenchHost {
       return lock;
    }
 
-   /* A port white list of `size` entries whose last one allows 192.0.2.10. */
+   /* A port white list of `size` entries whose last one allows 192.0.2.10
+    * and whose one before the last allows 192.0.2.11. */
    void SetPortWhiteList(uint32_t size) {
       auto *list = (VigilWhiteListEntry *)Vigil_HeapAlloc(size * sizeof(VigilWhiteListEntry));
       for (uint32_t i = 0; i < size; i++) {
@@ -156,7 +163,8 @@ class BenchHost {
          list[i].prefixLen = 32;
          const uint8_t other[4] = {198, 51, 100, (uint8_t)i};
          const uint8_t allowed[4] = {192, 0, 2, 10};
-         memcpy(list[i].ip, i + 1 == size ? allowed : other, 4);
+         const uint8_t second[4] = {192, 0, 2, 11};
+         memcpy(list[i].ip, i + 1 == size ? allowed : i + 2 == size ? second : other, 4);
       }
       filter->portWhiteList = list;
       filter->portWhiteListSize = size;
@@ -167,11 +175,12 @@ class BenchHost {
    }
 };
 
-/* A list of `count` copies of a frame. */
-zek_PktList *ListOf(const frames::Bytes &bytes, int count) {
+/* A list of `count` frames, copies of `bytes` alternating with copies of
+ * `other` when it is given. */
+zek_PktList *ListOf(const frames::Bytes &bytes, int count, const frames::Bytes *other = nullptr) {
    zek_PktList *list = sim::MakeList();
    for (int i = 0; i < count; i++) {
-      sim::ListAppend(list, sim::MakeFrame(bytes));
+      sim::ListAppend(list, sim::MakeFrame(other != nullptr && i % 2 == 1 ? *other : bytes));
    }
    return list;
 }
@@ -211,13 +220,15 @@ class HostWalk : public Runner {
    zek_PktList *list_;
 };
 
-/* Batches of 32 copies of one frame from the VM, all forwarded. */
+/* Batches of 32 copies of one frame from the VM, or of two frames taking
+ * turns, all forwarded. */
 class TxBatch : public Runner {
  public:
-   TxBatch(u32 features, const frames::Bytes &frame, uint32_t whiteList = 0)
+   TxBatch(u32 features, const frames::Bytes &frame, uint32_t whiteList = 0,
+           const frames::Bytes *other = nullptr)
       : host_(features, 0) {
       if (whiteList > 0) host_.SetPortWhiteList(whiteList);
-      list_ = ListOf(frame, kBatch);
+      list_ = ListOf(frame, kBatch, other);
       ForwardAll(true, list_, kBatch);
    }
    void Iterate() override {
@@ -337,6 +348,19 @@ const std::vector<Case> &Cases() {
        [] { return std::make_unique<TxBatch>(VIGIL_FEAT_PORT_WARDEN, UnicastUdpFrame(), 8); }},
       {"white_list_256",
        [] { return std::make_unique<TxBatch>(VIGIL_FEAT_PORT_WARDEN, UnicastUdpFrame(), 256); }},
+      /* Two sources taking turns: every frame is looked up in the list,
+       * none is answered by the batch's memory of the last source let
+       * through. */
+      {"white_list_8_two_sources",
+       [] {
+          static const frames::Bytes second = SecondSourceUdpFrame();
+          return std::make_unique<TxBatch>(VIGIL_FEAT_PORT_WARDEN, UnicastUdpFrame(), 8, &second);
+       }},
+      {"white_list_256_two_sources",
+       [] {
+          static const frames::Bytes second = SecondSourceUdpFrame();
+          return std::make_unique<TxBatch>(VIGIL_FEAT_PORT_WARDEN, UnicastUdpFrame(), 256, &second);
+       }},
       {"broadcast_limit",
        [] { return std::make_unique<TxBatch>(VIGIL_FEAT_TX_BCAST_LIMIT, BroadcastUdpFrame()); }},
       {"arp_refresh", [] { return std::make_unique<ArpRefresh>(); }},
