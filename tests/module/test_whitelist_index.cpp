@@ -293,6 +293,113 @@ TEST_F(WhiteListIndex, FindsTheScansFirstMatchOnRandomListsAndFrames) {
    }
 }
 
+/* IPv4 lists of one shape (one prefix length, VLAN or not, no MAC), of a
+ * few such shapes, and of shapes where one names a MAC, with entries of the
+ * other family or of no address mixed in: each IPv4 source and ARP sender
+ * lookup, by either entry point, finds the scan's first match. */
+TEST_F(WhiteListIndex, Ipv4LookupFindsTheScansFirstMatchWithOneShapeOrMany) {
+   u64 queries = 0;
+   u64 matchedLater = 0;
+   u64 missed = 0;
+   for (u32 seed : Seeds({11, 12, 13, 14, 15, 16})) {
+      SCOPED_TRACE("VIGIL_WL_INDEX_SEED=" + std::to_string(seed));
+      Rng rng(seed);
+      for (int round = 0; round < 60; round++) {
+         /* 0: one shape; 1: a few shapes, none with a MAC; 2: as 1 with
+          * entries that take no part in the IPv4 view; 3: a MAC somewhere. */
+         u32 mode = (u32)round % 4;
+         bool valid = rng.Chance(70);
+         u32 shapeFlags[3];
+         u32 shapePrefix[3];
+         u32 numShapes = mode == 0 ? 1 : 2 + rng.Below(2);
+         for (u32 k = 0; k < numShapes; k++) {
+            shapeFlags[k] = VIGIL_WL_IPV4 | (rng.Chance(40) ? VIGIL_WL_VLAN : 0u);
+            shapePrefix[k] = rng.Chance(50) ? 32 : valid ? rng.Below(33) : rng.Below(70);
+         }
+         if (mode == 3) {
+            shapeFlags[rng.Below(numShapes)] |= VIGIL_WL_MAC;
+         }
+         u32 size = 4 + (rng.Chance(30) ? rng.Below(8) : rng.Below(300));
+         std::vector<VigilWhiteListEntry> list;
+         for (u32 i = 0; i < size; i++) {
+            if (mode == 2 && rng.Chance(15)) {
+               /* An IPv6 entry, which may name a MAC, or a VLAN alone. */
+               VigilWhiteListEntry e = RandomEntry(rng, true);
+               if (e.flags & VIGIL_WL_IPV4) {
+                  e.flags = (e.flags & ~(u32)VIGIL_WL_IPV4) | VIGIL_WL_IPV6;
+               }
+               if ((e.flags & VIGIL_WL_IPV6) == 0) {
+                  e.flags = VIGIL_WL_VLAN;
+               }
+               list.push_back(e);
+               continue;
+            }
+            u32 k = rng.Below(numShapes);
+            /* Neighboring addresses, so that several entries share a
+             * masked key and the first of them must win. */
+            Addr ip = RandomV4(rng);
+            ip[3] = (u8)rng.Below(8);
+            list.push_back(Entry(shapeFlags[k], ip, shapePrefix[k], rng.Pick(kVlans),
+                                 rng.Pick(kMacs)));
+         }
+         VigilWhiteListIndex *index = nullptr;
+         ASSERT_EQ(Vigil_BuildWhiteListIndex(list.data(), (u32)list.size(), &index),
+                   ZEK_OK);
+         u32 failures = 0;
+         for (int n = 0; n < 150 && failures < 3; n++) {
+            Frame f = RandomFrame(rng, list);
+            f.kind = rng.Chance(70) ? VIGIL_WDN_IPV4 : VIGIL_WDN_ARP;
+            if (f.kind == VIGIL_WDN_ARP) {
+               f.hasMac = true;
+            } else {
+               f.macsEqual = false;
+            }
+            u32 scan = Vigil_ScanWhiteList(list.data(), (u32)list.size(), f.vlan,
+                                           f.MacArg(), f.AddrArg(), f.kind, f.macsEqual);
+            u32 found = 0x12345678;
+            ASSERT_TRUE(Vigil_WhiteListIndexMatch(index, list.data(), (u32)list.size(),
+                                                  f.vlan, f.MacArg(), f.AddrArg(), f.kind,
+                                                  f.macsEqual, &found));
+            u32 foundIpv4 = found;
+            if (f.kind == VIGIL_WDN_IPV4) {
+               foundIpv4 = 0x12345678;
+               ASSERT_TRUE(Vigil_WhiteListIndexMatchIpv4(index, list.data(),
+                                                         (u32)list.size(), f.vlan,
+                                                         f.MacArg(), f.AddrArg(),
+                                                         &foundIpv4));
+            }
+            queries++;
+            if (found != scan || foundIpv4 != scan) {
+               failures++;
+               ADD_FAILURE() << "mode " << mode << " round " << round << " frame " << n
+                             << ": " << f.Describe() << ": index " << found << " / "
+                             << foundIpv4 << ", scan " << scan << "\nlist of "
+                             << list.size() << ":\n"
+                             << ListText(list);
+            }
+            matchedLater += scan != kNoMatch && scan > 0;
+            missed += scan == kNoMatch;
+         }
+         /* Asked about another list, the IPv4 entry point does not answer. */
+         u32 untouched = 0x12345678;
+         Addr any = RandomV4(rng);
+         EXPECT_FALSE(Vigil_WhiteListIndexMatchIpv4(index, list.data(),
+                                                    (u32)list.size() + 1, 0,
+                                                    kMacs[0].data(), any.data(),
+                                                    &untouched));
+         EXPECT_FALSE(Vigil_WhiteListIndexMatchIpv4(index, list.data(), (u32)list.size(),
+                                                    0, kMacs[0].data(), nullptr,
+                                                    &untouched));
+         EXPECT_EQ(untouched, 0x12345678u);
+         Vigil_FreeWhiteListIndex(index);
+      }
+   }
+   if (getenv("VIGIL_WL_INDEX_SEED") == nullptr) {
+      EXPECT_GT(matchedLater, queries / 5);
+      EXPECT_GT(missed, queries / 10);
+   }
+}
+
 TEST_F(WhiteListIndex, EmptyListMatchesNothingForEveryKind) {
    VigilWhiteListIndex *index = nullptr;
    ASSERT_EQ(Vigil_BuildWhiteListIndex(nullptr, 0, &index), ZEK_OK);

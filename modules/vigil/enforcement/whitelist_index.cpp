@@ -50,6 +50,23 @@ struct VigilWlxSlot {
    u64 addrLo;
 };
 
+/* The IPv4 view when no shape of it names a MAC: the whole key, shape tag,
+ * VLAN and address, fits one word, so a probe is one multiply and one
+ * compare. */
+struct VigilWlxV4Shape {
+   u32 mask;       /* the address bits that take part */
+   u32 vlanMask;   /* 0xffff when the VLAN takes part, 0 otherwise */
+   u64 tag;        /* the shape's tag, already in place: tag << 48 */
+   u32 firstIndex; /* list index of the shape's first entry */
+   u32 unused;
+};
+
+struct VigilWlxV4Slot {
+   u64 key;   /* tag << 48 | VLAN << 32 | address; 0: empty (tags start at 1) */
+   u32 index; /* the first entry with this key */
+   u32 unused;
+};
+
 struct VigilWhiteListIndex {
    const VigilWhiteListEntry *list;
    u32 size;
@@ -63,6 +80,15 @@ struct VigilWhiteListIndex {
    u64 viewVlanMacMask[VIGIL_WLX_NUM_VIEWS];
    VigilWlxShape *shapes; /* by view, each view's by first entry */
    VigilWlxSlot *slots;
+   /* The one-word table of the IPv4 view, null when a shape of the view
+    * names a MAC; the general table holds the view's keys all the same. */
+   VigilWlxV4Shape *v4Shapes;
+   VigilWlxV4Slot *v4Slots;
+   u32 v4SlotMask;
+   u32 v4SlotShift;
+   /* The IPv4 view has the one-word table and a single shape: a lookup is
+    * one probe sequence. */
+   bool v4OneShape;
 };
 
 static inline u64 VigilWlxGetBe64(const u8 *p) {
@@ -141,6 +167,40 @@ static inline u32 VigilWlxSlotOf(const VigilWhiteListIndex *index, u32 tag, u64 
    return (u32)(folded >> index->slotShift);
 }
 
+static inline u64 VigilWlxV4Key(const VigilWlxV4Shape *shape, u16 vlan, u32 addr) {
+   return shape->tag | ((u64)(vlan & shape->vlanMask) << 32) | (addr & shape->mask);
+}
+
+static inline u32 VigilWlxV4SlotOf(const VigilWhiteListIndex *index, u64 key) {
+   return (u32)((key * 0x9e3779b97f4a7c15ull) >> index->v4SlotShift);
+}
+
+static void VigilWlxV4Insert(VigilWhiteListIndex *index, u64 key, u32 entryIndex) {
+   u32 at = VigilWlxV4SlotOf(index, key);
+   while (index->v4Slots[at].key != 0) {
+      if (index->v4Slots[at].key == key) {
+         return;
+      }
+      at = (at + 1) & index->v4SlotMask;
+   }
+   index->v4Slots[at].key = key;
+   index->v4Slots[at].index = entryIndex;
+}
+
+static inline u32 VigilWlxV4Find(const VigilWhiteListIndex *index, u64 key) {
+   u32 at = VigilWlxV4SlotOf(index, key);
+   for (;;) {
+      const VigilWlxV4Slot *slot = &index->v4Slots[at];
+      if (slot->key == key) {
+         return slot->index;
+      }
+      if (slot->key == 0) {
+         return VIGIL_WDN_NO_MATCH;
+      }
+      at = (at + 1) & index->v4SlotMask;
+   }
+}
+
 /* Puts the key in the hash unless an earlier entry holds it. */
 static void VigilWlxInsert(VigilWhiteListIndex *index, u32 tag, u64 vlanMac,
                            u64 hi, u64 lo, u32 entryIndex) {
@@ -188,6 +248,8 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
    memset(seen, 0, sizeof seen);
    u32 numShapes[VIGIL_WLX_NUM_VIEWS] = {0, 0, 0};
    u32 numKeys = 0;
+   u32 numV4Keys = 0;
+   bool v4HasMac = false;
    for (u32 i = 0; i < size; i++) {
       for (u32 view = 0; view < VIGIL_WLX_NUM_VIEWS; view++) {
          VigilWlxShape shape;
@@ -196,6 +258,12 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
             continue;
          }
          numKeys++;
+         if (view == VIGIL_WLX_VIEW_IPV4) {
+            numV4Keys++;
+            if (shape.vlanMacMask & VIGIL_WLX_MAC_BITS) {
+               v4HasMac = true;
+            }
+         }
          if ((seen[number / 64] & (1ull << (number % 64))) == 0) {
             seen[number / 64] |= 1ull << (number % 64);
             numShapes[view]++;
@@ -209,8 +277,20 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
       numSlots *= 2;
       slotBits++;
    }
+   bool v4Table = !v4HasMac && numV4Keys != 0;
+   u32 numV4Slots = 0;
+   u32 v4SlotBits = 1;
+   if (v4Table) {
+      numV4Slots = 2;
+      while (numV4Slots < 2 * numV4Keys) {
+         numV4Slots *= 2;
+         v4SlotBits++;
+      }
+   }
+   u32 v4Shapes = v4Table ? numShapes[VIGIL_WLX_VIEW_IPV4] : 0;
    u32 bytes = (u32)(sizeof(VigilWhiteListIndex) + totalShapes * sizeof(VigilWlxShape) +
-                     numSlots * sizeof(VigilWlxSlot));
+                     numSlots * sizeof(VigilWlxSlot) + numV4Slots * sizeof(VigilWlxV4Slot) +
+                     v4Shapes * sizeof(VigilWlxV4Shape));
    VigilWhiteListIndex *built = (VigilWhiteListIndex *)Vigil_HeapAlloc(bytes);
    if (built == nullptr) {
       return VIGIL_STATUS_NO_MEMORY;
@@ -221,6 +301,15 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
    built->slotShift = 64 - slotBits;
    built->shapes = (VigilWlxShape *)(built + 1);
    built->slots = (VigilWlxSlot *)(built->shapes + totalShapes);
+   built->v4Slots = nullptr;
+   built->v4Shapes = nullptr;
+   if (v4Table) {
+      built->v4Slots = (VigilWlxV4Slot *)(built->slots + numSlots);
+      built->v4Shapes = (VigilWlxV4Shape *)(built->v4Slots + numV4Slots);
+      built->v4SlotMask = numV4Slots - 1;
+      built->v4SlotShift = 64 - v4SlotBits;
+      built->v4OneShape = numShapes[VIGIL_WLX_VIEW_IPV4] == 1;
+   }
    built->firstShape[0] = 0;
    built->firstShape[1] = numShapes[0];
    built->firstShape[2] = numShapes[0] + numShapes[1];
@@ -253,6 +342,15 @@ zek_Status Vigil_BuildWhiteListIndex(const VigilWhiteListEntry *list, u32 size,
             built->viewVlanMacMask[view] |= want.vlanMacMask;
          }
          const VigilWlxShape *shape = &shapes[n];
+         if (view == VIGIL_WLX_VIEW_IPV4 && built->v4Shapes != nullptr) {
+            VigilWlxV4Shape *v4 = &built->v4Shapes[n];
+            v4->mask = (u32)(shape->maskHi >> 32);
+            v4->vlanMask = (shape->vlanMacMask & VIGIL_WLX_VLAN_BITS) ? 0xffffu : 0;
+            v4->tag = (u64)shape->tag << 48;
+            v4->firstIndex = shape->firstIndex;
+            v4->unused = 0;
+            VigilWlxV4Insert(built, VigilWlxV4Key(v4, entry->vlan, VigilGetBe32(entry->ip)), i);
+         }
          u64 hi;
          u64 lo;
          VigilWlxAddrWords(view, entry->ip, &hi, &lo);
@@ -320,6 +418,25 @@ VigilWlxMatch(const VigilWhiteListIndex *index, const VigilWhiteListEntry *list,
       *matchIndex = VIGIL_WDN_NO_MATCH;
       return true;
    }
+   if (view == VIGIL_WLX_VIEW_IPV4 && index->v4Shapes != nullptr) {
+      /* No shape names a MAC, so neither the frame's MAC nor whether it
+       * can match matters. */
+      if (addr == nullptr) {
+         return false;
+      }
+      u32 a = VigilGetBe32(addr);
+      u32 best = VIGIL_WDN_NO_MATCH;
+      const VigilWlxV4Shape *shape = index->v4Shapes;
+      const VigilWlxV4Shape *end = shape + index->numShapes[VIGIL_WLX_VIEW_IPV4];
+      for (; shape < end && shape->firstIndex < best; shape++) {
+         u32 found = VigilWlxV4Find(index, VigilWlxV4Key(shape, vlan, a));
+         if (found < best) {
+            best = found;
+         }
+      }
+      *matchIndex = best;
+      return true;
+   }
    u64 hi = 0;
    u64 lo = 0;
    if (view != VIGIL_WLX_VIEW_L2) {
@@ -358,9 +475,25 @@ bool Vigil_WhiteListIndexMatch(const VigilWhiteListIndex *index,
    return VigilWlxMatch(index, list, size, vlan, mac, addr, kind, macsEqual, matchIndex);
 }
 
+/* Every other IPv4 source lookup, kept out of line so that the one-shape
+ * path below needs no registers saved. */
+static __attribute__((noinline)) bool
+VigilWlxMatchIpv4(const VigilWhiteListIndex *index, const VigilWhiteListEntry *list,
+                  u32 size, u16 vlan, const u8 *mac, const u8 *addr, u32 *matchIndex) {
+   return VigilWlxMatch(index, list, size, vlan, mac, addr, VIGIL_WDN_IPV4, false,
+                        matchIndex);
+}
+
 bool Vigil_WhiteListIndexMatchIpv4(const VigilWhiteListIndex *index,
                                    const VigilWhiteListEntry *list, u32 size, u16 vlan,
                                    const u8 *mac, const u8 *addr, u32 *matchIndex) {
-   return VigilWlxMatch(index, list, size, vlan, mac, addr, VIGIL_WDN_IPV4, false,
-                        matchIndex);
+   /* The common list: IPv4 entries of one prefix length, with or without
+    * VLAN, none naming a MAC.  The shape's first entry can't lie behind a
+    * match of its own. */
+   if (VigilWlxCovers(index, list, size) && index->v4OneShape && addr != nullptr) {
+      *matchIndex = VigilWlxV4Find(index, VigilWlxV4Key(index->v4Shapes, vlan,
+                                                        VigilGetBe32(addr)));
+      return true;
+   }
+   return VigilWlxMatchIpv4(index, list, size, vlan, mac, addr, matchIndex);
 }
