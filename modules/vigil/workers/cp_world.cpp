@@ -165,7 +165,6 @@ void VigilCPWorld(void *data) {
       if (exitFlag) {
          VIGIL_LOG_INFO("Exiting CPWorld - exit: %#x", exitFlag);
          VigilCPWorldFlushTaskQ();
-         VigilAtomicStore(&cpWorldID, 0u);
          zek_WorldExit(ZEK_OK);
       }
       zek_SpinlockLock(taskQLock);
@@ -214,9 +213,15 @@ zek_Status VigilCPWorldInit(void) {
    return ZEK_OK;
 }
 
+/* The id is taken (and cleared, so that no task is posted any more) before
+ * the world is told to end: the world leaves as soon as it sees the flag,
+ * and an id read after that could no longer be trusted to name it, which
+ * would leave the world's end never waited for. */
 zek_Status VigilCPWorldDestroy(void) {
+   zek_WorldID id = VigilAtomicLoad(&cpWorldID);
+   VigilAtomicStore(&cpWorldID, 0u);
    VigilAtomicStore(&exitCPWorld, (u8)1);
-   zek_Status status = VigilStopWorld(VigilAtomicLoad(&cpWorldID));
+   zek_Status status = VigilStopWorld(id);
    if (taskQLock != VIGIL_NO_LOCK) {
       VigilCPWorldFlushTaskQ();
       zek_SpinlockDestroy(taskQLock);
