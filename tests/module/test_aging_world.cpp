@@ -728,35 +728,6 @@ TEST_F(AgingWorldInitTest, InitCreatesTheQueueTheRankFourLockAndTheWorld) {
    EXPECT_EQ((LogList{{1, "Exiting Aging World"}}), world);
 }
 
-TEST_F(AgingWorldInitTest, WorldThatEndsBeforeTheStopReadsItsIdIsStillWaitedFor) {
-   u32 worlds = sim::LiveWorlds();
-   ASSERT_EQ(VigilAgingWorldInit(), ZEK_OK);
-   ASSERT_TRUE(sim::WaitIdle(5.0));
-   zek_WorldID id = VigilAtomicLoad(&agingWorldID);
-   ASSERT_NE(id, 0u);
-   /* The stop's exit flag reaches the world, which is awake, before the stop
-    * goes on: the world leaves at once, and its id must still name it. */
-   VigilAtomicStore(&exitAgingWorld, (u8)(1));
-   zek_WorldWakeup(&agingWorldID);
-   ASSERT_TRUE(sim::WaitIdle(5.0));
-   EXPECT_EQ(VigilAtomicLoad(&agingWorldID), id);
-   EXPECT_EQ(sim::LiveWorlds(), worlds + 1) << "ended, not yet waited for";
-   LogList world;
-   for (const sim::LogLine &line : sim::TakeLogs()) {
-      if (line.func == "VigilAgingWorld") world.emplace_back(line.level, line.text);
-   }
-   EXPECT_EQ((LogList{{1, "Aging World is Started"}, {1, "Exiting Aging World"}}), world);
-
-   EXPECT_EQ(VigilAgingWorldDestroy(), ZEK_OK);
-   EXPECT_EQ(VigilAtomicLoad(&agingWorldID), 0u);
-   EXPECT_EQ(sim::LiveWorlds(), worlds) << "the world's end was waited for";
-   EXPECT_EQ(filterAgingQ, nullptr);
-   EXPECT_EQ(filterAgingQLock, VIGIL_NO_LOCK);
-   EXPECT_EQ(sim::LiveLocks(), locks_);
-   EXPECT_TRUE(TakeLines().empty());
-   EXPECT_EQ(sim::FramesLive(), 0u);
-}
-
 TEST_F(AgingWorldInitTest, QueueCreationFailureIsLoggedAndReturned) {
    u32 queues = sim::LivePriQs();
    sim::FaultCall("PriQCreate", VIGIL_STATUS_NO_MEMORY);

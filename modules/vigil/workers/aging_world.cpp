@@ -185,6 +185,7 @@ void VigilAgingWorld(void *data) {
    for (;;) {
       if (VigilAtomicLoad(&exitAgingWorld)) {
          VIGIL_LOG_INFO("Exiting Aging World");
+         VigilAtomicStore(&agingWorldID, 0u);
          zek_WorldExit(ZEK_OK);
       }
       u32 waitMs;
@@ -224,12 +225,11 @@ zek_Status VigilAgingWorldInit(void) {
    return ZEK_OK;
 }
 
-/* The id is taken before the world is told to end, as for the CP world: a
- * world that sees the flag leaves at once, and its end must still be waited
- * for by the id it had. */
+/* The id is read before the exit flag is raised, as for the CP world: the
+ * world clears it as it leaves, and its end must be waited for all the
+ * same. */
 zek_Status VigilAgingWorldDestroy(void) {
    zek_WorldID id = VigilAtomicLoad(&agingWorldID);
-   VigilAtomicStore(&agingWorldID, 0u);
    VigilAtomicStore(&exitAgingWorld, (u8)1);
    zek_Status waitStatus = VigilStopWorld(id);
    if (filterAgingQLock != VIGIL_NO_LOCK) {

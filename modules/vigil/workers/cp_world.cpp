@@ -165,6 +165,7 @@ void VigilCPWorld(void *data) {
       if (exitFlag) {
          VIGIL_LOG_INFO("Exiting CPWorld - exit: %#x", exitFlag);
          VigilCPWorldFlushTaskQ();
+         VigilAtomicStore(&cpWorldID, 0u);
          zek_WorldExit(ZEK_OK);
       }
       zek_SpinlockLock(taskQLock);
@@ -213,13 +214,12 @@ zek_Status VigilCPWorldInit(void) {
    return ZEK_OK;
 }
 
-/* The id is taken (and cleared, so that no task is posted any more) before
- * the world is told to end: the world leaves as soon as it sees the flag,
- * and an id read after that could no longer be trusted to name it, which
- * would leave the world's end never waited for. */
+/* The id is read before the exit flag is raised: the world clears it as it
+ * leaves, and a world that is awake sees the flag at once, so an id read
+ * after the flag could already be 0 and the world's end would never be
+ * waited for. */
 zek_Status VigilCPWorldDestroy(void) {
    zek_WorldID id = VigilAtomicLoad(&cpWorldID);
-   VigilAtomicStore(&cpWorldID, 0u);
    VigilAtomicStore(&exitCPWorld, (u8)1);
    zek_Status status = VigilStopWorld(id);
    if (taskQLock != VIGIL_NO_LOCK) {
