@@ -39,7 +39,13 @@ vigilsim from the source tree:
   scripts/fault-sweep.py --print-script dhcp_learning 'fault alloc 5' |
       build/default/tools/vigilsim -
 
-The exit status is 0 when no run failed, 1 otherwise, 2 for a usage error.
+Each scenario's line is printed (and flushed) as soon as the scenario is
+done: its runs, its failing runs by kind, its time.  An interrupted sweep
+(SIGINT, SIGTERM) ends the runs under way, prints the line of the scenario
+it was in with what that scenario had done so far, and the total.
+
+The exit status is 0 when no run failed, 1 otherwise, 2 for a usage error,
+128 + the signal's number when the sweep was interrupted.
 """
 import argparse
 import concurrent.futures
@@ -47,8 +53,10 @@ import json
 import os
 import re
 import shlex
+import signal
 import subprocess
 import sys
+import threading
 import time
 
 SRC_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -176,6 +184,14 @@ VOLATILE_KEYS = {
     "dhcpReqList", "dhcpV6ReqList", "numDhcpReqs", "numDhcpV6Reqs",
     "dhcpV6ReqBytes", "configReadHolds", "configWriteHeld", "busy",
 }
+# The kinds of failure, in the order a scenario's line counts them: a
+# problem's text starts with its kind.
+KINDS = ("crash", "stderr", "leak", "invariant", "busy", "forwarding")
+# The vigilsim processes running now, so that an interrupted sweep can end
+# them instead of waiting for them.
+LIVE = set()
+LIVE_LOCK = threading.Lock()
+STOPPING = threading.Event()
 LEAK_KEYS = ("leaks", "leakBytes", "framesLive", "heapsLive", "callbacksLeft",
              "oldLeaks", "oldLeakBytes")
 
@@ -230,6 +246,7 @@ class Run:
         self.rc = None
         self.stderr = ""
         self.timed_out = False
+        self.interrupted = False
         self.seconds = 0.0
 
     def counts(self):
@@ -249,23 +266,42 @@ def execute(vigilsim, run, timeout):
     run.roles = [role for _, role in lines]
     text = "".join(command + "\n" for command, _ in lines)
     start = time.monotonic()
+    stdout = ""
+    if STOPPING.is_set():
+        run.interrupted = True
+        return run
+    command = [vigilsim] + (["--module", MODULE] if MODULE else []) + ["-"]
+    proc = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE, text=True, cwd=SRC_DIR, errors="replace")
+    with LIVE_LOCK:
+        LIVE.add(proc)
     try:
-        command = [vigilsim] + (["--module", MODULE] if MODULE else []) + ["-"]
-        proc = subprocess.run(command, input=text, capture_output=True, text=True,
-                              cwd=SRC_DIR, timeout=timeout, errors="replace")
+        stdout, run.stderr = proc.communicate(text, timeout=timeout)
         run.rc = proc.returncode
-        run.stderr = proc.stderr
-        stdout = proc.stdout
-    except subprocess.TimeoutExpired as e:
+    except subprocess.TimeoutExpired:
         run.timed_out = True
-        stdout = e.stdout.decode(errors="replace") if isinstance(e.stdout, bytes) else (e.stdout or "")
+        proc.kill()
+        stdout, _ = proc.communicate()
+    finally:
+        with LIVE_LOCK:
+            LIVE.discard(proc)
+    run.interrupted = STOPPING.is_set()
     run.seconds = time.monotonic() - start
-    for line in stdout.splitlines():
+    for line in (stdout or "").splitlines():
         try:
             run.outputs.append(json.loads(line))
         except ValueError:
             run.outputs.append({"unparsed": line})
     return run
+
+
+def stop_live_runs():
+    """Ends the runs under way (an interrupted sweep does not wait for them)."""
+    STOPPING.set()
+    with LIVE_LOCK:
+        for proc in LIVE:
+            if proc.poll() is None:
+                proc.kill()
 
 
 def normalise(value):
@@ -357,14 +393,29 @@ def call_fault(name, k):
     return "fault call %s 0x%x after=%d" % (name, CALL_STATUS.get(name, FAILURE), k)
 
 
-def sweep_scenario(name, args, pool):
-    scenario = Scenario(name)
-    reference = execute(args.vigilsim, Run(scenario, "", "reference"), args.timeout)
-    result = {"name": name, "runs": 1, "failures": [], "reached": 0, "uncompared": 0,
-              "leftInPlace": 0}
-    problems = judge(reference, reference)
+def new_result(name):
+    return {"name": name, "runs": 0, "failures": [], "reached": 0, "uncompared": 0,
+            "leftInPlace": 0, "start": time.monotonic(), "seconds": 0.0,
+            "interrupted": False}
+
+
+def record(result, run, reference):
+    """Counts one finished run into its scenario's result."""
+    result["runs"] += 1
+    problems = judge(run, reference)
     if problems:
-        result["failures"].append((reference, problems))
+        result["failures"].append((run, problems))
+    result["seconds"] = time.monotonic() - result["start"]
+
+
+def sweep_scenario(result, args, pool):
+    """Sweeps one scenario into RESULT (new_result), which holds what was done
+    so far when the sweep is interrupted."""
+    scenario = Scenario(result["name"])
+    reference = execute(args.vigilsim, Run(scenario, "", "reference"), args.timeout)
+    if reference.interrupted:
+        return
+    record(result, reference, reference)
     allocs, calls = reference.counts()
     def fault_line(fault):
         return alloc_fault(fault[1]) if fault[0] == "alloc" else call_fault(fault[1], fault[2])
@@ -380,7 +431,8 @@ def sweep_scenario(name, args, pool):
         last = {}
         for future in futures:
             run = future.result()
-            result["runs"] += 1
+            if run.interrupted:
+                return
             run_allocs, run_calls = run.counts()
             fault = run.label
             if fault[0] == "alloc":
@@ -390,9 +442,7 @@ def sweep_scenario(name, args, pool):
             result["reached"] += reached
             result["leftInPlace"] += bool(left_in_place(run))
             result["uncompared"] += len(probes(run)) - compared_ports(run, reference)
-            problems = judge(run, reference)
-            if problems:
-                result["failures"].append((run, problems))
+            record(result, run, reference)
             last[fault[:-1]] = (fault, reached)
         # In turn until a run no longer meets its fault: a fault can lead a
         # run to make more allocations or calls than the reference run made.
@@ -402,7 +452,17 @@ def sweep_scenario(name, args, pool):
                 if reached and fault[-1] < MAX_EXTRA + (allocs if fault[0] == "alloc"
                                                         else calls.get(fault[1], 0)):
                     todo.append(fault[:-1] + (fault[-1] + 1,))
-    return result
+
+
+def kinds(failures):
+    """How many failing runs failed in each way ('leak 2, stderr 1'); a run
+    that failed in two ways counts in both."""
+    counts = {}
+    for _, problems in failures:
+        for kind in {p.split(":")[0].split(" ")[0] for p in problems}:
+            counts[kind] = counts.get(kind, 0) + 1
+    order = list(KINDS) + sorted(k for k in counts if k not in KINDS)
+    return ", ".join("%s %d" % (k, counts[k]) for k in order if k in counts)
 
 
 def report(result, args):
@@ -410,10 +470,12 @@ def report(result, args):
     the same call (or allocation) the same way are one group, shown with the
     numbers of its runs and the repro of its first."""
     failures = result["failures"]
-    print("== %s: %d runs, %d reached their fault, %d failing, %d probed ports not compared, "
-          "%d left a refused removal's object in place"
+    print("== %s: %d runs, %d reached their fault, %d failing%s, %d probed ports not compared, "
+          "%d left a refused removal's object in place, %.0f s%s"
           % (result["name"], result["runs"], result["reached"], len(failures),
-             result["uncompared"], result["leftInPlace"]))
+             " (%s)" % kinds(failures) if failures else "", result["uncompared"],
+             result["leftInPlace"], result["seconds"],
+             ", interrupted" if result["interrupted"] else ""))
     groups = {}
     for run, problems in failures:
         what = run.label[:-1] if run.label != "reference" else ("reference",)
@@ -480,17 +542,40 @@ def main():
     global MODULE
     MODULE = os.path.abspath(args.module) if args.module else None
     names = args.scenario or sorted(f[:-5] for f in os.listdir(SCENARIO_DIR) if f.endswith(".vsim"))
+    # A terminated sweep reports like an interrupted one: what it has done.
+    signal.signal(signal.SIGTERM, terminate)
     start = time.monotonic()
-    total_runs = total_failures = 0
-    with concurrent.futures.ThreadPoolExecutor(max_workers=args.jobs) as pool:
+    done = []
+    pool = concurrent.futures.ThreadPoolExecutor(max_workers=args.jobs)
+    interrupted = None
+    try:
         for name in names:
-            result = sweep_scenario(name, args, pool)
+            result = new_result(name)
+            done.append(result)
+            sweep_scenario(result, args, pool)
             report(result, args)
-            total_runs += result["runs"]
-            total_failures += len(result["failures"])
-    print("== fault sweep: %d scenarios, %d runs, %d failing, %.0f s"
-          % (len(names), total_runs, total_failures, time.monotonic() - start))
-    return 1 if total_failures else 0
+            result["reported"] = True
+    except KeyboardInterrupt as e:
+        interrupted = int(e.args[0]) if e.args else int(signal.SIGINT)
+        stop_live_runs()
+        if done and not done[-1].get("reported"):
+            done[-1]["interrupted"] = True
+            report(done[-1], args)
+    finally:
+        pool.shutdown(wait=True, cancel_futures=True)
+    failures = [f for r in done for f in r["failures"]]
+    print("== fault sweep: %d scenarios%s, %d runs, %d failing%s, %.0f s"
+          % (len(done), " (interrupted, %d not swept)" % (len(names) - len(done))
+             if interrupted else "", sum(r["runs"] for r in done), len(failures),
+             " (%s)" % kinds(failures) if failures else "", time.monotonic() - start))
+    sys.stdout.flush()
+    if interrupted:
+        return 128 + interrupted
+    return 1 if failures else 0
+
+
+def terminate(signum, frame):
+    raise KeyboardInterrupt(signum)
 
 
 if __name__ == "__main__":

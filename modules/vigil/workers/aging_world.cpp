@@ -225,9 +225,13 @@ zek_Status VigilAgingWorldInit(void) {
    return ZEK_OK;
 }
 
+/* The id is read before the exit flag is raised, as for the CP world: the
+ * world clears it as it leaves, and its end must be waited for all the
+ * same. */
 zek_Status VigilAgingWorldDestroy(void) {
+   zek_WorldID id = VigilAtomicLoad(&agingWorldID);
    VigilAtomicStore(&exitAgingWorld, (u8)1);
-   zek_Status waitStatus = VigilStopWorld(VigilAtomicLoad(&agingWorldID));
+   zek_Status waitStatus = VigilStopWorld(id);
    if (filterAgingQLock != VIGIL_NO_LOCK) {
       zek_SpinlockDestroy(filterAgingQLock);
       filterAgingQLock = VIGIL_NO_LOCK;

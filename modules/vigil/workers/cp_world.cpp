@@ -214,9 +214,14 @@ zek_Status VigilCPWorldInit(void) {
    return ZEK_OK;
 }
 
+/* The id is read before the exit flag is raised: the world clears it as it
+ * leaves, and a world that is awake sees the flag at once, so an id read
+ * after the flag could already be 0 and the world's end would never be
+ * waited for. */
 zek_Status VigilCPWorldDestroy(void) {
+   zek_WorldID id = VigilAtomicLoad(&cpWorldID);
    VigilAtomicStore(&exitCPWorld, (u8)1);
-   zek_Status status = VigilStopWorld(VigilAtomicLoad(&cpWorldID));
+   zek_Status status = VigilStopWorld(id);
    if (taskQLock != VIGIL_NO_LOCK) {
       VigilCPWorldFlushTaskQ();
       zek_SpinlockDestroy(taskQLock);
