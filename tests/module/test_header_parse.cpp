@@ -16,30 +16,16 @@
 #include <string>
 #include <vector>
 
+#include "test_random.h"
 #include "vigil_test.h"
 
 namespace {
 
 using Bytes = std::vector<u8>;
 
-std::vector<u32> Seeds(std::vector<u32> fixed) {
-   const char *env = getenv("VIGIL_PARSE_SEED");
-   if (env != nullptr && *env != '\0') {
-      return {(u32)strtoul(env, nullptr, 0)};
-   }
-   return fixed;
-}
+std::vector<u32> Seeds(std::vector<u32> fixed) { return testrand::Seeds("VIGIL_PARSE_SEED", fixed); }
 
-class Rng {
-public:
-   explicit Rng(u32 seed) : gen_(seed) {}
-   u32 Below(u32 n) { return std::uniform_int_distribution<u32>(0, n - 1)(gen_); }
-   bool OneIn(u32 n) { return Below(n) == 0; }
-   u8 Byte() { return (u8)Below(256); }
-
-private:
-   std::mt19937 gen_;
-};
+using testrand::Rng;
 
 void Put16(Bytes *b, size_t at, u16 v) {
    (*b)[at] = (u8)(v >> 8);

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "test_random.h"
 #include "config_blobs.h"
 #include "test_frames.h"
 #include "sim_switch.h"
@@ -33,23 +34,9 @@ using blobs::V4;
 
 constexpr u32 kPort = 0x10;
 
-std::vector<u32> Seeds(std::vector<u32> fixed) {
-   const char *env = getenv("VIGIL_WARDEN_BATCH_SEED");
-   if (env != nullptr && *env != '\0') {
-      return {(u32)strtoul(env, nullptr, 0)};
-   }
-   return fixed;
-}
+std::vector<u32> Seeds(std::vector<u32> fixed) { return testrand::Seeds("VIGIL_WARDEN_BATCH_SEED", fixed); }
 
-class Rng {
-public:
-   explicit Rng(u32 seed) : gen_(seed) {}
-   u32 Below(u32 n) { return n == 0 ? 0 : (u32)(gen_() % n); }
-   bool Chance(u32 percent) { return Below(100) < percent; }
-
-private:
-   std::mt19937 gen_;
-};
+using testrand::Rng;
 
 const char *const kMacs[] = {"02:00:00:00:00:10", "02:00:00:00:00:11"};
 const char *const kIps[] = {"192.0.2.10", "192.0.2.11", "198.51.100.7"};

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "test_random.h"
 #include "config_blobs.h"
 #include "sim_switch.h"
 #include "vigil_config.h"
@@ -38,13 +39,7 @@ constexpr u32 kNoMatch = VIGIL_WDN_NO_MATCH;
 
 /* The seeds of the random tests: the one in VIGIL_WL_INDEX_SEED alone when
  * it is set, else a fixed set, so that every run checks the same lists. */
-std::vector<u32> Seeds(std::vector<u32> fixed) {
-   const char *env = getenv("VIGIL_WL_INDEX_SEED");
-   if (env != nullptr && *env != '\0') {
-      return {(u32)strtoul(env, nullptr, 0)};
-   }
-   return fixed;
-}
+std::vector<u32> Seeds(std::vector<u32> fixed) { return testrand::Seeds("VIGIL_WL_INDEX_SEED", fixed); }
 
 /* Small pools of values, so that entries share addresses, VLANs and MACs and
  * frames hit them, and prefixes decide. */
@@ -56,18 +51,7 @@ const Addr kV4Bases[] = {V4("192.0.2.0"), V4("192.0.2.128"), V4("198.51.100.0")}
 const Addr kV6Bases[] = {V6("2001:db8::"), V6("2001:db8:0:1::"),
                          V6("2001:db8:8000::"), V6("2001:db8::1:0:0:0")};
 
-class Rng {
-public:
-   explicit Rng(u32 seed) : gen_(seed) {}
-   u32 Below(u32 n) { return n == 0 ? 0 : (u32)(gen_() % n); }
-   bool Chance(u32 percent) { return Below(100) < percent; }
-   template <typename T, size_t N> const T &Pick(const T (&pool)[N]) {
-      return pool[Below(N)];
-   }
-
-private:
-   std::mt19937 gen_;
-};
+using testrand::Rng;
 
 Addr RandomV4(Rng &rng) {
    Addr addr = rng.Pick(kV4Bases);
