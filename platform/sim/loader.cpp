@@ -221,6 +221,7 @@ UnloadReport UnloadModule(LoadedModule *m) {
    DropPortDestructorsInto(m->base, &left);
    DropTransitClientsInto(m->base, &left);
    DropMgmtInterfacesInto(m->base, &left);
+   DropPriQsOf(m->base, &left);
    ForgetRtmClientsOf(m->base);
    for (const std::string &what : left) {
       ReportFailure("module unloaded with its " + what + " still in place");

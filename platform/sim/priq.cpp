@@ -9,10 +9,12 @@
 #include <unordered_set>
 
 #include "sim_internal.h"
+#include "sim_switch_internal.h"
 
 struct zek_PriQ {
    using Order = std::map<std::pair<int64_t, uint64_t>, void *>;
    uint32_t capacity;
+   const void *creator; /* the code that created it, to find a module's queues at unload */
    uint64_t nextSeq = 0;
    Order order;
    std::unordered_map<void *, Order::iterator> where;
@@ -55,6 +57,19 @@ std::vector<std::pair<int64_t, void *>> PriQContents(zek_PriQHandle queue) {
    return out;
 }
 
+void DropPriQsOf(const void *base, std::vector<std::string> *what) {
+   std::lock_guard<std::mutex> guard(gPriQMutex);
+   for (auto it = gQueues.begin(); it != gQueues.end();) {
+      if (CodeIn((*it)->creator, base)) {
+         what->push_back("priority queue");
+         delete *it;
+         it = gQueues.erase(it);
+      } else {
+         ++it;
+      }
+   }
+}
+
 uint32_t LivePriQs() {
    std::lock_guard<std::mutex> guard(gPriQMutex);
    return static_cast<uint32_t>(gQueues.size());
@@ -72,6 +87,7 @@ zek_Status zek_PriQCreate(zek_ModuleID, zek_HeapID, uint32_t, uint32_t capacity,
    if (queue == nullptr || capacity == 0) return kBadParam;
    auto *created = new zek_PriQ;
    created->capacity = capacity;
+   created->creator = __builtin_return_address(0);
    std::lock_guard<std::mutex> guard(gPriQMutex);
    gQueues.insert(created);
    *queue = created;

@@ -184,6 +184,9 @@ uint32_t LiveWorlds();
 /* The queue's elements with their keys, first to be extracted first. */
 std::vector<std::pair<int64_t, void *>> PriQContents(zek_PriQHandle queue);
 uint32_t LivePriQs(); /* created and not destroyed */
+/* At a module's unload: frees the queues its code created and did not
+ * destroy, naming each in `what`. */
+void DropPriQsOf(const void *base, std::vector<std::string> *what);
 
 } // namespace sim
 

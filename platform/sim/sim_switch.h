@@ -153,8 +153,9 @@ LoadedModule *LoadModule(const std::string &soPath,
  * created since the load and not destroyed;
  * framesLive: sim::FramesLive() after the unload; callbacksLeft: chains,
  * subscriptions, property registrations, Transit clients and port data
- * destructors still pointing into the module's code, each reported as a
- * host failure and dropped (never called).  The RTM service forgets the
+ * destructors still pointing into the module's code, and priority queues
+ * its code created and did not destroy, each reported as a host failure and
+ * dropped (never called, queues freed).  The RTM service forgets the
  * module's clients by itself (sim_migration.h). */
 struct UnloadReport {
    uint64_t leaks;

@@ -239,6 +239,21 @@ TEST_F(ModuleLoad, StartRegistersEveryVswitchPortsetAndStopTakesAllAway) {
    EXPECT_EQ(sim::LiveClientRegistrations(), 0u);
 }
 
+TEST_F(ModuleLoad, AgingQueueTheHostRefusedToDestroyIsToldAndFreedAtUnload) {
+   ASSERT_EQ(Load({{"isLiveUpgrade", 0}}), 0);
+   ASSERT_EQ(sim::LivePriQs(), 1u);
+   sim::FaultCall("PriQDestroy", 0xbad0007);
+   sim::UnloadReport report = sim::UnloadModule(module_);
+   module_ = nullptr;
+   EXPECT_EQ(report.leaks, 0u);
+   EXPECT_EQ(report.framesLive, 0u);
+   EXPECT_EQ(report.callbacksLeft, 1u);
+   EXPECT_EQ(TakeFailures(), (std::vector<std::string>{
+                                "module unloaded with its priority queue still in place"}));
+   EXPECT_EQ(sim::LivePriQs(), 0u);
+   sim::FaultClear();
+}
+
 TEST_F(ModuleLoad, PortsetEventsAfterStartRegisterAndUnregister) {
    ASSERT_EQ(Load({}), 0);
    sim::AddPortset("vs2");
