@@ -59,11 +59,7 @@ protected:
    }
 
    zek_Status Configure(const Bytes &blob, VigilFilter *f = nullptr) {
-      f = f != nullptr ? f : filter;
-      Vigil_LockPortAndFilter(f->portID, true);
-      zek_Status status = VigilConfigSecurity(f, (const VigilSecurityConfig *)blob.data());
-      Vigil_UnlockPortAndFilter(f, true);
-      return status;
+      return ConfigureSecurity(f != nullptr ? f : filter, blob);
    }
 
    zek_Status Discovery(bool dhcp, bool arp, bool flush) {

@@ -95,11 +95,7 @@ protected:
    }
 
    zek_Status Configure(const blobs::Security &security) {
-      Bytes blob = security.Build();
-      Vigil_LockPortAndFilter(kPort, true);
-      zek_Status status = VigilConfigSecurity(filter, (const VigilSecurityConfig *)blob.data());
-      Vigil_UnlockPortAndFilter(filter, true);
-      return status;
+      return ConfigureSecurity(filter, security.Build());
    }
 
    /* What a run shows: each frame's verdict, the drop counters, the lines

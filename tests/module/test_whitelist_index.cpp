@@ -454,11 +454,7 @@ protected:
    }
 
    zek_Status Configure(const blobs::Security &security) {
-      Bytes blob = security.Build();
-      Vigil_LockPortAndFilter(kPort, true);
-      zek_Status status = VigilConfigSecurity(filter, (const VigilSecurityConfig *)blob.data());
-      Vigil_UnlockPortAndFilter(filter, true);
-      return status;
+      return ConfigureSecurity(filter, security.Build());
    }
 
    u64 LiveAllocations() { return sim::GetHeapStats(heapID).allocations; }

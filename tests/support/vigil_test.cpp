@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "vigil_config.h"
 #include "vigil_lifecycle.h"
 #include "vigil_pipeline.h"
 #include "vigil_switch.h"
@@ -55,6 +56,13 @@ void VigilTest::SetUp() {
    sim::AddPortset("vs0");
    ASSERT_TRUE(sim::WaitIdle(5.0));
    sim::TakeLogs();
+}
+
+zek_Status VigilTest::ConfigureSecurity(VigilFilter *filter, const std::vector<u8> &blob) {
+   Vigil_LockPortAndFilter(filter->portID, true);
+   zek_Status status = VigilConfigSecurity(filter, (const VigilSecurityConfig *)blob.data());
+   Vigil_UnlockPortAndFilter(filter, true);
+   return status;
 }
 
 void VigilTest::TearDown() {

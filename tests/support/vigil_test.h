@@ -32,6 +32,9 @@ protected:
    VigilFilter *AddFilter(u32 portID);
    /* Removes the filter from its port and frees it. */
    void RemoveFilter(u32 portID);
+   /* Applies a security property blob to a filter under its port's and its
+    * own write locks, as a property write does. */
+   zek_Status ConfigureSecurity(VigilFilter *filter, const std::vector<u8> &blob);
 
    /* Runs frames as one batch through a chain callback; returns the verdict
     * of each frame ("forward" or "drop"), matched by identity. */
